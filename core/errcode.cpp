@@ -1,0 +1,214 @@
+#include "core/errcode.h"
+
+#include <cstdio>
+#include <map>
+
+#include "platform/keyfile.h"
+#include "platform/log.h"
+
+namespace ZARNPackageTool {
+
+namespace {
+
+std::string JoinMemberNames(const Json::Value& object) {
+    std::string out;
+    if (!object.isObject()) {
+        return out;
+    }
+    for (const auto& name : object.getMemberNames()) {
+        out += out.empty() ? name : ", " + name;
+    }
+    return out;
+}
+
+// A list member may come as a string or as an array of strings.
+std::string ListText(const Json::Value& value) {
+    if (value.isString()) {
+        return value.asString();
+    }
+    std::string out;
+    if (value.isArray()) {
+        for (const auto& item : value) {
+            if (item.isString()) {
+                out += out.empty() ? item.asString() : ", " + item.asString();
+            }
+        }
+    }
+    return out;
+}
+
+bool IsFilled(const Json::Value& value) {
+    return !ListText(value).empty() || (value.isObject() && !value.empty());
+}
+
+// An OS bound as the file check prints it; the detail is either an object with "major",
+// "minor", "build", "nano" or the version text "major.minor-build[-nano]".
+std::string OSBoundText(const Json::Value& detail, int defaultNano) {
+    int major = 0, minor = 0, build = 0, nano = defaultNano;
+    if (detail.isObject()) {
+        major = detail.get("major", 0).asInt();
+        minor = detail.get("minor", 0).asInt();
+        build = detail.get("build", 0).asInt();
+        nano = detail.get("nano", defaultNano).asInt();
+    } else if (detail.isString()) {
+        int n = 0;
+        if (std::sscanf(detail.asCString(), "%d.%d-%d-%d", &major, &minor, &build, &n) == 4) {
+            nano = n;
+        }
+    }
+    char buf[64];
+    if (nano == defaultNano) {
+        std::snprintf(buf, sizeof(buf), "%d.%d-%04d", major, minor, build);
+    } else {
+        std::snprintf(buf, sizeof(buf), "%d.%d-%04d (update %d)", major, minor, build, nano);
+    }
+    return buf;
+}
+
+std::string MemberText(const Json::Value& detail, const char* name) {
+    if (!detail.isObject() || !detail.isMember(name)) {
+        return "";
+    }
+    const Json::Value& v = detail[name];
+    return v.isString() ? v.asString() : (v.isNull() ? "" : v.toStyledString());
+}
+
+}  // namespace
+
+Json::Value PMSFileCheckMessage(PKG_ERRCODE code, const Json::Value& detail,
+                                const std::string& displayName) {
+    static const std::map<unsigned int, const char*> plainKeys = {
+        {PKG_ERR_BROKEN, "pkgmgr:pkgmgr_file_not_package"},
+        {PKG_ERR_BAD_PACKAGE, "pkgmgr:broken_package"},
+        {PKG_ERR_SYSTEM, "error:error_error_system"},
+        {PKG_ERR_UPGRADE, "pkgmgr:pkgmgr_pkg_cannot_upgrade"},
+        {PKG_ERR_NO_SPACE, "pkgmgr:error_sys_no_space"},
+        {PKG_ERR_VOLUME_CREATING, "pkgmgr:pkgmgr_space_not_ready"},
+        {PKG_ERR_SIGN_NOT_MAKER, "pkgmgr:pkgmgr_not_zarn_publish"},
+        {PKG_ERR_SIGN_UNKNOWN_PUBLISHER, "pkgmgr:pkgmgr_unknown_publisher"},
+        {PKG_ERR_SIGN_NONE, "pkgmgr:pkgmgr_no_signature"},
+        {PKG_ERR_SIGN_EXPIRED, "pkgmgr:pkgmgr_cert_expired"},
+        {PKG_ERR_SIGN_BROKEN, "pkgmgr:broken_package"},
+        {PKG_ERR_SIGN_CHECK, "error:error_error_system"},
+        {PKG_ERR_NO_WORKING_VOLUME, "pkgmgr:pkgmgr_space_not_ready"},
+    };
+    Json::Value msg(Json::arrayValue);
+    if (code == PKG_ERR_SUCCESS || code == PKG_ERR_SIGN_OK) {
+        return msg;
+    }
+    auto plain = plainKeys.find(code);
+    if (plain != plainKeys.end()) {
+        msg.append(plain->second);
+        return msg;
+    }
+    switch (code) {
+        case PKG_ERR_VERSION_LIMIT:
+            msg.append("pkgmgr:pkg_install_version_less_than_limit");
+            msg.append(displayName);
+            msg.append(MemberText(detail, "curVersion"));
+            msg.append(MemberText(detail, "insVersion"));
+            break;
+        case PKG_ERR_SERVICE_NOT_STARTED: {
+            const Json::Value services =
+                detail.isObject() ? detail["serviceNoStarted"] : Json::Value();
+            bool ssh = false;
+            std::string first;
+            if (services.isArray()) {
+                for (const auto& s : services) {
+                    if (!s.isString()) {
+                        continue;
+                    }
+                    ssh = ssh || s.asString() == "ssh-shell";
+                    if (first.empty()) {
+                        first = s.asString();
+                    }
+                }
+            }
+            if (ssh) {
+                msg.append("tree:require_sshd");
+            } else {
+                msg.append("pkgmgr:require_service");
+                msg.append(first);
+            }
+            break;
+        }
+        case PKG_ERR_DOWNGRADE:
+            msg.append("pkgmgr:downgrade_version");
+            msg.append(MemberText(detail, "curVersion"));
+            msg.append(MemberText(detail, "insVersion"));
+            break;
+        case PKG_ERR_DEPENDENCY: {
+            const Json::Value packages = detail.isObject() ? detail["packages"] : Json::Value();
+            const Json::Value unstarted =
+                detail.isObject() ? detail["unStartPkgList"] : Json::Value();
+            if (IsFilled(packages) && IsFilled(unstarted)) {
+                msg.append("pkgmgr:depend_uninst_unstart");
+                msg.append(JoinMemberNames(packages));
+                msg.append(ListText(unstarted));
+            } else if (IsFilled(unstarted)) {
+                msg.append("pkgmgr:depend_unstart");
+                msg.append(ListText(unstarted));
+            } else {
+                msg.append("pkgmgr:depend_packages");
+                msg.append(JoinMemberNames(packages));
+            }
+            break;
+        }
+        case PKG_ERR_PLATFORM: {
+            std::string product;
+            if (VLIBCFileGetKeyValue("/etc.defaults/zarninfo.conf", "product", product) <= 0) {
+                ZLOGERR("Failed to get product");
+                break;
+            }
+            msg.append("pkgmgr:pkgmgr_pkg_not_support_platform");
+            msg.append(product);
+            break;
+        }
+        case PKG_ERR_PORT_CONFLICT: {
+            char port[8];
+            std::snprintf(port, sizeof(port), "%s", detail.isString() ? detail.asCString() : "");
+            msg.append("pkgmgr:port_conflict");
+            msg.append(port);
+            break;
+        }
+        case PKG_ERR_CONFLICT:
+            msg.append("pkgmgr:conflict_packages");
+            msg.append(ListText(detail.isObject() ? detail["instPackageList"] : Json::Value()));
+            break;
+        case PKG_ERR_OS_TOO_NEW:
+            msg.append("pkgmgr:pkgmgr_pkg_required_older_version");
+            msg.append(OSBoundText(detail, 99999));
+            break;
+        case PKG_ERR_OS_TOO_OLD:
+            msg.append("pkgmgr:pkgmgr_pkg_required_newer_version");
+            msg.append(OSBoundText(detail, 0));
+            break;
+        default:
+            msg.append(PKG_MSG_DEFAULT);
+            break;
+    }
+    return msg;
+}
+
+std::string PMSServerInstallMessageKey(PKG_ERRCODE code) {
+    static const std::map<unsigned int, const char*> keys = {
+        {PKG_ERR_NOT_INSTALLED, "pkgmgr:pkgmgr_pkg_not_available"},
+        {PKG_ERR_VERSION_LIMIT, "pkgmgr:pkg_install_version_less_than_limit"},
+        {PKG_ERR_BAD_PACKAGE, "pkgmgr:pkgmgr_file_not_package"},
+        {PKG_ERR_DOWNGRADE, "pkgmgr:downgrade_version"},
+        {PKG_ERR_DEPENDENCY, "pkgmgr:error_upgrade_dep_packages"},
+        {PKG_ERR_DEP_HANDLE, "pkgmgr:error_upgrade_dep_packages"},
+        {PKG_ERR_ALREADY_INSTALLED, "pkgmgr:pkgmgr_pkg_install_already"},
+        {PKG_ERR_DEP_CYCLE, "pkgmgr:depend_cycle"},
+        {PKG_ERR_LOCK, "pkgmgr:error_occupied"},
+        {PKG_ERR_INSTALL, "pkgmgr:pkgmgr_file_install_failed"},
+        {PKG_ERR_UPGRADE, "pkgmgr:upgrade_fail"},
+        {PKG_ERR_NO_SPACE, "error:error_space_not_enough"},
+        {PKG_ERR_VOLUME_CREATING, "error:volume_creating"},
+        {PKG_ERR_NO_WORKING_VOLUME, "error:volume_no_volumes"},
+    };
+    auto it = keys.find(code);
+    return it == keys.end() ? PKG_MSG_DEFAULT : it->second;
+}
+
+}  // namespace ZARNPackageTool

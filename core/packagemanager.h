@@ -1,0 +1,203 @@
+#pragma once
+
+#include <json/json.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/errcode.h"
+#include "core/packageinfo.h"
+#include "platform/export.h"
+
+namespace ZARNPackageTool {
+
+struct PackageManagerPrivate;
+
+// The frame through which every caller reaches the library: construct on the stack, init(),
+// one operation, then getResult().
+class ZARNPKG_API PackageManager {
+public:
+    PackageManager();
+    ~PackageManager();
+    PackageManager(const PackageManager&) = delete;
+    PackageManager& operator=(const PackageManager&) = delete;
+
+    bool init();
+
+    // Results and parameters.
+    void setResult(PKG_ERRCODE code);
+    void setResult(PKG_ERRCODE code, Json::Value data);
+    PKG_ERRCODE getResult() const;
+    PKG_ERRCODE getResult(Json::Value& data) const;
+    void setIntParam(unsigned int value);
+    unsigned int getIntParam() const;
+    void insertMapParam(const std::string& key, const std::string& value);
+    void insertJsonParam(const std::string& key, const Json::Value& value);
+    std::string getMapParam(const std::string& key) const;
+    Json::Value getJsonParam(const std::string& key) const;
+    const std::map<std::string, std::string>& getMapParams() const;
+    const PackageInfo* getPackageInfoData() const;
+    PackageInfo* getPackageInfoData();
+    static void setSkipUpgradeCheck(bool skip);
+    static bool getSkipUpgradeCheck();
+
+    // Log path.
+    std::string getFixedLogFilePath(const std::string& name);
+    std::string getLogFilePath() const;
+
+    // Not implemented in this system: always 0x107.
+    bool move(const std::string& from, const std::string& to);
+
+    static std::string getUpdatedAt(const std::string& name);
+
+    // Registry enumeration.
+    std::vector<std::string> enumPackages(const std::set<std::string>& volumes,
+                                          unsigned long long mask);
+    std::vector<std::string> enumPackages(const char* volume, unsigned long long mask);
+    PackageBasicInfoMap enumPackageMap(unsigned long long mask);
+    void enumPackageInfoMap(std::map<std::string, PackageInfo>& out, const char* lang,
+                            unsigned long long mask);
+    bool enumPackageInfoByPath(const char* path, std::vector<PackageInfo>& out,
+                               std::vector<std::string>& bad, const char* lang,
+                               unsigned long long mask);
+    void enumPackageInfo(std::vector<PackageInfo>& out, const char* lang, unsigned long long mask);
+
+    // Registry lookup.
+    bool getPackageInfo(const std::string& name, PackageInfo& info, const char* lang,
+                        unsigned long long mask);
+    bool getPackageInfo(std::vector<std::string>& names, std::vector<PackageInfo>& out,
+                        const char* lang, unsigned long long mask);
+    bool getInstallPackageInfo(const std::string& name, PackageInfo& info, const char* lang,
+                               unsigned long long mask);
+    bool getPackageInfoByPathAndName(const char* root, const std::string& name, PackageInfo& info,
+                                     const char* lang, unsigned long long mask);
+    bool getPackageInfoByPath(const char* dir, PackageInfo& info, const char* lang);
+    bool getPackageInfoByPathAndInfoType(const char* dir, PackageInfo& info, const char* lang,
+                                         unsigned long long mask);
+    bool hasEnableConf(const std::string& dir, bool& enabled);
+    bool isServiceEnabled(const char* name);
+
+    // The package lock.
+    static bool ExLock(int seconds);
+    static void UnLock();
+
+    // Versions and platform matching.
+    bool CanPackageStartInThisFirmware(const PackageInfo& info);
+    bool IsPkgUnavailable(const PackageInfo& info);
+    bool IsPkgUnavailable(const PackageInfo& info,
+                          const std::map<std::string, PackageInfo>& installed);
+    bool IsPkgUnavailable(const Json::Value& info);
+    bool IsPkgUnavailable(const Json::Value& info,
+                          const std::map<std::string, PackageInfo>& installed);
+
+    // Dependency checks (dependency/depcheck.cpp). Mind the senses: areDepPkgsInstalled is
+    // true when someone of the list is present, arePackagesDepended when no one depends.
+    bool areDepPkgsInstalled(const DepPkgVector& list, std::vector<PackageInfo>& found,
+                             const char* language);
+    bool areDepPkgsInstalled(const DepPkgVector& list, std::vector<std::string>& displayNames,
+                             const char* language);
+    bool arePackagesConflict(PackageBasicInfo pkg, const DepPkgVector& conflicts,
+                             const DepPkgVector& breaks, const DepPkgVector& replaces,
+                             std::string& names, const char* language);
+    bool arePackagesConflict(PackageBasicInfo pkg, const DepPkgVector& conflicts,
+                             std::string& names, const char* language);
+    bool IsBrokenByOtherPkg(PackageBasicInfo pkg, std::vector<std::string>* names,
+                            const char* language);
+    bool IsBrokenByOtherPkg(PackageBasicInfo pkg, std::vector<std::string>* names,
+                            const std::map<std::string, PackageInfo>& installed);
+    bool arePackagesDepended(const std::string& name, const char* language, std::string& names);
+    bool arePackagesDepended(const std::string& name, const char* language,
+                             std::vector<std::string>& names);
+    bool areDependentPackageStop(const std::string& name, const char* language,
+                                 std::string& names);
+    bool getDepPkgListStop(const std::vector<std::string>& packages, const std::string& skipName,
+                           const char* language, Json::Value& out);
+    bool getDepPkgListStop(const std::string& name, const char* language, Json::Value& out);
+
+    // Ordering (dependency/ordering.cpp). Orders are stop orders: dependants first.
+    bool topologicalSortPkgs(std::vector<PackageInfo>& packages, std::vector<std::string>& order);
+    bool hasCycle(const PackageInfo& candidate);
+    bool getDependencyOrder(std::vector<std::string>& order);
+    bool getDependencyOrder(const char* name, std::vector<std::string>& order, bool byEnabledFlag,
+                            bool all);
+    bool getDependencyOrder(const char* name, std::vector<std::string>& order,
+                            bool byEnabledFlag);
+    bool getAncestryDependencyOrder(const char* name, std::vector<PackageInfo>& packages,
+                                    std::vector<std::string>& order);
+    bool getDepServicePkgs(const std::set<std::string>& services, std::vector<PackageInfo>& out);
+    bool getDepServicePkgs(const std::vector<unsigned int>& services,
+                           std::vector<PackageInfo>& out);
+    bool areDependencyPkgStarting(const std::string& name);
+    bool arePackagesInstallAndStart(const DepPkgVector& deps, Json::Value& missing,
+                                    std::string& names, const char* language);
+
+    // Package status (core/status.cpp).
+    std::string getServiceScript(const std::string& name, PackageInfo& info);
+    bool getServiceStatus(const std::string& name, bool& running, bool useScript, bool strict);
+    bool getServiceStatus(const std::string& name, bool& running, bool useScript);
+    int getPkgStatus(const std::string& name);
+    bool getPkgRoughStatus(const std::string& name, int& rough);
+    bool isStarted(const std::string& name, bool strict);
+    bool isStarted(const std::string& name);
+    unsigned int checkServiceStarted(unsigned int mask);
+    std::set<std::string> checkServiceStarted(const std::set<std::string>& services);
+
+    // The package's own log text, from "start-stop-status log" (lifecycle/package_log.cpp).
+    std::string getPackageLog(const std::string& name, bool quiet);
+    std::string getPackageLog(const std::string& name);
+
+    // Paths, volumes and space (core/paths.cpp).
+    bool CheckVolume(const char* file, const PackageInfo& info);
+    bool GetAppStoreVolume(const PackageInfo& info, const char* path, unsigned long long size,
+                           std::string& out);
+    bool IsRootPartitionHasEnoughSpace();
+
+    // Signature (package/signature.cpp): one of 0x11f..0x125, not stored as the result.
+    int verifyPackageSignature(const char* file);
+
+    // Package archive and wizard files (package/archive.cpp, package/uifile.cpp).
+    bool queryPackageFileInfo(const std::string& file, PackageInfo& info,
+                              PKG_INSTALLATION_TYPE type, const char* lang);
+    bool queryPackageFileInfoWithWizard(const std::string& file, PackageInfo& info,
+                                        PKG_INSTALLATION_TYPE type, const char* lang);
+    bool verifyPackageTgzFile(const std::string& file, const char* checksum);
+    int compareWithInstallPkgInfo(const PackageInfo& info);
+    bool checkPkgInfoCanInstallEx(PackageInfo& info, const char* lang);
+    bool checkPkgInfoCanInstall(PackageInfo& info, const char* lang);
+    bool parseUIFile(const std::string& file, const std::string& tmp, PKG_INSTALLATION_TYPE type,
+                     PackageInfo& info, const char* lang);
+    bool readUIFile(PKG_INSTALLATION_TYPE type, const std::string& name, PackageInfo& info,
+                    const char* lang) const;
+    bool readUIFile(const std::string& file, const std::string& tmp, PackageInfo& info,
+                    const char* lang) const;
+
+    // Service strings of INFO.
+    static unsigned int PMSExplodeServiceString(const char* names);
+    static std::set<std::string> getServiceSetFromString(const char* names);
+    static void parseService(unsigned int mask, Json::Value& out);
+
+private:
+    std::string logFilePath_;
+    std::unique_ptr<PackageManagerPrivate> d_;
+};
+
+// Free helpers of the frame.
+ZARNPKG_API std::vector<std::string> PMSExplodeString(const std::string& s,
+                                                      const std::string& delims);
+ZARNPKG_API std::string joinStringArray(const std::vector<std::string>& items,
+                                        const std::string& sep);
+ZARNPKG_API void joinJsonArray(const Json::Value& items, const std::string& sep,
+                               std::string& out);
+ZARNPKG_API bool PMSCheckIsExec(const std::string& path);
+ZARNPKG_API std::string PMSReadLink(const std::string& path);
+ZARNPKG_API bool PMReadFile(const char* path, unsigned int limit, std::string& out,
+                            unsigned long long* size);
+ZARNPKG_API std::string PMSGetText(const std::string& key, const std::string& lang,
+                                   const std::string& section, const std::string& package);
+ZARNPKG_API bool GetFileModifiedTime(std::string& path, long& seconds);
+ZARNPKG_API unsigned long djb2(const std::string& text);
+
+}  // namespace ZARNPackageTool

@@ -1,0 +1,293 @@
+#include "core/registry.h"
+
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include "core/infoloader.h"
+#include "core/packagemanager.h"
+#include "lifecycle/script_mask.h"
+#include "package/uifile_names.h"
+#include "platform/files.h"
+#include "platform/log.h"
+
+namespace ZARNPackageTool {
+
+namespace {
+
+constexpr const char* kSystemInstallPath = "/usr/local/packages";
+
+// Registry folders: only entries that the listing reports as directories count, so a link or a
+// file under the root is never a package.
+std::vector<std::string> RegistryFolders(const std::string& root, bool* ok = nullptr) {
+    std::vector<ZARNDirEntry> entries;
+    std::vector<std::string> names;
+    bool listed = ZARNListDir(root, entries);
+    if (ok != nullptr) {
+        *ok = listed;
+    }
+    for (const auto& e : entries) {
+        if (e.type == ZARNFileType::Directory) {
+            names.push_back(e.name);
+        }
+    }
+    return names;
+}
+
+// Language for a scan: the caller's, or the system's read once for all packages.
+struct ScanLanguage {
+    explicit ScanLanguage(const char* lang)
+        : given(lang != nullptr), text(lang != nullptr ? lang : PMSSystemLanguage()) {}
+    const char* get() const { return text.c_str(); }
+    bool given;
+    std::string text;
+};
+
+}  // namespace
+
+std::string PMSRegistryDir(const std::string& name) {
+    return std::string(PKG_REGISTRY_DIR) + "/" + name;
+}
+
+bool PMSCheckPackage(const std::string& name) {
+    const std::string dir = PMSRegistryDir(name);
+    return ZARNIsDir(dir) && IsFileExists(dir + "/INFO");
+}
+
+std::string PMSGetPackageTarget(const std::string& name) {
+    const std::string link = PMSRegistryDir(name) + "/target";
+    if (!ZARNIsDir(link)) {
+        return "";
+    }
+    std::string target;
+    return ZARNReadLink(link, target) ? target : "";
+}
+
+std::string PMSGetPackageTargetVolByPath(const char* dir) {
+    if (dir == nullptr) {
+        return "";
+    }
+    std::string target;
+    if (!ZARNReadLink(std::string(dir) + "/target", target) || target.empty()) {
+        return "";
+    }
+    if (target.compare(0, std::char_traits<char>::length(kSystemInstallPath),
+                       kSystemInstallPath) == 0) {
+        return "not_volume_path";
+    }
+    size_t second = target.find('/', 1);
+    return second == std::string::npos ? target : target.substr(0, second);
+}
+
+bool PMSCheckEnabledFile(const char* dir) {
+    return dir != nullptr && IsFileExists(std::string(dir) + "/enabled");
+}
+
+int PMSLockFile(const char* path, bool exclusive) {
+    if (path == nullptr) {
+        return -1;
+    }
+    int fd = ZARNOpen(path, O_RDWR | O_CREAT, 0644);
+    if (fd < 0) {
+        return -1;
+    }
+    if (flock(fd, exclusive ? LOCK_EX : LOCK_SH) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+void PMSUnlockFile(int fd) {
+    if (fd < 0) {
+        return;
+    }
+    flock(fd, LOCK_UN);
+    close(fd);
+}
+
+std::vector<std::string> PackageManager::enumPackages(const std::set<std::string>& volumes,
+                                                      unsigned long long mask) {
+    std::vector<std::string> out;
+    ScanLanguage lang(nullptr);
+    for (const auto& name : RegistryFolders(PKG_REGISTRY_DIR)) {
+        PackageInfo info;
+        const std::string dir = PMSRegistryDir(name);
+        if (!PMSLoadPKGInfoFileImpl(dir, info, lang.get(), false, mask)) {
+            continue;
+        }
+        std::string target;
+        if (!volumes.empty() && ZARNReadLink(dir + "/target", target) && !target.empty()) {
+            bool onVolume = false;
+            for (std::string vol : volumes) {
+                if (vol.empty() || vol.back() != '/') {
+                    vol += "/";
+                }
+                onVolume = onVolume || target.compare(0, vol.size(), vol) == 0;
+            }
+            if (!onVolume) {
+                continue;
+            }
+        }
+        out.push_back(name);
+    }
+    return out;
+}
+
+std::vector<std::string> PackageManager::enumPackages(const char* volume,
+                                                      unsigned long long mask) {
+    std::set<std::string> volumes;
+    if (volume != nullptr) {
+        volumes.insert(volume);
+    }
+    return enumPackages(volumes, mask);
+}
+
+PackageBasicInfoMap PackageManager::enumPackageMap(unsigned long long mask) {
+    PackageBasicInfoMap out;
+    std::vector<PackageInfo> records;
+    enumPackageInfo(records, nullptr, mask);
+    for (const auto& info : records) {
+        out.insertPackagae(info.name, info.version, info.beta, PKG_VER_ANY);
+    }
+    return out;
+}
+
+void PackageManager::enumPackageInfoMap(std::map<std::string, PackageInfo>& out,
+                                        const char* lang, unsigned long long mask) {
+    std::vector<PackageInfo> records;
+    enumPackageInfo(records, lang, mask);
+    for (auto& info : records) {
+        std::string name = info.name;
+        out.emplace(std::move(name), std::move(info));
+    }
+}
+
+bool PackageManager::enumPackageInfoByPath(const char* path, std::vector<PackageInfo>& out,
+                                           std::vector<std::string>& bad, const char* lang,
+                                           unsigned long long mask) {
+    bool listed = false;
+    std::vector<std::string> folders;
+    if (path != nullptr) {
+        folders = RegistryFolders(path, &listed);
+    }
+    if (!listed) {
+        ZLOGERR("Failed to opendir: %s, %m", path != nullptr ? path : "(null)");
+        setResult(PKG_ERR_ENUM);
+        return false;
+    }
+    ScanLanguage language(lang);
+    out.reserve(out.size() + folders.size());
+    for (const auto& name : folders) {
+        const std::string dir = std::string(path) + "/" + name;
+        if (!IsFileExists(dir + "/INFO")) {
+            continue;
+        }
+        PackageInfo info;
+        if (PMSLoadPKGInfoFileImpl(dir, info, language.get(), language.given, mask)) {
+            out.push_back(std::move(info));
+        } else {
+            bad.push_back(name);
+        }
+    }
+    if (!bad.empty()) {
+        Json::Value names(Json::arrayValue);
+        for (const auto& b : bad) {
+            names.append(b);
+        }
+        setResult(PKG_ERR_ENUM, names);
+        return false;
+    }
+    return true;
+}
+
+void PackageManager::enumPackageInfo(std::vector<PackageInfo>& out, const char* lang,
+                                     unsigned long long mask) {
+    std::vector<std::string> bad;
+    PackageManager scan;
+    scan.enumPackageInfoByPath(PKG_REGISTRY_DIR, out, bad, lang, mask);
+}
+
+bool PackageManager::getPackageInfoByPathAndName(const char* root, const std::string& name,
+                                                 PackageInfo& info, const char* lang,
+                                                 unsigned long long mask) {
+    if (root == nullptr) {
+        return false;
+    }
+    return PMSLoadPKGInfoFile(std::string(root) + "/" + name, info, lang, mask);
+}
+
+bool PackageManager::getInstallPackageInfo(const std::string& name, PackageInfo& info,
+                                           const char* lang, unsigned long long mask) {
+    return getPackageInfoByPathAndName(PKG_REGISTRY_DIR, name, info, lang, mask);
+}
+
+bool PackageManager::getPackageInfo(const std::string& name, PackageInfo& info, const char* lang,
+                                    unsigned long long mask) {
+    bool ok = getInstallPackageInfo(name, info, lang, mask);
+    setResult(ok ? PKG_ERR_SUCCESS : PKG_ERR_NOT_INSTALLED);
+    return ok;
+}
+
+bool PackageManager::getPackageInfo(std::vector<std::string>& names, std::vector<PackageInfo>& out,
+                                    const char* lang, unsigned long long mask) {
+    bool ok = true;
+    for (const auto& name : names) {
+        PackageInfo info;
+        if (!getInstallPackageInfo(name, info, lang, mask)) {
+            ZLOGERR("get %s pkginfo failed ... [%m]", name.c_str());
+            ok = false;
+            info = PackageInfo();
+        }
+        // An empty record keeps the two vectors aligned.
+        out.push_back(std::move(info));
+    }
+    return ok;
+}
+
+bool PackageManager::getPackageInfoByPath(const char* dir, PackageInfo& info, const char* lang) {
+    return getPackageInfoByPathAndInfoType(dir, info, lang, PKG_MASK_ALL);
+}
+
+bool PackageManager::getPackageInfoByPathAndInfoType(const char* dir, PackageInfo& info,
+                                                     const char* lang, unsigned long long) {
+    if (dir == nullptr || dir[0] == '\0') {
+        return false;
+    }
+    const std::string folder(dir);
+    bool loaded = PMSLoadPKGInfoFile(folder, info, lang, PKG_MASK_ALL);
+    info.script_mask = PMGetScriptMask(folder + "/scripts");
+    for (const auto& candidate : PMSUIFileCandidates(PKG_INSTALLATION_UNINSTALL, lang)) {
+        if (IsFileExists(folder + "/" + candidate)) {
+            info.has_uninstall_wizard = true;
+            break;
+        }
+    }
+    return loaded;
+}
+
+bool PackageManager::hasEnableConf(const std::string& dir, bool& enabled) {
+    enabled = IsFileExists(dir + "/enabled");
+    return true;
+}
+
+bool PackageManager::isServiceEnabled(const char* name) {
+    if (name == nullptr || name[0] == '\0') {
+        setResult(PKG_ERR_SYSTEM);
+        return false;
+    }
+    const std::string dir = PMSRegistryDir(name);
+    if (!ZARNIsDir(dir)) {
+        setResult(PKG_ERR_NOT_INSTALLED);
+        return false;
+    }
+    if (!PMSCheckEnabledFile(dir.c_str())) {
+        setResult(PKG_ERR_NOT_ENABLED);
+        return false;
+    }
+    setResult(PKG_ERR_SUCCESS);
+    return true;
+}
+
+}  // namespace ZARNPackageTool

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "platform/export.h"
+
+// Numbered locks: flock on files under /tmp/lock/ of the root, held by the process until
+// released. 0x10000006 is the package lock, /tmp/lock/lock_pkg.
+constexpr unsigned int PackageLockId = 0x10000006;
+
+// The logical lock file of a numbered lock.
+ZARNPKG_API std::string ZARNLockPath(unsigned int id);
+// Takes the lock, waiting up to `seconds` (0: one try). 0 when held; else -1 with errno set
+// (EAGAIN for a plain timeout) and the last error set.
+ZARNPKG_API int VLIBCFileLock(unsigned int id, int seconds);
+ZARNPKG_API int VLIBCFileUnlock(unsigned int id);

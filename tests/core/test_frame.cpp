@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "core/packagemanager.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+TEST(Frame, ResultsAndParameters) {
+    PackageManager pm;
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
+    EXPECT_EQ(pm.getMapParam("nothing"), "");
+    Json::Value absent = pm.getJsonParam("nothing");
+    EXPECT_TRUE(absent.isString());
+    EXPECT_EQ(absent.asString(), "");
+
+    pm.insertMapParam("k", "first");
+    pm.insertMapParam("k", "second");
+    EXPECT_EQ(pm.getMapParam("k"), "first");
+    Json::Value obj;
+    obj["a"] = 1;
+    pm.insertJsonParam("j", obj);
+    EXPECT_EQ(pm.getJsonParam("j")["a"].asInt(), 1);
+
+    Json::Value data;
+    data["x"] = "y";
+    pm.setResult(PKG_ERR_DOWNGRADE, data);
+    Json::Value out = "stale";
+    EXPECT_EQ(pm.getResult(out), PKG_ERR_DOWNGRADE);
+    EXPECT_EQ(out["x"].asString(), "y");
+    pm.setResult(PKG_ERR_CONFLICT);
+    EXPECT_EQ(pm.getResult(out), PKG_ERR_CONFLICT);
+    EXPECT_TRUE(out.isNull());
+
+    pm.setIntParam(7);
+    EXPECT_EQ(pm.getIntParam(), 7u);
+    EXPECT_FALSE(pm.move("a", "b"));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SYSTEM);
+
+    EXPECT_EQ(pm.getLogFilePath(), "");
+    EXPECT_EQ(pm.getFixedLogFilePath("demo"), "/tmp/zarnpkgmgr.log-demo");
+    EXPECT_EQ(pm.getLogFilePath(), "/tmp/zarnpkgmgr.log-demo");
+}
+
+TEST(Frame, FreeHelpers) {
+    EXPECT_EQ(PMSExplodeString("::a:b::c:", ":"), (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_TRUE(PMSExplodeString("", ":").empty());
+    EXPECT_EQ(PMSExplodeString("a b\tc", " \t").size(), 3u);
+    EXPECT_EQ(joinStringArray({"a", "b", "c"}, ", "), "a, b, c");
+    EXPECT_EQ(joinStringArray({}, ", "), "");
+    Json::Value arr(Json::arrayValue);
+    arr.append("x");
+    arr.append("y");
+    std::string joined;
+    joinJsonArray(arr, "|", joined);
+    EXPECT_EQ(joined, "x|y");
+    EXPECT_EQ(djb2(""), 5381u);
+    EXPECT_EQ(djb2("a"), 5381u * 33 + 'a');
+}
+
+TEST(Frame, MessageKeyMappings) {
+    Json::Value detail;
+    detail["curVersion"] = "2.0";
+    detail["insVersion"] = "1.0";
+    Json::Value msg = PMSFileCheckMessage(PKG_ERR_DOWNGRADE, detail, "Demo");
+    ASSERT_EQ(msg.size(), 3u);
+    EXPECT_EQ(msg[0].asString(), "pkgmgr:downgrade_version");
+    EXPECT_EQ(msg[2].asString(), "1.0");
+    msg = PMSFileCheckMessage(PKG_ERR_VERSION_LIMIT, detail, "Demo");
+    EXPECT_EQ(msg[0].asString(), "pkgmgr:pkg_install_version_less_than_limit");
+    EXPECT_EQ(msg[1].asString(), "Demo");
+
+    Json::Value services;
+    services["serviceNoStarted"].append("pgsql");
+    msg = PMSFileCheckMessage(PKG_ERR_SERVICE_NOT_STARTED, services, "");
+    EXPECT_EQ(msg[0].asString(), "pkgmgr:require_service");
+    EXPECT_EQ(msg[1].asString(), "pgsql");
+    services["serviceNoStarted"].append("ssh-shell");
+    msg = PMSFileCheckMessage(PKG_ERR_SERVICE_NOT_STARTED, services, "");
+    EXPECT_EQ(msg[0].asString(), "tree:require_sshd");
+
+    Json::Value deps;
+    deps["packages"]["a"] = "";
+    deps["packages"]["b"] = "";
+    msg = PMSFileCheckMessage(PKG_ERR_DEPENDENCY, deps, "");
+    EXPECT_EQ(msg[0].asString(), "pkgmgr:depend_packages");
+    EXPECT_EQ(msg[1].asString(), "a, b");
+    deps["unStartPkgList"] = "c";
+    msg = PMSFileCheckMessage(PKG_ERR_DEPENDENCY, deps, "");
+    EXPECT_EQ(msg[0].asString(), "pkgmgr:depend_uninst_unstart");
+    EXPECT_EQ(msg[2].asString(), "c");
+    deps.removeMember("packages");
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_DEPENDENCY, deps, "")[0].asString(),
+              "pkgmgr:depend_unstart");
+
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_PORT_CONFLICT, Json::Value("123456789"), "")[1]
+                  .asString(),
+              "1234567");
+    Json::Value bound;
+    bound["major"] = 6;
+    bound["minor"] = 2;
+    bound["build"] = 42;
+    bound["nano"] = 99999;
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_NEW, bound, "")[1].asString(), "6.2-0042");
+    bound["nano"] = 3;
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_NEW, bound, "")[1].asString(),
+              "6.2-0042 (update 3)");
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_OLD, Json::Value("6.3-7-0"), "")[1].asString(),
+              "6.3-0007");
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), "")[0].asString(),
+              "pkgmgr:pkgmgr_file_not_package");
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_SIGN_NOT_MAKER, Json::Value(), "")[0].asString(),
+              "pkgmgr:pkgmgr_not_zarn_publish");
+    for (unsigned int code : {0x100u, 0x110u, 0x130u, 0x137u, 0x50u}) {
+        EXPECT_EQ(PMSFileCheckMessage(static_cast<PKG_ERRCODE>(code), Json::Value(), "")[0]
+                      .asString(),
+                  PKG_MSG_DEFAULT)
+            << code;
+    }
+    EXPECT_TRUE(PMSFileCheckMessage(PKG_ERR_SUCCESS, Json::Value(), "").empty());
+
+    EXPECT_EQ(PMSServerInstallMessageKey(PKG_ERR_BAD_PACKAGE), "pkgmgr:pkgmgr_file_not_package");
+    EXPECT_EQ(PMSServerInstallMessageKey(PKG_ERR_NO_SPACE), "error:error_space_not_enough");
+    EXPECT_EQ(PMSServerInstallMessageKey(PKG_ERR_LOCK), "pkgmgr:error_occupied");
+    EXPECT_EQ(PMSServerInstallMessageKey(PKG_ERR_START), PKG_MSG_DEFAULT);
+}
+
+class FrameRoot : public TempRootTest {};
+
+TEST_F(FrameRoot, InitRepairsTheRegistryMode) {
+    ASSERT_EQ(chmod(phys("/var/packages").c_str(), 0700), 0);
+    PackageManager pm;
+    ASSERT_TRUE(pm.init());
+    struct stat st;
+    ASSERT_EQ(stat(phys("/var/packages").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    ASSERT_EQ(stat(phys("/usr/local/etc/rc.d").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_FALSE(pm.getPackageInfoData()->extra.get()->arch_ids.empty());
+
+    // A plain file where the registry should be makes init fail with a system error.
+    ASSERT_EQ(system(("rm -rf " + phys("/var/packages")).c_str()), 0);
+    writeFile("/var/packages", "not a folder");
+    PackageManager broken;
+    EXPECT_FALSE(broken.init());
+    EXPECT_EQ(broken.getResult(), PKG_ERR_SYSTEM);
+    EXPECT_NE(logText().find("Failed to init packages registry dir /var/packages"),
+              std::string::npos);
+}
+
+TEST_F(FrameRoot, FileHelpers) {
+    writeFile("/tmp/f", "0123456789");
+    std::string out;
+    unsigned long long size = 0;
+    ASSERT_TRUE(PMReadFile("/tmp/f", 4, out, &size));
+    EXPECT_EQ(out, "0123");
+    EXPECT_EQ(size, 4u);
+    EXPECT_FALSE(PMReadFile(nullptr, 0, out, nullptr));
+    EXPECT_FALSE(PMReadFile("/tmp/none", 0, out, nullptr));
+    EXPECT_NE(logText().find("Stat /tmp/none error"), std::string::npos);
+
+    writeFile("/tmp/script", "#!/bin/sh\n", 0744);
+    writeFile("/tmp/empty", "", 0755);
+    writeFile("/tmp/plain", "x", 0644);
+    EXPECT_TRUE(PMSCheckIsExec("/tmp/script"));
+    EXPECT_FALSE(PMSCheckIsExec("/tmp/empty"));
+    EXPECT_FALSE(PMSCheckIsExec("/tmp/plain"));
+    EXPECT_FALSE(PMSCheckIsExec("/tmp/none"));
+
+    ASSERT_EQ(symlink(phys("/tmp/f").c_str(), phys("/tmp/link").c_str()), 0);
+    EXPECT_EQ(PMSReadLink("/tmp/link"), "/tmp/f");
+    EXPECT_EQ(PMSReadLink("/tmp/f"), "");
+    long seconds = 0;
+    std::string path = "/tmp/f";
+    EXPECT_TRUE(GetFileModifiedTime(path, seconds));
+    EXPECT_GT(seconds, 0);
+
+    writeFile("/var/packages/demo/INFO", "package=\"demo\"\nversion=\"1\"\n");
+    writeFile("/volume1/@appstore/demo/ui/texts/fre/strings", "[common]\nhello=\"bonjour\"\n");
+    ASSERT_EQ(symlink(phys("/volume1/@appstore/demo").c_str(),
+                      phys("/var/packages/demo/target").c_str()),
+              0);
+    EXPECT_EQ(PMSGetText("hello", "fre", "common", "demo"), "bonjour");
+    EXPECT_EQ(PMSGetText("bye", "fre", "common", "demo"), "");
+    EXPECT_EQ(PMSGetText("hello", "fre", "other", "demo"), "");
+    EXPECT_NE(logText().find("key no found [bye]"), std::string::npos);
+    EXPECT_EQ(PackageManager::getUpdatedAt("demo"), "");
+    ASSERT_EQ(mkdir(phys("/var/packages/demo/etc").c_str(), 0755), 0);
+    EXPECT_EQ(PackageManager::getUpdatedAt("demo").size(), 10u);
+}

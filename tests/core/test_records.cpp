@@ -1,0 +1,168 @@
+#include <gtest/gtest.h>
+
+#include "core/packagemanager.h"
+#include "dependency/depparse.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+constexpr unsigned long long kDescription = 0x1;
+constexpr unsigned long long kMaintainer = 0x20;
+constexpr unsigned long long kDisplayName = 0x10000000;
+
+class Records : public TempRootTest {
+protected:
+    bool load(const std::string& info, PackageInfo& out, const char* lang = "enu",
+              unsigned long long mask = PKG_MASK_ALL) {
+        writeFile("/tmp/pkg/INFO", info);
+        return PMSLoadPKGInfoFile("/tmp/pkg", out, lang, mask);
+    }
+    const std::string base = "package=\"demo\"\nversion=\"1.0\"\nmaintainer=\"m\"\n"
+                             "description=\"d\"\n";
+};
+
+}  // namespace
+
+TEST_F(Records, RequiredKeysAndNameCheck) {
+    PackageInfo info;
+    EXPECT_TRUE(load(base, info));
+    EXPECT_EQ(info.name, "demo");
+    EXPECT_EQ(info.displayname, "demo");  // falls back to the name
+    EXPECT_FALSE(load("package=\"a/b\"\nversion=\"1\"\n", info, "enu", 0));
+    EXPECT_NE(logText().find("key [package] a/b is illegal"), std::string::npos);
+    EXPECT_FALSE(load("package=\"" + std::string(492, 'n') + "\"\nversion=\"1\"\n", info, "enu",
+                      0));
+    EXPECT_TRUE(load("package=\"" + std::string(491, 'n') + "\"\nversion=\"1\"\n", info, "enu",
+                     0));
+    for (const char* bad : {"..", ".", "@eaDir", "a:b", "a<b", "a|b", "a=b"}) {
+        EXPECT_FALSE(PMSCheckName(bad, ":/<>=|")) << bad;
+    }
+    EXPECT_FALSE(PMSCheckName(nullptr, ":/"));
+    EXPECT_FALSE(PMSCheckName("", ":/"));
+    EXPECT_FALSE(load("package=\"x\"\nversion=\"\"\n", info, "enu", 0));
+    EXPECT_FALSE(load("version=\"1\"\n", info, "enu", 0));
+    // maintainer and description are required only when the mask asks for them.
+    EXPECT_TRUE(load("package=\"x\"\nversion=\"1\"\n", info, "enu", 0));
+    EXPECT_FALSE(load("package=\"x\"\nversion=\"1\"\n", info, "enu", kMaintainer));
+    EXPECT_FALSE(load("package=\"x\"\nversion=\"1\"\nmaintainer=\"m\"\n", info));
+    EXPECT_FALSE(load(base + "kosuidir=\"ui/x\"\n", info));
+    EXPECT_TRUE(load(base + "kosuidir=\"ui\"\n", info));
+    EXPECT_EQ(info.kosuidir, "ui");
+    // A folder without INFO fails quietly.
+    PackageInfo none;
+    EXPECT_FALSE(PMSLoadPKGInfoFile("/tmp/nowhere", none, nullptr, PKG_MASK_ALL));
+}
+
+TEST_F(Records, FieldRules) {
+    PackageInfo info;
+    ASSERT_TRUE(load(base + "adminport=\"65536\"\nextractsize=\"2\"\nreport_url=\"http://r\"\n"
+                            "beta=\"no\"\nctl_stop=\"yes\"\nstartable=\"no\"\ncheckport=\"NO\"\n"
+                            "install_reboot=\"Yes\"\nexclude_model=\"m1 m2\"\n"
+                            "use_deprecated_replace_mechanism=\"no\"\nctl_uninstall=\"no\"\n"
+                            "instuninst_restart_services=\"samba nginx bogus\"\n"
+                            "install_dep_packages=\"a>=1.2:b\"\n"
+                            "install_break_packages=\"c<2\"\n",
+                     info));
+    EXPECT_EQ(info.adminport, 65536u);
+    EXPECT_EQ(info.extractsize, 2048);
+    EXPECT_TRUE(info.beta);  // report_url marks a beta whatever "beta" says
+    EXPECT_TRUE(info.startable);  // "ctl_stop" wins over "startable"
+    EXPECT_FALSE(info.checkport);
+    EXPECT_TRUE(info.install_reboot);
+    EXPECT_EQ(info.adminprotocol, std::vector<std::string>{"http"});
+    EXPECT_EQ(info.instuninst_restart_services, 0x4u | 0x40000000u);
+    ASSERT_EQ(info.install_dep_packages.size(), 2u);
+    EXPECT_EQ(info.install_dep_packages[0].op, PKG_VER_GE);
+    EXPECT_EQ(PMSGetBreakPkgs(info).size(), 1u);
+    EXPECT_FALSE(PMSGetCtlUninstall(info));
+    EXPECT_EQ(PMSGetExcludeModels(info).size(), 2u);
+    EXPECT_FALSE(PMSGetUseDeprecatedReplaceMechanism(info));
+
+    // A copy loses the excluded models and the deprecated-replace flag, and keeps the rest.
+    PackageInfo copy = info;
+    EXPECT_TRUE(PMSGetExcludeModels(copy).empty());
+    EXPECT_TRUE(PMSGetUseDeprecatedReplaceMechanism(copy));
+    EXPECT_FALSE(PMSGetCtlUninstall(copy));
+    EXPECT_EQ(PMSGetBreakPkgs(copy).size(), 1u);
+    copy = copy;
+    EXPECT_EQ(copy.name, "demo");
+
+    EXPECT_FALSE(load(base + "adminport=\"65537\"\n", info));
+    EXPECT_FALSE(load(base + "adminport=\"-1\"\n", info));
+    ASSERT_TRUE(load(base + "startable=\"no\"\n", info));
+    EXPECT_FALSE(info.startable);
+    // Without the admin bit, the admin keys are not read.
+    ASSERT_TRUE(load(base + "adminport=\"99999\"\n", info, "enu", 0));
+    EXPECT_EQ(info.adminport, 0u);
+    EXPECT_TRUE(info.adminprotocol.empty());
+}
+
+TEST_F(Records, LanguageKeys) {
+    const std::string texts = base + "description_enu=\"english\"\ndescription_fre=\"french\"\n"
+                                     "displayname=\"Demo\"\ndisplayname_fre=\"Démo\"\n";
+    PackageInfo info;
+    ASSERT_TRUE(load(texts, info, "enu", kDescription | kDisplayName));
+    EXPECT_EQ(info.description, "english");
+    EXPECT_EQ(info.description_enu, "");
+    EXPECT_EQ(info.displayname, "Demo");
+
+    writeFile("/etc/zarninfo.conf", "language=\"fre\"\n");
+    ASSERT_TRUE(load(texts, info, nullptr, kDescription | kDisplayName));
+    EXPECT_EQ(info.description, "french");
+    EXPECT_EQ(info.description_enu, "english");
+    EXPECT_EQ(info.displayname, "Démo");
+
+    ASSERT_TRUE(load(texts, info, "ENU", kDescription));
+    EXPECT_EQ(info.description, "d");  // no "description_ENU" key
+    EXPECT_EQ(info.description_enu, "");
+    EXPECT_EQ(info.displayname, "");  // not requested
+}
+
+TEST_F(Records, HostileInfoText) {
+    PackageInfo info;
+    // CRLF line ends, an unterminated quote, a NUL byte, duplicate keys.
+    std::string text = "package=\"crlf\"\r\nversion=\"2.0\r\nversion=\"3.0\"\r\n";
+    text += std::string("maintainer=\"a\0b\"\n", 17);
+    text += "description=\"x\"\n";
+    ASSERT_TRUE(load(text, info));
+    EXPECT_EQ(info.name, "crlf");
+    EXPECT_EQ(info.version, "2.0");
+    // A 1 MiB line and bytes that aren't UTF-8.
+    ASSERT_TRUE(load(base + "displayname=\"" + std::string(1 << 20, '\xff') + "\"\n", info));
+    EXPECT_EQ(info.displayname.size(), size_t(1) << 20);
+}
+
+TEST_F(Records, JsonMapping) {
+    PackageInfo info;
+    EXPECT_FALSE(PMSMapJsonToPackageInfo(Json::Value("x"), info));
+    Json::Value js;
+    js["package"] = "srv";
+    js["version"] = "1.2";
+    js["dname"] = "Server";
+    js["size"] = "1234";
+    js["beta"] = true;
+    js["ctl_install"] = "no";
+    js["deppkgs"] = "a>1:b";
+    js["conf_conxpkgs"]["c"][">="] = "2";
+    js["breakpkgs"] = "d";
+    info.license = "kept";
+    ASSERT_TRUE(PMSMapJsonToPackageInfo(js, info));
+    EXPECT_EQ(info.displayname, "Server");
+    EXPECT_EQ(info.size, 1234u);
+    EXPECT_TRUE(info.beta);
+    EXPECT_FALSE(info.extra.get()->ctl_install);
+    EXPECT_EQ(info.install_dep_packages.size(), 2u);
+    ASSERT_EQ(info.install_conflict_packages.size(), 1u);
+    EXPECT_EQ(info.install_conflict_packages[0].op, PKG_VER_GE);
+    EXPECT_EQ(PMSGetBreakPkgs(info).size(), 1u);
+    EXPECT_EQ(info.license, "kept");
+
+    Json::Value record;
+    PMSPackageInfoToJson(info, record);
+    EXPECT_EQ(record["package"].asString(), "srv");
+    EXPECT_TRUE(record["beta"].isBool());
+    EXPECT_EQ(record["install_dep_packages"]["a"][">"].asString(), "1");
+    EXPECT_EQ(record["install_dep_packages"]["b"].asString(), "");
+}

@@ -1,0 +1,192 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+
+#include "core/packagemanager.h"
+#include "core/registry.h"
+#include "platform/locks.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+class Registry : public TempRootTest {
+protected:
+    void addPackage(const std::string& name, const std::string& target,
+                    const std::string& extra = "") {
+        writeFile("/var/packages/" + name + "/INFO",
+                  "package=\"" + name + "\"\nversion=\"1.0\"\nmaintainer=\"m\"\n"
+                  "description=\"d\"\n" + extra);
+        if (!target.empty()) {
+            writeFile(target + "/.keep", "");
+            EXPECT_EQ(symlink(phys(target).c_str(), phys("/var/packages/" + name + "/target").c_str()),
+                      0);
+        }
+    }
+    static std::vector<std::string> sorted(std::vector<std::string> v) {
+        std::sort(v.begin(), v.end());
+        return v;
+    }
+};
+
+}  // namespace
+
+TEST_F(Registry, EnumerationRules) {
+    addPackage("a", "/volume1/@appstore/a");
+    addPackage("b", "/volume10/@appstore/b");
+    addPackage("sys", "/usr/local/packages/sys");
+    addPackage("bare", "");
+    writeFile("/var/packages/noinfo/scripts/x", "");
+    writeFile("/var/packages/plainfile", "package=\"plainfile\"\n");
+    addPackage("real", "/volume1/@appstore/real");
+    ASSERT_EQ(symlink(phys("/var/packages/real").c_str(), phys("/var/packages/linked").c_str()), 0);
+    writeFile("/var/packages/bad/INFO", "package=\"bad\"\n");
+
+    PackageManager pm;
+    EXPECT_EQ(sorted(pm.enumPackages(static_cast<const char*>(nullptr), PKG_MASK_ALL)),
+              (std::vector<std::string>{"a", "b", "bare", "real", "sys"}));
+    EXPECT_EQ(sorted(pm.enumPackages("/volume1", PKG_MASK_ALL)),
+              (std::vector<std::string>{"a", "bare", "real"}));
+    EXPECT_EQ(sorted(pm.enumPackages(std::set<std::string>{"/volume10/", "/usr/local"},
+                                     PKG_MASK_ALL)),
+              (std::vector<std::string>{"b", "bare", "sys"}));
+
+    std::vector<PackageInfo> records;
+    std::vector<std::string> bad;
+    EXPECT_FALSE(pm.enumPackageInfoByPath("/var/packages", records, bad, nullptr, PKG_MASK_ALL));
+    EXPECT_EQ(bad, std::vector<std::string>{"bad"});
+    EXPECT_EQ(records.size(), 5u);
+    Json::Value data;
+    EXPECT_EQ(pm.getResult(data), PKG_ERR_ENUM);
+    ASSERT_TRUE(data.isArray());
+    EXPECT_EQ(data[0].asString(), "bad");
+
+    PackageManager missing;
+    EXPECT_FALSE(missing.enumPackageInfoByPath("/nowhere", records, bad, nullptr, 0));
+    EXPECT_EQ(missing.getResult(), PKG_ERR_ENUM);
+    EXPECT_FALSE(missing.enumPackageInfoByPath(nullptr, records, bad, nullptr, 0));
+
+    std::map<std::string, PackageInfo> byName;
+    pm.enumPackageInfoMap(byName, nullptr, PKG_MASK_ALL);
+    EXPECT_EQ(byName.size(), 5u);
+    EXPECT_EQ(PMSGetTargetVolume(byName["a"]), "/volume1");
+    EXPECT_EQ(PMSGetTargetVolume(byName["sys"]), "not_volume_path");
+    EXPECT_EQ(PMSGetTargetVolume(byName["bare"]), "");
+    PackageBasicInfoMap basic = pm.enumPackageMap(PKG_MASK_ALL);
+    EXPECT_EQ(basic.size(), 5u);
+    EXPECT_EQ(basic["a"].version, "1.0");
+}
+
+TEST_F(Registry, Lookup) {
+    addPackage("a", "/volume1/@appstore/a", "install_dep_packages=\"b\"\n");
+    writeFile("/var/packages/a/scripts/start-stop-status", "#!/bin/sh\n", 0644);
+    writeFile("/var/packages/a/scripts/postinst", "#!/bin/sh\n", 0755);
+    writeFile("/var/packages/a/WIZARD_UIFILES/uninstall_uifile", "[]");
+
+    EXPECT_TRUE(PMSCheckPackage("a"));
+    EXPECT_FALSE(PMSCheckPackage("zz"));
+    EXPECT_EQ(PMSGetPackageTarget("a"), "/volume1/@appstore/a");
+    EXPECT_EQ(PMSGetPackageTarget("zz"), "");
+
+    PackageManager pm;
+    PackageInfo info;
+    EXPECT_TRUE(pm.getPackageInfo("a", info, nullptr, PKG_MASK_ALL));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
+    EXPECT_FALSE(pm.getPackageInfo("zz", info, nullptr, PKG_MASK_ALL));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
+
+    std::vector<std::string> names{"a", "zz", "a"};
+    std::vector<PackageInfo> out;
+    EXPECT_FALSE(pm.getPackageInfo(names, out, nullptr, PKG_MASK_ALL));
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[0].name, "a");
+    EXPECT_EQ(out[1].name, "");
+    EXPECT_EQ(out[2].name, "a");
+
+    // The script mask repairs a script without the execute bit.
+    PackageInfo full;
+    ASSERT_TRUE(pm.getPackageInfoByPathAndInfoType("/var/packages/a", full, nullptr, 0));
+    EXPECT_EQ(full.script_mask, 0x1u | 0x4u);
+    EXPECT_TRUE(full.has_uninstall_wizard);
+    EXPECT_EQ(full.install_dep_packages.size(), 1u);  // the mask is ignored: everything loads
+    struct stat st;
+    ASSERT_EQ(stat(phys("/var/packages/a/scripts/start-stop-status").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_FALSE(pm.getPackageInfoByPathAndInfoType("", full, nullptr, 0));
+
+    EXPECT_FALSE(pm.isServiceEnabled(nullptr));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SYSTEM);
+    EXPECT_FALSE(pm.isServiceEnabled("zz"));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
+    EXPECT_FALSE(pm.isServiceEnabled("a"));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_ENABLED);
+    writeFile("/var/packages/a/enabled", "");
+    EXPECT_TRUE(pm.isServiceEnabled("a"));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
+    EXPECT_TRUE(PMSCheckEnabledFile("/var/packages/a"));
+}
+
+TEST_F(Registry, ExLockAcrossProcesses) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t holder = fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+        bool got = PackageManager::ExLock(1);
+        char c = got ? '1' : '0';
+        (void)!write(ready[1], &c, 1);
+        sleep(3);
+        _exit(got ? 0 : 1);
+    }
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    ASSERT_EQ(c, '1');
+
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(PackageManager::ExLock(1));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+    EXPECT_EQ(logText().find("Failed to lock, zarnerr"), std::string::npos)
+        << "a plain timeout is no error line";
+
+    // In the first boot after an upgrade the lock is not waited for, and the holder is logged.
+    writeFile("/var/.UpgradeBootup", "");
+    EXPECT_TRUE(PackageManager::ExLock(0));
+    int status = 0;
+    waitpid(holder, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    ASSERT_EQ(unlink(phys("/var/.UpgradeBootup").c_str()), 0);
+
+    // Markers of a going-down system refuse the lock, unless the upgrade check is skipped.
+    PackageManager::UnLock();
+    writeFile("/tmp/upgrade_stop_service", "");
+    EXPECT_FALSE(PackageManager::ExLock(1));
+    PackageManager::UnLock();
+    PackageManager::setSkipUpgradeCheck(true);
+    EXPECT_TRUE(PackageManager::ExLock(1));
+    PackageManager::UnLock();
+    PackageManager::setSkipUpgradeCheck(false);
+    writeFile("/var/.NormalShutdown", "");
+    PackageManager::setSkipUpgradeCheck(true);
+    EXPECT_FALSE(PackageManager::ExLock(1));
+    PackageManager::setSkipUpgradeCheck(false);
+    PackageManager::UnLock();
+    EXPECT_NE(logText().find("Failed to lock, /var/.NormalShutdown exists"), std::string::npos);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+TEST_F(Registry, PlainFileLocks) {
+    writeFile("/tmp/l", "");
+    int fd = PMSLockFile("/tmp/l", true);
+    ASSERT_GE(fd, 0);
+    PMSUnlockFile(fd);
+    PMSUnlockFile(-1);
+    EXPECT_LT(PMSLockFile(nullptr, true), 0);
+    EXPECT_LT(PMSLockFile("/no/such/dir/l", true), 0);
+}

@@ -1,0 +1,407 @@
+#include "dependency/graph.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/matrix_graph.h"
+#include "tests/support/temproot.h"
+
+using ZARNPackageTool::Graph;
+using ZARNTest::MatrixGraph;
+
+namespace {
+
+// The graph touches no file, but its tests run under a fresh root like all others, which also
+// collects the log lines of ignored calls.
+class GraphTest : public TempRootTest {};
+
+using Names = std::vector<std::string>;
+constexpr unsigned long long kNone = ~0ULL;
+
+// Applies each call to the graph under test and to the matrix graph alike.
+struct Pair {
+    explicit Pair(unsigned long long capacity) : graph(capacity), matrix(capacity) {}
+
+    void addVertex(std::string const& name) {
+        EXPECT_EQ(graph.addVertex(name), matrix.addVertex(name));
+    }
+    void addEdge(unsigned long long from, unsigned long long to) {
+        graph.addEdge(from, to);
+        matrix.addEdge(from, to);
+    }
+    void expectSameSort() {
+        EXPECT_EQ(graph.noSuccessors(), matrix.noSuccessors());
+        bool sorted = matrix.topologicalSort();
+        EXPECT_EQ(graph.topologicalSort(), sorted);
+        EXPECT_EQ(graph.getResult(), matrix.getResult());
+    }
+    void expectSameVisit(unsigned long long start) {
+        graph.visit(start);
+        matrix.visit(start);
+        EXPECT_EQ(graph.getResult(), matrix.getResult()) << "visit from " << start;
+    }
+
+    Graph graph;
+    MatrixGraph matrix;
+};
+
+std::string nameOf(unsigned long long i) {
+    return "pkg" + std::to_string(i);
+}
+
+// A random graph of 0 to 40 vertices, built the same way in both graphs. Acyclic graphs only
+// get edges that follow a random ranking of the indices; the others also get self-edges.
+// Sometimes edges are set before their vertices are added, and some edges are set twice.
+void buildRandom(Pair& pair, unsigned long long n, unsigned long long capacity, bool acyclic,
+                 std::mt19937& rng) {
+    std::vector<unsigned long long> rank(capacity);
+    std::iota(rank.begin(), rank.end(), 0ULL);
+    std::shuffle(rank.begin(), rank.end(), rng);
+    bool interleave = rng() % 3 == 0;
+    unsigned long long edgeCount = capacity == 0 ? 0 : rng() % (3 * capacity + 1);
+    std::vector<std::pair<unsigned long long, unsigned long long>> edges;
+    for (unsigned long long e = 0; e < edgeCount; ++e) {
+        unsigned long long from = rng() % capacity;
+        unsigned long long to = rng() % capacity;
+        if (acyclic) {
+            if (from == to) {
+                continue;
+            }
+            if (rank[from] > rank[to]) {
+                std::swap(from, to);
+            }
+        } else if (rng() % 8 == 0) {
+            to = from;
+        }
+        // Without interleaving, edges stay among the vertices that exist.
+        if (!interleave && (from >= n || to >= n)) {
+            continue;
+        }
+        edges.emplace_back(from, to);
+        if (rng() % 6 == 0) {
+            edges.emplace_back(from, to);
+        }
+    }
+    std::shuffle(edges.begin(), edges.end(), rng);
+    if (!interleave) {
+        for (unsigned long long i = 0; i < n; ++i) {
+            pair.addVertex(nameOf(i));
+        }
+        for (auto const& e : edges) {
+            pair.addEdge(e.first, e.second);
+        }
+        return;
+    }
+    unsigned long long added = 0;
+    for (auto const& e : edges) {
+        if (added < n && rng() % 2 == 0) {
+            pair.addVertex(nameOf(added++));
+        }
+        pair.addEdge(e.first, e.second);
+    }
+    while (added < n) {
+        pair.addVertex(nameOf(added++));
+    }
+}
+
+}  // namespace
+
+TEST_F(GraphTest, SortsUnconnectedAndSimpleGraphs) {
+    Graph plain(3);
+    plain.addVertex("A");
+    plain.addVertex("B");
+    plain.addVertex("C");
+    EXPECT_EQ(plain.noSuccessors(), 0ULL);
+    EXPECT_TRUE(plain.topologicalSort());
+    EXPECT_EQ(plain.getResult(), (Names{"C", "B", "A"}));
+    EXPECT_EQ(plain.noSuccessors(), kNone);  // the sort consumes the graph
+
+    Graph oneEdge(3);
+    EXPECT_EQ(oneEdge.addVertex("A"), 0ULL);
+    EXPECT_EQ(oneEdge.addVertex("B"), 1ULL);
+    EXPECT_EQ(oneEdge.addVertex("C"), 2ULL);
+    oneEdge.addEdge(1, 0);
+    oneEdge.addEdge(1, 0);
+    EXPECT_TRUE(oneEdge.topologicalSort());
+    EXPECT_EQ(oneEdge.getResult(), (Names{"C", "B", "A"}));
+
+    // A vertex stands before the vertices it has edges to.
+    Graph chain(3);
+    chain.addVertex("A");
+    chain.addVertex("B");
+    chain.addVertex("C");
+    chain.addEdge(0, 1);
+    chain.addEdge(1, 2);
+    EXPECT_EQ(chain.noSuccessors(), 2ULL);
+    EXPECT_TRUE(chain.topologicalSort());
+    EXPECT_EQ(chain.getResult(), (Names{"A", "B", "C"}));
+}
+
+TEST_F(GraphTest, EmptyGraphsSortToEmptyResult) {
+    Graph none(0);
+    EXPECT_EQ(none.noSuccessors(), kNone);
+    EXPECT_TRUE(none.topologicalSort());
+    EXPECT_TRUE(none.getResult().empty());
+
+    Graph unused(5);
+    EXPECT_EQ(unused.noSuccessors(), kNone);
+    EXPECT_TRUE(unused.topologicalSort());
+    EXPECT_TRUE(unused.getResult().empty());
+}
+
+TEST_F(GraphTest, CyclesFailWithPartlyFilledResult) {
+    Graph self(2);
+    self.addVertex("A");
+    self.addVertex("B");
+    self.addEdge(1, 1);
+    EXPECT_EQ(self.noSuccessors(), 0ULL);
+    EXPECT_FALSE(self.topologicalSort());
+    EXPECT_EQ(self.getResult(), (Names{"", "A"}));
+    EXPECT_EQ(self.noSuccessors(), kNone);  // B is left with its self-edge
+
+    Graph twoCycle(3);
+    twoCycle.addVertex("A");
+    twoCycle.addVertex("B");
+    twoCycle.addVertex("C");
+    twoCycle.addEdge(0, 1);
+    twoCycle.addEdge(1, 0);
+    EXPECT_FALSE(twoCycle.topologicalSort());
+    EXPECT_EQ(twoCycle.getResult(), (Names{"", "", "C"}));
+
+    Graph bare(2);
+    bare.addVertex("A");
+    bare.addVertex("B");
+    bare.addEdge(0, 1);
+    bare.addEdge(1, 0);
+    EXPECT_FALSE(bare.topologicalSort());
+    EXPECT_EQ(bare.getResult(), (Names{"", ""}));
+}
+
+TEST_F(GraphTest, VisitIsPostOrderAndKeepsMarks) {
+    auto diamond = [](Graph& g) {
+        g.addVertex("A");
+        g.addVertex("B");
+        g.addVertex("C");
+        g.addVertex("D");
+        g.addEdge(0, 1);
+        g.addEdge(0, 2);
+        g.addEdge(1, 3);
+        g.addEdge(2, 3);
+    };
+    Graph g(4);
+    diamond(g);
+    g.visit(0);
+    EXPECT_EQ(g.getResult(), (Names{"D", "B", "C", "A"}));
+    g.visit(0);
+    EXPECT_TRUE(g.getResult().empty());
+    g.visit(2);
+    EXPECT_TRUE(g.getResult().empty());
+
+    Graph h(4);
+    diamond(h);
+    h.visit(1);
+    EXPECT_EQ(h.getResult(), (Names{"D", "B"}));
+    h.visit(0);
+    EXPECT_EQ(h.getResult(), (Names{"C", "A"}));
+    // DFS appends to the result of the previous walk.
+    h.DFS(0);
+    EXPECT_EQ(h.getResult(), (Names{"C", "A"}));
+
+    // A cycle and a self-edge don't hold up the walk.
+    Graph cyc(3);
+    cyc.addVertex("A");
+    cyc.addVertex("B");
+    cyc.addVertex("C");
+    cyc.addEdge(0, 1);
+    cyc.addEdge(1, 0);
+    cyc.addEdge(1, 1);
+    cyc.addEdge(1, 2);
+    cyc.visit(1);
+    EXPECT_EQ(cyc.getResult(), (Names{"A", "C", "B"}));
+}
+
+TEST_F(GraphTest, LongChainWalksAndSorts) {
+    const unsigned long long n = 10000;
+    Graph g(n);
+    for (unsigned long long i = 0; i < n; ++i) {
+        g.addVertex(nameOf(i));
+    }
+    for (unsigned long long i = 0; i + 1 < n; ++i) {
+        g.addEdge(i, i + 1);
+    }
+    g.visit(0);
+    ASSERT_EQ(g.getResult().size(), n);
+    EXPECT_EQ(g.getResult().front(), nameOf(n - 1));
+    EXPECT_EQ(g.getResult().back(), nameOf(0));
+    for (unsigned long long i = 0; i < n; ++i) {
+        ASSERT_EQ(g.getResult()[i], nameOf(n - 1 - i));
+    }
+    EXPECT_TRUE(g.topologicalSort());
+    ASSERT_EQ(g.getResult().size(), n);
+    for (unsigned long long i = 0; i < n; ++i) {
+        ASSERT_EQ(g.getResult()[i], nameOf(i));
+    }
+}
+
+TEST_F(GraphTest, OutOfRangeArgumentsAreIgnored) {
+    Graph g(2);
+    EXPECT_EQ(g.addVertex("A"), 0ULL);
+    EXPECT_EQ(g.addVertex("B"), 1ULL);
+    EXPECT_EQ(g.addVertex("C"), 2ULL);  // beyond the capacity: not stored
+    EXPECT_EQ(g.addVertex("D"), 2ULL);
+    g.addEdge(0, 2);
+    g.addEdge(5, 0);
+    g.addEdge(~0ULL, ~0ULL);
+    g.deleteVertex(2);
+    g.deleteVertex(~0ULL);
+    g.moveRowUp(1, 2);
+    g.moveRowUp(~0ULL, 2);
+    g.moveColLeft(1, 2);
+    g.moveColLeft(~0ULL, ~0ULL);
+    g.visit(2);
+    EXPECT_TRUE(g.getResult().empty());
+    g.visit(~0ULL);
+    EXPECT_TRUE(g.getResult().empty());
+    EXPECT_EQ(g.noSuccessors(), 0ULL);
+    EXPECT_TRUE(g.topologicalSort());
+    EXPECT_EQ(g.getResult(), (Names{"B", "A"}));
+    EXPECT_NE(logText().find("Graph is full (capacity 2), vertex C not added"), std::string::npos);
+    EXPECT_NE(logText().find("Graph edge 5 -> 0 out of range"), std::string::npos);
+    EXPECT_NE(logText().find("not deleted"), std::string::npos);
+    EXPECT_NE(logText().find("not walked"), std::string::npos);
+}
+
+TEST_F(GraphTest, DeleteVertexRenumbersLikeTheMatrix) {
+    // Edges A->C, B->A; deleting A moves B and C down, and leaves B without successors.
+    Pair p(3);
+    p.addVertex("A");
+    p.addVertex("B");
+    p.addVertex("C");
+    p.addEdge(0, 2);
+    p.addEdge(1, 0);
+    p.addEdge(2, 1);
+    EXPECT_EQ(p.graph.noSuccessors(), kNone);
+    p.graph.deleteVertex(0);
+    p.matrix.deleteVertex(0);
+    EXPECT_EQ(p.graph.noSuccessors(), p.matrix.noSuccessors());
+    EXPECT_EQ(p.graph.noSuccessors(), 0ULL);
+    // The stale last row still holds C's edge, so a vertex added at its index inherits it.
+    p.addVertex("D");
+    EXPECT_EQ(p.graph.noSuccessors(), p.matrix.noSuccessors());
+    p.expectSameVisit(2);
+    p.expectSameSort();
+}
+
+TEST_F(GraphTest, SortMatchesMatrixOnRandomGraphs) {
+    for (unsigned seed = 0; seed < 3000; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 rng(seed);
+        unsigned long long n = rng() % 41;
+        unsigned long long capacity = n + (rng() % 3 == 0 ? rng() % 4 : 0);
+        bool acyclic = seed % 2 == 0;
+        Pair p(capacity);
+        buildRandom(p, n, capacity, acyclic, rng);
+        p.expectSameSort();
+        if (acyclic && n > 0) {
+            EXPECT_EQ(p.graph.getResult().size(), n);
+        }
+        if (HasFailure()) {
+            break;
+        }
+    }
+}
+
+TEST_F(GraphTest, VisitMatchesMatrixOnRandomGraphs) {
+    for (unsigned seed = 0; seed < 2000; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 rng(1000000 + seed);
+        unsigned long long n = rng() % 41;
+        unsigned long long capacity = n + (rng() % 3 == 0 ? rng() % 4 : 0);
+        Pair p(capacity);
+        buildRandom(p, n, capacity, seed % 2 == 0, rng);
+        unsigned walks = capacity == 0 ? 0 : 1 + rng() % 5;
+        for (unsigned w = 0; w < walks; ++w) {
+            p.expectSameVisit(rng() % capacity);
+        }
+        // A walk leaves the graph as it was.
+        p.expectSameSort();
+        if (HasFailure()) {
+            break;
+        }
+    }
+}
+
+TEST_F(GraphTest, DirectOperationsMatchMatrix) {
+    for (unsigned seed = 0; seed < 2000; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 rng(2000000 + seed);
+        unsigned long long capacity = rng() % 16;
+        Pair p(capacity);
+        unsigned long long added = 0;
+        unsigned steps = rng() % 120;
+        for (unsigned s = 0; s < steps && !HasFailure(); ++s) {
+            unsigned long long count = p.matrix.count();
+            switch (rng() % 9) {
+                case 0:
+                case 1:
+                    if (count < capacity) {
+                        p.addVertex(nameOf(added++));
+                    }
+                    break;
+                case 2:
+                case 3:
+                    if (capacity > 0) {
+                        p.addEdge(rng() % capacity, rng() % capacity);
+                    }
+                    break;
+                case 4:
+                    if (count > 0) {
+                        unsigned long long v = rng() % count;
+                        p.graph.deleteVertex(v);
+                        p.matrix.deleteVertex(v);
+                    }
+                    break;
+                case 5:
+                    if (capacity > 1) {
+                        unsigned long long row = rng() % (capacity - 1);
+                        unsigned long long length = rng() % (capacity + 1);
+                        p.graph.moveRowUp(row, length);
+                        p.matrix.moveRowUp(row, length);
+                    }
+                    break;
+                case 6:
+                    if (capacity > 1) {
+                        unsigned long long col = rng() % (capacity - 1);
+                        unsigned long long length = rng() % (capacity + 1);
+                        p.graph.moveColLeft(col, length);
+                        p.matrix.moveColLeft(col, length);
+                    }
+                    break;
+                case 7:
+                    EXPECT_EQ(p.graph.noSuccessors(), p.matrix.noSuccessors()) << "step " << s;
+                    break;
+                case 8:
+                    if (capacity > 0) {
+                        unsigned long long v = rng() % capacity;
+                        if (rng() % 2 == 0) {
+                            p.expectSameVisit(v);
+                        } else {
+                            p.graph.DFS(v);
+                            p.matrix.DFS(v);
+                            EXPECT_EQ(p.graph.getResult(), p.matrix.getResult()) << "DFS " << v;
+                        }
+                    }
+                    break;
+            }
+        }
+        p.expectSameSort();
+        if (HasFailure()) {
+            break;
+        }
+    }
+}

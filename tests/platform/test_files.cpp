@@ -1,0 +1,221 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/sysroot.h"
+#include "support/temproot.h"
+
+namespace {
+
+constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
+constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
+
+mode_t ModeOf(const std::string& path) {
+    struct stat st;
+    return ZARNLstat(path, st) ? (st.st_mode & 07777) : 0;
+}
+
+ZARNFileType TypeOf(const std::vector<ZARNDirEntry>& entries, const std::string& name) {
+    for (const auto& entry : entries) {
+        if (entry.name == name) {
+            return entry.type;
+        }
+    }
+    return ZARNFileType::Unknown;
+}
+
+}  // namespace
+
+class FilesTest : public TempRootTest {};
+
+TEST_F(FilesTest, MkdirPModes) {
+    umask(077);
+    EXPECT_EQ(ZARNFSMkdirP("/volume1/@appstore/demo/bin", 0, 0, kKeepUid, kKeepGid, 0751), 0);
+    EXPECT_TRUE(ZARNIsDir("/volume1/@appstore/demo/bin"));
+    EXPECT_EQ(ModeOf("/volume1/@appstore"), 0751u);
+    EXPECT_EQ(ModeOf("/volume1/@appstore/demo/bin"), 0751u);
+    // Folders that were there keep their mode.
+    EXPECT_EQ(ModeOf("/volume1"), 0755u);
+    // Again is fine; a trailing slash and "." parts are fine.
+    EXPECT_EQ(ZARNFSMkdirP("/volume1/@appstore/demo/bin/", 0, 0, kKeepUid, kKeepGid, 0700), 0);
+    EXPECT_EQ(ZARNFSMkdirP("/volume1/./x//y", 0, 0, kKeepUid, kKeepGid, 0700), 0);
+    EXPECT_TRUE(ZARNIsDir("/volume1/x/y"));
+    EXPECT_EQ(ModeOf("/volume1/@appstore/demo/bin"), 0751u);
+
+    writeFile("/volume1/file", "x");
+    EXPECT_LT(ZARNFSMkdirP("/volume1/file/sub", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_LT(ZARNFSMkdirP("", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+}
+
+TEST_F(FilesTest, MkdirPChownsAsRoot) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "changing owners needs root";
+    }
+    ASSERT_EQ(ZARNFSMkdirP("/var/packages/demo/etc", 0, 0, 1234, 2345, 0700), 0);
+    struct stat st;
+    ASSERT_TRUE(ZARNStat("/var/packages/demo/etc", st));
+    EXPECT_EQ(st.st_uid, 1234u);
+    EXPECT_EQ(st.st_gid, 2345u);
+    ASSERT_TRUE(ZARNStat("/var/packages", st));
+    EXPECT_EQ(st.st_uid, 0u);
+    ASSERT_TRUE(ZARNChown("/var/packages/demo/etc", 0, 0));
+    ASSERT_TRUE(ZARNStat("/var/packages/demo/etc", st));
+    EXPECT_EQ(st.st_uid, 0u);
+}
+
+TEST_F(FilesTest, ReadWriteAppendTouch) {
+    umask(077);
+    EXPECT_TRUE(ZARNFileWrite("/etc/a.conf", "hello", 0644));
+    EXPECT_EQ(ModeOf("/etc/a.conf"), 0644u);
+    EXPECT_TRUE(ZARNFileAppend("/etc/a.conf", " world"));
+    EXPECT_EQ(readFile("/etc/a.conf"), "hello world");
+    std::string head;
+    EXPECT_TRUE(ZARNFileRead("/etc/a.conf", head, 5));
+    EXPECT_EQ(head, "hello");
+    // Rewriting keeps the file's mode.
+    EXPECT_TRUE(ZARNChmod("/etc/a.conf", 0600));
+    EXPECT_TRUE(ZARNFileWrite("/etc/a.conf", "short"));
+    EXPECT_EQ(readFile("/etc/a.conf"), "short");
+    EXPECT_EQ(ModeOf("/etc/a.conf"), 0600u);
+
+    EXPECT_TRUE(ZARNFileTouch("/etc/a.conf"));
+    EXPECT_EQ(readFile("/etc/a.conf"), "short");
+    EXPECT_TRUE(ZARNFileTouch("/etc/empty", 0640));
+    EXPECT_TRUE(ZARNIsRegularFile("/etc/empty"));
+    EXPECT_EQ(ModeOf("/etc/empty"), 0640u);
+    EXPECT_TRUE(ZARNUtimeNow("/etc/empty"));
+
+    std::string data;
+    EXPECT_FALSE(ZARNFileRead("/etc/missing", data));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
+    EXPECT_FALSE(ZARNFileRead("/etc", data));
+    EXPECT_FALSE(ZARNFileWrite("/no/dir/file", "x"));
+
+    const std::string binary("a\0b\xff", 4);
+    EXPECT_TRUE(ZARNFileWrite("/etc/bin", binary));
+    EXPECT_EQ(readFile("/etc/bin"), binary);
+}
+
+TEST_F(FilesTest, DurableWrite) {
+    EXPECT_TRUE(ZARNFileWriteDurable("/var/packages/state.json", "{}", 0600));
+    EXPECT_EQ(readFile("/var/packages/state.json"), "{}");
+    EXPECT_EQ(ModeOf("/var/packages/state.json"), 0600u);
+    const std::string big(3 << 20, 'q');
+    EXPECT_TRUE(ZARNFileWriteDurable("/var/packages/state.json", big));
+    EXPECT_EQ(readFile("/var/packages/state.json"), big);
+    EXPECT_EQ(ModeOf("/var/packages/state.json"), 0644u);
+    std::vector<ZARNDirEntry> entries;
+    ASSERT_TRUE(ZARNListDir("/var/packages", entries));
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].name, "state.json");
+
+    EXPECT_FALSE(ZARNFileWriteDurable("/var/nothing/here/state.json", "{}"));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
+    EXPECT_TRUE(FsyncFiles({"/var/packages/state.json"}));
+    EXPECT_TRUE(FsyncDirectories({"/var/packages", "/etc"}));
+    EXPECT_FALSE(FsyncFiles({"/var/packages/none"}));
+    EXPECT_FALSE(FsyncDirectories({"/var/packages", "/none"}));
+}
+
+TEST_F(FilesTest, ListingTypes) {
+    ASSERT_EQ(ZARNFSMkdirP("/t/dir", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    writeFile("/t/file", "x");
+    writeFile("/t/b_file", "y");
+    ASSERT_TRUE(ZARNSymlink("/t/dir", "/t/link_to_dir"));
+    ASSERT_TRUE(ZARNSymlink("file", "/t/link_to_file"));
+    ASSERT_TRUE(ZARNSymlink("/t/none", "/t/dangling"));
+    std::vector<ZARNDirEntry> entries;
+    ASSERT_TRUE(ZARNListDir("/t", entries));
+    EXPECT_EQ(entries.size(), 6u);
+    EXPECT_EQ(TypeOf(entries, "dir"), ZARNFileType::Directory);
+    EXPECT_EQ(TypeOf(entries, "file"), ZARNFileType::Regular);
+    EXPECT_EQ(TypeOf(entries, "link_to_dir"), ZARNFileType::Symlink);
+    EXPECT_EQ(TypeOf(entries, "link_to_file"), ZARNFileType::Symlink);
+    EXPECT_EQ(TypeOf(entries, "dangling"), ZARNFileType::Symlink);
+    EXPECT_TRUE(ZARNIsDir("/t/link_to_dir"));
+    EXPECT_TRUE(ZARNIsSymlink("/t/link_to_dir"));
+    EXPECT_TRUE(ZARNPathExists("/t/dangling"));
+    EXPECT_FALSE(IsFileExists("/t/dangling"));
+    EXPECT_FALSE(ZARNIsRegularFile("/t/dangling"));
+
+    std::vector<std::string> files;
+    ASSERT_TRUE(GetRegularFilePathsInDirectory("/t", files));
+    EXPECT_EQ(files, (std::vector<std::string>{"/t/b_file", "/t/file"}));
+    ASSERT_TRUE(GetRegularFilePathsInDirectory("/t/", files));
+    EXPECT_EQ(files, (std::vector<std::string>{"/t/b_file", "/t/file"}));
+    EXPECT_FALSE(ZARNListDir("/t/none", entries));
+    EXPECT_TRUE(entries.empty());
+    EXPECT_FALSE(ZARNListDir("/t/file", entries));
+}
+
+TEST_F(FilesTest, LinksMapBothWays) {
+    ASSERT_EQ(ZARNFSMkdirP("/volume1/@appstore/demo", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    ASSERT_EQ(ZARNFSMkdirP("/var/packages/demo", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/demo", "/var/packages/demo/target"));
+    ASSERT_TRUE(ZARNSymlink("../../volume1", "/var/packages/demo/relative"));
+    EXPECT_FALSE(ZARNSymlink("/x", "/var/packages/demo/target"));
+    EXPECT_EQ(errno, EEXIST);
+
+    std::string target;
+    ASSERT_TRUE(ZARNReadLink("/var/packages/demo/target", target));
+    EXPECT_EQ(target, "/volume1/@appstore/demo");
+    ASSERT_TRUE(ZARNReadLink("/var/packages/demo/relative", target));
+    EXPECT_EQ(target, "../../volume1");
+    // The machine resolves the link on its own, without the mapping.
+    writeFile("/volume1/@appstore/demo/INFO", "package=demo\n");
+    EXPECT_EQ(readFile("/var/packages/demo/target/INFO"), "package=demo\n");
+
+    // Seen from the machine's root, the stored text is the physical path.
+    ZARNPackageCore::SetSystemRoot("/");
+    ASSERT_TRUE(ZARNReadLink(root() + "/var/packages/demo/target", target));
+    EXPECT_EQ(target, root() + "/volume1/@appstore/demo");
+    ASSERT_TRUE(ZARNSymlink("/usr/bin", root() + "/outside"));
+    ZARNPackageCore::SetSystemRoot(root());
+    ASSERT_TRUE(ZARNReadLink("/outside", target));
+    EXPECT_EQ(target, "/usr/bin");
+    EXPECT_FALSE(ZARNReadLink("/var/packages/demo", target));
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(FilesTest, RemoveRenameOpen) {
+    ASSERT_EQ(ZARNFSMkdirP("/keep/inner", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    writeFile("/keep/inner/precious", "data");
+    ASSERT_EQ(ZARNFSMkdirP("/gone/a/b/c", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    writeFile("/gone/a/b/c/file", "x");
+    writeFile("/gone/a/file", "x");
+    ASSERT_TRUE(ZARNSymlink("/keep", "/gone/a/link"));
+    ASSERT_EQ(ZARNFSMkdirP("/gone/locked/sub", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    ASSERT_TRUE(ZARNChmod("/gone/locked", 0));
+    EXPECT_TRUE(ZARNRemoveTree("/gone"));
+    EXPECT_FALSE(ZARNPathExists("/gone"));
+    // A link inside the tree goes, what it points at stays.
+    EXPECT_EQ(readFile("/keep/inner/precious"), "data");
+    EXPECT_TRUE(ZARNRemoveTree("/gone"));
+    writeFile("/single", "x");
+    EXPECT_TRUE(ZARNRemoveTree("/single"));
+    EXPECT_FALSE(ZARNPathExists("/single"));
+
+    EXPECT_TRUE(ZARNRename("/keep/inner/precious", "/keep/moved"));
+    EXPECT_EQ(readFile("/keep/moved"), "data");
+    EXPECT_FALSE(ZARNRename("/keep/none", "/keep/other"));
+    EXPECT_TRUE(ZARNUnlink("/keep/moved"));
+    EXPECT_FALSE(ZARNUnlink("/keep/moved"));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
+    EXPECT_TRUE(ZARNRmdir("/keep/inner"));
+    EXPECT_FALSE(ZARNIsDir("/keep/inner"));
+
+    int fd = ZARNOpen("/keep/opened", O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    close(fd);
+    EXPECT_TRUE(ZARNIsRegularFile("/keep/opened"));
+    EXPECT_EQ(ZARNOpen("/keep/none/file", O_RDONLY), -1);
+}

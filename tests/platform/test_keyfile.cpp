@@ -1,0 +1,248 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/keyfile.h"
+#include "support/temproot.h"
+
+namespace {
+
+std::map<std::string, std::string> ParseAll(const std::string& text, const char* sep = "=") {
+    std::map<std::string, std::string> out;
+    ZARNKeyTextParse(text, sep, nullptr, out);
+    return out;
+}
+
+}  // namespace
+
+class KeyFileTest : public TempRootTest {};
+
+TEST_F(KeyFileTest, QuotingBlanksAndLineEnds) {
+    auto values = ParseAll(
+        "package=\"demo\"\r\n"
+        "  version = \"1.0-0001\"  \r\n"
+        "plain = some text \t\n"
+        "quoted=\"a b\" trailing words\n"
+        "empty=\"\"\n"
+        "bare=\n"
+        "url=\"http://x/?a=b\"\n"
+        "inner=a\"b\"\n"
+        "last=\"no newline\"");
+    EXPECT_EQ(values["package"], "demo");
+    EXPECT_EQ(values["version"], "1.0-0001");
+    EXPECT_EQ(values["plain"], "some text");
+    EXPECT_EQ(values["quoted"], "a b");
+    EXPECT_EQ(values["empty"], "");
+    EXPECT_EQ(values["bare"], "");
+    EXPECT_EQ(values["url"], "http://x/?a=b");
+    EXPECT_EQ(values["inner"], "a\"b\"");
+    EXPECT_EQ(ParseAll("json=\"{\"a\": \"b\"}\" \r\n")["json"], "{\"a\": \"b\"}");
+    EXPECT_EQ(values["last"], "no newline");
+    EXPECT_EQ(values.size(), 9u);
+}
+
+TEST_F(KeyFileTest, HostileText) {
+    // Unterminated quotes run to the end of their line only.
+    auto values = ParseAll("a=\"open\nb=\"next\"\nc=\"open at end");
+    EXPECT_EQ(values["a"], "open");
+    EXPECT_EQ(values["b"], "next");
+    EXPECT_EQ(values["c"], "open at end");
+
+    // NUL bytes are ordinary bytes.
+    const char raw[] = "k1=\"a\0b\"\nk\0ey=v\0\nk2=after\n";
+    const std::string withNul(raw, sizeof(raw) - 1);
+    values = ParseAll(withNul);
+    EXPECT_EQ(values["k1"], std::string("a\0b", 3));
+    EXPECT_EQ(values[std::string("k\0ey", 4)], std::string("v\0", 2));
+    EXPECT_EQ(values["k2"], "after");
+
+    // A megabyte line, then more keys.
+    const std::string big(1 << 20, 'x');
+    values = ParseAll("before=1\nbig=\"" + big + "\"\nafter=2\n");
+    EXPECT_EQ(values["big"], big);
+    EXPECT_EQ(values["before"], "1");
+    EXPECT_EQ(values["after"], "2");
+    values = ParseAll(std::string(1 << 20, '"') + "\nz=1\n" + std::string(1 << 20, '='));
+    EXPECT_EQ(values["z"], "1");
+    EXPECT_EQ(values.size(), 1u);
+
+    // Bytes that are not UTF-8, lone quotes, lines of separators only, bare carriage returns.
+    values = ParseAll("\xff\xfe=\x80\x81\n\"\n=\n==\n\r\r=\r\n\r\n=value\n \t \nkey\n");
+    EXPECT_EQ(values["\xff\xfe"], "\x80\x81");
+    EXPECT_EQ(values["\r\r"], "");
+    EXPECT_EQ(values.size(), 2u);
+}
+
+TEST_F(KeyFileTest, CommentsDuplicatesAndSeparators) {
+    auto values = ParseAll("#a=1\n   # b=2\nc=3 # not a comment\nc=4\nd:5\n");
+    EXPECT_EQ(values.count("a"), 0u);
+    EXPECT_EQ(values.count("b"), 0u);
+    EXPECT_EQ(values.count("#a"), 0u);
+    EXPECT_EQ(values["c"], "3 # not a comment");
+    EXPECT_EQ(values.count("d:5"), 0u);
+
+    values = ParseAll("d: 5\ne : \"six\"\nf=7\n", ":");
+    EXPECT_EQ(values["d"], "5");
+    EXPECT_EQ(values["e"], "six");
+    EXPECT_EQ(values.count("f=7"), 0u);
+    EXPECT_EQ(values.size(), 2u);
+
+    // The text replaces what the map held before.
+    std::map<std::string, std::string> prefilled{{"c", "old"}, {"keep", "yes"}};
+    ZARNKeyTextParse("c=new\nc=newer\n", "=", nullptr, prefilled);
+    EXPECT_EQ(prefilled["c"], "new");
+    EXPECT_EQ(prefilled["keep"], "yes");
+}
+
+TEST_F(KeyFileTest, WantedKeysOnly) {
+    const std::string text = "a=1\nb=2\nc=3\nb=dup\nzz=9\n";
+    std::vector<std::string> sortedKeys{"b", "c", "missing"};
+    std::vector<std::string> unsortedKeys{"zz", "b", "a"};
+    for (const auto* wanted : {&sortedKeys, &unsortedKeys}) {
+        std::map<std::string, std::string> out;
+        ZARNKeyTextParse(text, "=", wanted, out);
+        for (const auto& entry : out) {
+            EXPECT_NE(std::find(wanted->begin(), wanted->end(), entry.first), wanted->end())
+                << entry.first;
+        }
+        EXPECT_EQ(out["b"], "2");
+        EXPECT_EQ(out.count("missing"), 0u);
+    }
+    std::map<std::string, std::string> out;
+    ZARNKeyTextParse(text, "=", &unsortedKeys, out);
+    EXPECT_EQ(out.size(), 3u);
+    EXPECT_EQ(out["zz"], "9");
+    std::vector<std::string> none;
+    out.clear();
+    ZARNKeyTextParse(text, "=", &none, out);
+    EXPECT_TRUE(out.empty());
+}
+
+TEST_F(KeyFileTest, IniSections) {
+    std::vector<ZARNIniSection> sections;
+    ZARNIniTextParse(
+        "orphan=1\n"
+        "[first]\r\n"
+        "dsm_min_ver=\"6.0\"\r\n"
+        "# comment=1\n"
+        "[ second ]\n"
+        "pkg_min_ver = 2\n"
+        "[broken\n"
+        "third=3\n"
+        "[first]\n"
+        "dsm_min_ver=9\n"
+        "extra=1\n"
+        "[]\n",
+        sections);
+    ASSERT_EQ(sections.size(), 3u);
+    EXPECT_EQ(sections[0].name, "first");
+    EXPECT_EQ(sections[0].values.size(), 1u);
+    EXPECT_EQ(sections[0].values["dsm_min_ver"], "6.0");
+    EXPECT_EQ(sections[1].name, "second");
+    EXPECT_EQ(sections[1].values["pkg_min_ver"], "2");
+    // A header without its bracket is no header: its line is skipped, its keys stay put.
+    EXPECT_EQ(sections[1].values["third"], "3");
+    EXPECT_EQ(sections[2].name, "");
+
+    std::string many;
+    for (int i = 0; i < 100000; ++i) {
+        many += "[same]\nk=" + std::to_string(i) + "\n";
+    }
+    ZARNIniTextParse(many, sections);
+    ASSERT_EQ(sections.size(), 1u);
+    EXPECT_EQ(sections[0].values["k"], "0");
+}
+
+TEST_F(KeyFileTest, FileReaders) {
+    writeFile("/var/packages/demo/INFO", "package=\"demo\"\nversion=\"1.0\"\nmaintainer=\"Me\"\n");
+    std::map<std::string, std::string> out;
+    EXPECT_TRUE(VLIBCFileGetKeys("/var/packages/demo/INFO", {"package", "version"}, out));
+    EXPECT_EQ(out.size(), 2u);
+    EXPECT_EQ(out["version"], "1.0");
+
+    out.clear();
+    EXPECT_TRUE(ZARNKeyFileReadAll("/var/packages/demo/INFO", out));
+    EXPECT_EQ(out.size(), 3u);
+
+    std::string value;
+    EXPECT_EQ(VLIBCFileGetKeyValue("/var/packages/demo/INFO", "maintainer", value), 1);
+    EXPECT_EQ(value, "Me");
+    EXPECT_EQ(VLIBCFileGetKeyValue("/var/packages/demo/INFO", "package", value, 2), 1);
+    EXPECT_EQ(value, "de");
+    EXPECT_EQ(VLIBCFileGetKeyValue("/var/packages/demo/INFO", "nothing", value), 0);
+    EXPECT_EQ(VLIBCFileGetKeyValue("/var/packages/none/INFO", "package", value), -1);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
+    EXPECT_FALSE(VLIBCFileGetKeys("/var/packages/none/INFO", {"package"}, out));
+    EXPECT_FALSE(ZARNKeyFileReadAll("/var/packages/none/INFO", out));
+}
+
+TEST_F(KeyFileTest, SetKeyValueKeepsOtherLines) {
+    const std::string path = "/etc/zarninfo.conf";
+    writeFile(path, "# settings\r\nlanguage=\"enu\"\r\ntimezone=\"UTC\"\r\nlanguage=\"dup\"\r\n");
+    ASSERT_TRUE(ZARNChmod(path, 0640));
+    EXPECT_TRUE(VLIBCFileSetKeyValue(path, "language", "fre"));
+    EXPECT_TRUE(VLIBCFileSetKeyValue(path, "pkg_def_intall_vol", "/volume1"));
+    EXPECT_EQ(readFile(path),
+              "# settings\r\nlanguage=\"fre\"\r\ntimezone=\"UTC\"\r\nlanguage=\"dup\"\r\n"
+              "pkg_def_intall_vol=\"/volume1\"\n");
+    struct stat st;
+    ASSERT_TRUE(ZARNStat(path, st));
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+
+    EXPECT_TRUE(VLIBCFileSetKeyValue("/etc/new.conf", "a", "1"));
+    EXPECT_EQ(readFile("/etc/new.conf"), "a=\"1\"\n");
+    writeFile("/etc/nonl.conf", "a=1");
+    EXPECT_TRUE(VLIBCFileSetKeyValue("/etc/nonl.conf", "b", "2"));
+    EXPECT_EQ(readFile("/etc/nonl.conf"), "a=1\nb=\"2\"\n");
+
+    EXPECT_FALSE(VLIBCFileSetKeyValue(path, "bad", "two\nlines"));
+    EXPECT_FALSE(VLIBCFileSetKeyValue(path, "a=b", "x"));
+    EXPECT_FALSE(VLIBCFileSetKeyValue(path, "", "x"));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_FALSE(VLIBCFileSetKeyValue("/no/such/dir/file", "a", "1"));
+
+    // Replacement goes by rename: no temporary file stays behind.
+    std::vector<ZARNDirEntry> entries;
+    ASSERT_TRUE(ZARNListDir("/etc", entries));
+    for (const auto& entry : entries) {
+        EXPECT_NE(entry.name[0], '.') << entry.name;
+    }
+}
+
+TEST_F(KeyFileTest, WritersRoundTrip) {
+    const std::map<std::string, std::string> values{
+        {"package", "demo"}, {"description", "a = b, \"c\" 'd'"}, {"empty", ""}};
+    ASSERT_TRUE(ZARNKeyFileWrite("/var/packages/INFO.test", values));
+    std::map<std::string, std::string> back;
+    ASSERT_TRUE(ZARNKeyFileReadAll("/var/packages/INFO.test", back));
+    EXPECT_EQ(back["package"], "demo");
+    EXPECT_EQ(back["empty"], "");
+    // A quoted value runs to the last quote of its line, so quotes inside it survive.
+    EXPECT_EQ(back["description"], "a = b, \"c\" 'd'");
+    EXPECT_FALSE(ZARNKeyFileWrite("/var/packages/INFO.bad", {{"k", "a\nb"}}));
+    EXPECT_FALSE(ZARNPathExists("/var/packages/INFO.bad"));
+
+    const std::vector<ZARNIniSection> sections{
+        {"pkgA", {{"dsm_min_ver", "6.0-1000"}, {"pkg_min_ver", "1.0"}}},
+        {"pkgB", {}},
+        {"pkgC", {{"pkg_max_ver", "2.0"}}}};
+    ASSERT_TRUE(ZARNIniFileWrite("/var/packages/PKG_DEPS", sections));
+    std::vector<ZARNIniSection> read;
+    ASSERT_TRUE(ZARNIniFileRead("/var/packages/PKG_DEPS", read));
+    ASSERT_EQ(read.size(), sections.size());
+    for (size_t i = 0; i < read.size(); ++i) {
+        EXPECT_EQ(read[i].name, sections[i].name);
+        EXPECT_EQ(read[i].values, sections[i].values);
+    }
+    std::vector<std::string> names;
+    ASSERT_TRUE(VLIBCFileEnumSection("/var/packages/PKG_DEPS", names));
+    EXPECT_EQ(names, (std::vector<std::string>{"pkgA", "pkgB", "pkgC"}));
+    std::map<std::string, std::string> section;
+    EXPECT_TRUE(VLIBCFileGetSection("/var/packages/PKG_DEPS", "pkgC", section));
+    EXPECT_EQ(section.at("pkg_max_ver"), "2.0");
+    EXPECT_FALSE(VLIBCFileGetSection("/var/packages/PKG_DEPS", "pkgD", section));
+    EXPECT_FALSE(VLIBCFileGetSection("/var/packages/NONE", "pkgA", section));
+    EXPECT_FALSE(ZARNIniFileWrite("/var/packages/PKG_BAD", {{"a]b", {}}}));
+}

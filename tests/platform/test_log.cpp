@@ -1,0 +1,60 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+
+#include "platform/errors.h"
+#include "platform/log.h"
+#include "support/temproot.h"
+
+class LogTest : public TempRootTest {};
+
+TEST_F(LogTest, LinesReachTheMirror) {
+    errno = ENOENT;
+    ZLOGERR("Failed to open [%s]: %m", "/var/packages/demo/INFO");
+    EXPECT_EQ(errno, ENOENT) << "logging leaves errno alone";
+    const std::string text = logText();
+    EXPECT_NE(text.find("test_log.cpp:"), std::string::npos) << text;
+    EXPECT_NE(text.find(" Failed to open [/var/packages/demo/INFO]: No such file or directory\n"),
+              std::string::npos)
+        << text;
+
+    errno = EACCES;
+    ZARNSyslog(LOG_INFO, "100%% done, %%m stays, %s", "%m in an argument stays too");
+    EXPECT_NE(logText().find("100% done, %m stays, %m in an argument stays too\n"),
+              std::string::npos);
+    ZARNSyslog(LOG_WARNING, "%s: %m", "open");
+    EXPECT_NE(logText().find("open: Permission denied\n"), std::string::npos);
+}
+
+TEST_F(LogTest, MegabyteLine) {
+    const std::string big(1 << 20, 'z');
+    errno = ENOSPC;
+    ZLOGERR("Failed to write %s: %m [%d]", big.c_str(), 42);
+    const std::string text = logText();
+    EXPECT_NE(text.find(big + ": No space left on device [42]\n"), std::string::npos);
+    EXPECT_GT(text.size(), big.size());
+}
+
+TEST_F(LogTest, LastErrorSuffix) {
+    VLIBCErrSetEx(ZARN_ERR_NO_FILE, "core/registry.cpp", 123);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
+    EXPECT_STREQ(VLIBCErrorGetFile(), "core/registry.cpp");
+    EXPECT_EQ(VLIBCErrorGetLine(), 123);
+    EXPECT_EQ(ZARNLastErrorSuffix(), "[0x0700 core/registry.cpp:123]");
+
+    const int line = __LINE__ + 1;
+    VLIBCErrSet(ZARN_ERR_LOCK);
+    EXPECT_EQ(ZARNLastErrorSuffix(),
+              "[0x2100 " + std::string(VLIBCErrorGetFile()) + ":" + std::to_string(line) + "]");
+    EXPECT_NE(std::string(VLIBCErrorGetFile()).find("test_log.cpp"), std::string::npos);
+
+    // Each thread has its own slot.
+    std::thread other([] { VLIBCErrSetEx(ZARN_ERR_IO, "other.cpp", 1); });
+    other.join();
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_LOCK);
+
+    VLIBCErrSetEx(ZARN_ERR_NONE, nullptr, 0);
+    EXPECT_EQ(ZARNLastErrorSuffix(), "[0x0000 :0]");
+}

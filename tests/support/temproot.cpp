@@ -1,0 +1,94 @@
+#include "support/temproot.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/host_init.h"
+#include "platform/sysroot.h"
+
+TempRootTest::SavedVar TempRootTest::saveVar(const char* name) {
+    SavedVar saved;
+    const char* value = getenv(name);
+    if (value != nullptr) {
+        saved.set = true;
+        saved.value = value;
+    }
+    return saved;
+}
+
+void TempRootTest::restoreVar(const char* name, const SavedVar& saved) {
+    if (saved.set) {
+        setenv(name, saved.value.c_str(), 1);
+    } else {
+        unsetenv(name);
+    }
+}
+
+void TempRootTest::SetUp() {
+    savedRootVar_ = saveVar("ZARNPKG_ROOT");
+    savedLogVar_ = saveVar("ZARNPKG_LOG_FILE");
+    savedUmask_ = umask(022);
+    savedSystemRoot_ = ZARNPackageCore::GetSystemRoot();
+
+    char tmpl[] = "/tmp/zarnpkg-test-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr) << "cannot make a temporary root";
+    // The real path, so that paths the machine reports back (links, /proc) compare equal.
+    char* real = realpath(tmpl, nullptr);
+    ASSERT_NE(real, nullptr);
+    root_ = real;
+    free(real);
+    logPath_ = root_ + "/zarnpkg-test.log";
+
+    setenv("ZARNPKG_ROOT", root_.c_str(), 1);
+    setenv("ZARNPKG_LOG_FILE", logPath_.c_str(), 1);
+    ZARNPackageCore::SetSystemRoot(root_);
+    VLIBCErrSetEx(ZARN_ERR_NONE, "", 0);
+
+    std::string error;
+    ASSERT_TRUE(ZARNHostInit(error)) << error;
+}
+
+void TempRootTest::TearDown() {
+    if (!root_.empty()) {
+        // Removed through the machine's view of the path: the root itself is the tree to go.
+        ZARNPackageCore::SetSystemRoot("/");
+        EXPECT_TRUE(ZARNRemoveTree(root_)) << "cannot remove " << root_;
+    }
+    ZARNPackageCore::SetSystemRoot(savedSystemRoot_);
+    restoreVar("ZARNPKG_ROOT", savedRootVar_);
+    restoreVar("ZARNPKG_LOG_FILE", savedLogVar_);
+    umask(savedUmask_);
+}
+
+std::string TempRootTest::phys(const std::string& logical) const {
+    return ZARNPhysicalPath(logical);
+}
+
+void TempRootTest::writeFile(const std::string& logical, const std::string& text, mode_t mode) {
+    size_t slash = logical.find_last_of('/');
+    if (slash != std::string::npos && slash > 0) {
+        ASSERT_EQ(0, ZARNFSMkdirP(logical.substr(0, slash), 0, 0, static_cast<uid_t>(-1),
+                                  static_cast<gid_t>(-1), 0755))
+            << logical;
+    }
+    ASSERT_TRUE(ZARNFileWrite(logical, text, mode)) << logical;
+}
+
+std::string TempRootTest::readFile(const std::string& logical) const {
+    std::string text;
+    if (!ZARNFileRead(logical, text)) {
+        text.clear();
+    }
+    return text;
+}
+
+std::string TempRootTest::logText() const {
+    std::string text;
+    if (!ZARNFileRead(ZARNLogicalPath(logPath_), text)) {
+        text.clear();
+    }
+    return text;
+}

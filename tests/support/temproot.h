@@ -1,0 +1,43 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <string>
+
+// Runs each test under a fresh standalone root in a temporary folder, with the library's log
+// mirrored to a file there. The process state that the fixture changes (ZARNPKG_ROOT,
+// ZARNPKG_LOG_FILE, the umask, the system root) is put back afterwards.
+class TempRootTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // The physical folder that holds the root.
+    const std::string& root() const { return root_; }
+    // The physical path of a logical one.
+    std::string phys(const std::string& logical) const;
+    // Writes a file by logical path, making its folders.
+    void writeFile(const std::string& logical, const std::string& text, mode_t mode = 0644);
+    // The content of a file by logical path; empty when it can't be read.
+    std::string readFile(const std::string& logical) const;
+    // Everything the library logged during the test so far.
+    std::string logText() const;
+    // The physical path of the log mirror.
+    const std::string& logPath() const { return logPath_; }
+
+private:
+    struct SavedVar {
+        bool set = false;
+        std::string value;
+    };
+    static SavedVar saveVar(const char* name);
+    static void restoreVar(const char* name, const SavedVar& saved);
+
+    std::string root_;
+    std::string logPath_;
+    SavedVar savedRootVar_;
+    SavedVar savedLogVar_;
+    mode_t savedUmask_ = 022;
+    std::string savedSystemRoot_;
+};
