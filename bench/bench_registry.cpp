@@ -61,6 +61,8 @@ void Check(bool ok, const char* what) {
 
 int main(int argc, char** argv) {
     const int count = argc > 1 ? std::atoi(argv[1]) : 10000;
+    // BENCH_KEEP_ROOT=1 leaves the laid-out root behind for a closer look.
+    const bool keep = std::getenv("BENCH_KEEP_ROOT") != nullptr;
     char tmpl[] = "/tmp/zarnpkg-bench.XXXXXX";
     Check(mkdtemp(tmpl) != nullptr, "mkdtemp");
     const std::string root = tmpl;
@@ -93,9 +95,10 @@ int main(int argc, char** argv) {
     Check(found == static_cast<size_t>(count), "scan found every package");
     // The first run warms the cache; report the rest.
     std::sort(runs.begin() + 1, runs.end());
-    std::printf("registry scan (enumPackageInfo, listing mask, warm): median %.1f ms, best %.1f ms"
-                " (target <= 100 ms at 10000)\n",
-                runs[1 + (runs.size() - 1) / 2], runs[1]);
+    std::printf(
+        "registry scan (enumPackageInfo, listing mask, warm): median %.1f ms, best %.1f ms"
+        " (target <= 100 ms at 10000)\n",
+        runs[1 + (runs.size() - 1) / 2], runs[1]);
 
     std::mt19937 rng(7);
     std::vector<PackageBasicInfo> versions;
@@ -117,6 +120,10 @@ int main(int argc, char** argv) {
     std::printf("PackageBasicInfo::compare: %.2f million comparisons/s (%ld true of %ld)\n",
                 n / secs / 1e6, truths, n);
 
+    if (keep) {
+        std::printf("root kept at %s\n", root.c_str());
+        return 0;
+    }
     std::string rm = "rm -rf " + root;
     return std::system(rm.c_str()) == 0 ? 0 : 1;
 }

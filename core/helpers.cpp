@@ -66,8 +66,7 @@ std::string PMSReadLink(const std::string& path) {
     return target;
 }
 
-bool PMReadFile(const char* path, unsigned int limit, std::string& out,
-                unsigned long long* size) {
+bool PMReadFile(const char* path, unsigned int limit, std::string& out, unsigned long long* size) {
     if (path == nullptr) {
         ZLOGERR("Bad Parameters");
         return false;

@@ -1,6 +1,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -50,59 +51,111 @@ constexpr unsigned long long kMaskAppLaunchName = 0x20000000000ULL;
 
 constexpr size_t kMaxNameLength = 492;
 
-using KeyHash = std::map<std::string, std::string>;
+// The values of one INFO file, as views into its text, looked up by key.
+class InfoValues {
+public:
+    InfoValues(const std::string& text, const std::vector<std::string>& keys) : keys_(keys) {
+        ZARNKeyTextParseViews(text, "=", keys, values_);
+    }
+    const std::string_view* get(std::string_view key) const {
+        auto it = std::lower_bound(keys_.begin(), keys_.end(), key,
+                                   [](const std::string& a, std::string_view b) { return a < b; });
+        if (it == keys_.end() || *it != key) {
+            return nullptr;
+        }
+        const std::string_view& v = values_[static_cast<size_t>(it - keys_.begin())];
+        return v.data() == nullptr ? nullptr : &v;
+    }
 
-const std::string* Get(const KeyHash& hash, const char* key) {
-    auto it = hash.find(key);
-    return it == hash.end() ? nullptr : &it->second;
+private:
+    const std::vector<std::string>& keys_;
+    std::vector<std::string_view> values_;
+};
+
+using Value = const std::string_view*;
+
+Value Get(const InfoValues& hash, std::string_view key) {
+    return hash.get(key);
 }
 
-const std::string* GetNonEmpty(const KeyHash& hash, const char* key) {
-    const std::string* v = Get(hash, key);
+Value GetNonEmpty(const InfoValues& hash, std::string_view key) {
+    Value v = hash.get(key);
     return (v == nullptr || v->empty()) ? nullptr : v;
 }
 
-bool IsYes(const std::string* v) { return v != nullptr && strcasecmp(v->c_str(), "yes") == 0; }
-bool IsNo(const std::string* v) { return v != nullptr && strcasecmp(v->c_str(), "no") == 0; }
+bool EqualsNoCase(Value v, const char* word) {
+    return v != nullptr && v->size() == std::strlen(word) &&
+           strncasecmp(v->data(), word, v->size()) == 0;
+}
+bool IsYes(Value v) {
+    return EqualsNoCase(v, "yes");
+}
+bool IsNo(Value v) {
+    return EqualsNoCase(v, "no");
+}
 
-std::vector<std::string> Blanks(const std::string& text) { return PMSExplodeString(text, " \t"); }
+std::string Str(Value v) {
+    return v != nullptr ? std::string(*v) : std::string();
+}
 
-// The keys of the table that a mask asks for, in ascending order of their type.
-const std::vector<std::string>& KeysForMask(unsigned long long mask) {
-    // Listings use very few masks; remember the last one.
+std::vector<std::string> Blanks(Value v) {
+    return PMSExplodeString(Str(v), " \t");
+}
+
+// The keys that a mask asks for, with the language keys, sorted for the key file reader.
+// Scans load thousands of files with one mask and one language: remember the last list.
+const std::vector<std::string>& KeysFor(unsigned long long mask, const std::string& language,
+                                        bool wantEnglish) {
     thread_local unsigned long long cachedMask = 0;
-    thread_local std::vector<std::string> cachedKeys;
+    thread_local std::string cachedLanguage;
+    thread_local bool cachedEnglish = false;
+    thread_local std::vector<std::string> keys;
     thread_local bool cached = false;
-    if (cached && cachedMask == mask) {
-        return cachedKeys;
+    if (cached && cachedMask == mask && cachedLanguage == language &&
+        cachedEnglish == wantEnglish) {
+        return keys;
     }
-    cachedKeys.clear();
+    keys.clear();
     for (const auto& [type, key] : g_MappingPKGInfoFields) {
         auto extra = g_MappingPKGInfoAdditional.find(type);
         if (extra != g_MappingPKGInfoAdditional.end() && (extra->second & mask) == 0) {
             continue;
         }
-        cachedKeys.push_back(key);
+        keys.push_back(key);
     }
+    if (!language.empty()) {
+        if (mask & kMaskDisplayName) {
+            keys.push_back("displayname_" + language);
+        }
+        if (mask & kMaskDescription) {
+            keys.push_back("description_" + language);
+        }
+    }
+    if (wantEnglish) {
+        keys.push_back("description_enu");
+    }
+    std::sort(keys.begin(), keys.end());
     cachedMask = mask;
+    cachedLanguage = language;
+    cachedEnglish = wantEnglish;
     cached = true;
-    return cachedKeys;
+    return keys;
 }
 
-bool ReadOSVersion(const std::string& text, OSVersionNumbers& v, int& nano) {
+bool ReadOSVersion(Value text, OSVersionNumbers& v, int& nano) {
     int n = nano;
-    std::sscanf(text.c_str(), "%d.%d-%d-%d", &v.major, &v.minor, &v.build, &n);
+    std::sscanf(Str(text).c_str(), "%d.%d-%d-%d", &v.major, &v.minor, &v.build, &n);
     nano = n;
     return true;
 }
 
-void LoadDepList(const std::string& dir, const char* file, const std::string* key,
+void LoadDepList(const std::string& dir, bool hasConf, const char* file, Value key,
                  DepPkgVector& out) {
     const std::string path = dir + "/conf/" + file;
-    if (IsFileExists(path)) {
+    if (hasConf && IsFileExists(path)) {
         PMSLoadDepConfFile(path.c_str(), out);
     } else if (key != nullptr) {
-        PMSExplodeDepPKGString(key->c_str(), out);
+        PMSExplodeDepPKGString(Str(key).c_str(), out);
     }
 }
 
@@ -120,13 +173,14 @@ bool PMSCheckName(const char* name, const char* forbidden) {
 }
 
 bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const char* lang,
-                            bool langGiven, unsigned long long mask) {
+                            bool langGiven, unsigned long long mask, bool* missing) {
     info = PackageInfo();
     const std::string infoPath = dir + "/INFO";
-    if (!ZARNIsDir(dir) || !IsFileExists(infoPath)) {
+    if (missing != nullptr) {
+        *missing = false;
+    } else if (!ZARNIsDir(dir)) {
         return false;
     }
-    std::vector<std::string> keys = KeysForMask(mask);
     std::string language;
     if (mask & (kMaskDescription | kMaskDisplayName)) {
         if (lang != nullptr) {
@@ -137,37 +191,33 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     }
     const bool wantEnglish =
         (mask & kMaskDescription) && !(langGiven && strcasecmp(language.c_str(), "enu") == 0);
-    if (!language.empty()) {
-        if (mask & kMaskDisplayName) {
-            keys.push_back("displayname_" + language);
+    // Read the file directly rather than testing for it first: a scan pays one open per package.
+    // The buffer is reused so that a scan doesn't allocate a fresh one for every file.
+    thread_local std::string text;
+    if (!ZARNFileRead(infoPath, text)) {
+        if (errno == ENOENT || errno == ENOTDIR) {
+            if (missing != nullptr) {
+                *missing = true;
+            }
+            return false;
         }
-        if (mask & kMaskDescription) {
-            keys.push_back("description_" + language);
-        }
-    }
-    if (wantEnglish) {
-        keys.push_back("description_enu");
-    }
-    std::sort(keys.begin(), keys.end());
-
-    KeyHash hash;
-    if (!VLIBCFileGetKeys(infoPath, keys, hash, "=")) {
         ZLOGERR("VLIBCFileGetKeys() failed!! szFile=[%s], zarnerr=[0x%04X]", infoPath.c_str(),
                 VLIBCErrGet());
         return false;
     }
-    const std::string* name = Get(hash, "package");
+    const InfoValues hash(text, KeysFor(mask, language, wantEnglish));
+    Value name = Get(hash, "package");
     if (name == nullptr) {
         ZLOGERR("key [%s] not found in %s zarnerr=[0x%04X]", "package", infoPath.c_str(),
                 VLIBCErrGet());
         return false;
     }
-    if (!PMSCheckName(name->c_str(), ":/<>=|")) {
-        ZLOGERR("key [%s] %s is illegal", "package", name->c_str());
+    if (!PMSCheckName(Str(name).c_str(), ":/<>=|")) {
+        ZLOGERR("key [%s] %s is illegal", "package", Str(name).c_str());
         return false;
     }
     info.name = *name;
-    const std::string* version = GetNonEmpty(hash, "version");
+    Value version = GetNonEmpty(hash, "version");
     if (version == nullptr) {
         ZLOGERR("key [%s] not found", "version");
         return false;
@@ -176,7 +226,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     PackageInfoExtraPrivate& x = *info.extra.get();
 
     if (mask & kMaskMaintainer) {
-        const std::string* v = GetNonEmpty(hash, "maintainer");
+        Value v = GetNonEmpty(hash, "maintainer");
         if (v == nullptr) {
             ZLOGERR("key [%s] not found", "maintainer");
             return false;
@@ -184,88 +234,88 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         info.maintainer = *v;
     }
     if (mask & kMaskMaintainerUrl) {
-        const std::string* v = Get(hash, "maintainer_url");
-        info.maintainer_url = v ? *v : "";
+        Value v = Get(hash, "maintainer_url");
+        info.maintainer_url = Str(v);
     }
     if (mask & kMaskDistributor) {
-        const std::string* v = Get(hash, "distributor");
-        info.distributor = v ? *v : "";
+        Value v = Get(hash, "distributor");
+        info.distributor = Str(v);
     }
     if (mask & kMaskDistributorUrl) {
-        const std::string* v = Get(hash, "distributor_url");
-        info.distributor_url = v ? *v : "";
+        Value v = Get(hash, "distributor_url");
+        info.distributor_url = Str(v);
     }
     if (mask & kMaskDescription) {
-        const std::string* v = GetNonEmpty(hash, "description");
+        Value v = GetNonEmpty(hash, "description");
         if (v == nullptr) {
             ZLOGERR("key [%s] not found", "description");
             return false;
         }
         info.description = *v;
-        const std::string* enu = wantEnglish ? GetNonEmpty(hash, "description_enu") : nullptr;
+        Value enu = wantEnglish ? GetNonEmpty(hash, "description_enu") : nullptr;
         if (enu != nullptr) {
             info.description_enu = *enu;
         }
     }
     if (mask & kMaskAdmin) {
-        if (const std::string* v = Get(hash, "adminurl")) {
+        if (Value v = Get(hash, "adminurl")) {
             info.adminurl = *v;
         }
-        if (const std::string* v = GetNonEmpty(hash, "adminport")) {
-            unsigned long port = std::strtoul(v->c_str(), nullptr, 10);
+        if (Value v = GetNonEmpty(hash, "adminport")) {
+            unsigned long port = std::strtoul(Str(v).c_str(), nullptr, 10);
             if (port > 65536) {
                 ZLOGERR("key [%s] %d is illegal", "adminport", static_cast<int>(port));
                 return false;
             }
             info.adminport = static_cast<unsigned int>(port);
         }
-        const std::string* protocols = GetNonEmpty(hash, "adminprotocol");
-        info.adminprotocol = protocols ? Blanks(*protocols) : std::vector<std::string>{"http"};
+        Value protocols = GetNonEmpty(hash, "adminprotocol");
+        info.adminprotocol = protocols ? Blanks(protocols) : std::vector<std::string>{"http"};
     }
-    if (const std::string* v = GetNonEmpty(hash, "arch")) {
-        info.arch = Blanks(*v);
+    if (Value v = GetNonEmpty(hash, "arch")) {
+        info.arch = Blanks(v);
         PMSArchSetInsert(info.arch, x.arch_ids);
     }
     if (x.arch_ids.empty()) {
         const auto& noarch = PMSGetArchGroup(PKG_ARCH_GROUP_NOARCH);
         x.arch_ids.insert(noarch.begin(), noarch.end());
     }
-    if (const std::string* v = Get(hash, "exclude_arch")) {
-        info.exclude_arch = Blanks(*v);
+    if (Value v = Get(hash, "exclude_arch")) {
+        info.exclude_arch = Blanks(v);
         PMSArchSetInsert(info.exclude_arch, x.exclude_arch_ids);
     }
-    if (const std::string* v = Get(hash, "exclude_model")) {
-        x.exclude_model = Blanks(*v);
+    if (Value v = Get(hash, "exclude_model")) {
+        x.exclude_model = Blanks(v);
     }
-    if (const std::string* v = Get(hash, "model")) {
-        info.model = Blanks(*v);
+    if (Value v = Get(hash, "model")) {
+        info.model = Blanks(v);
     }
 
-    const std::string* minVer = Get(hash, "os_min_ver");
+    Value minVer = Get(hash, "os_min_ver");
     if (minVer == nullptr) {
         minVer = Get(hash, "firmware");
     }
     if (minVer != nullptr) {
-        ReadOSVersion(*minVer, x.os_min_ver, x.os_min_nano);
+        ReadOSVersion(minVer, x.os_min_ver, x.os_min_nano);
         int unused = 0;
-        ReadOSVersion(*minVer, info.firmware, unused);
+        ReadOSVersion(minVer, info.firmware, unused);
     }
-    if (const std::string* maxVer = Get(hash, "os_max_ver")) {
+    if (Value maxVer = Get(hash, "os_max_ver")) {
         x.os_max_ver = OSVersionNumbers();
-        ReadOSVersion(*maxVer, x.os_max_ver, x.os_max_nano);
+        ReadOSVersion(maxVer, x.os_max_ver, x.os_max_nano);
     }
 
     if (mask & kMaskDisplayName) {
-        const std::string* v = GetNonEmpty(hash, "displayname");
-        info.displayname = v ? *v : info.name;
+        Value v = GetNonEmpty(hash, "displayname");
+        info.displayname = v ? Str(v) : info.name;
         if (!language.empty()) {
-            if (const std::string* l = GetNonEmpty(hash, ("displayname_" + language).c_str())) {
+            if (Value l = GetNonEmpty(hash, "displayname_" + language)) {
                 info.displayname = *l;
             }
         }
     }
     if ((mask & kMaskDescription) && !language.empty()) {
-        if (const std::string* l = GetNonEmpty(hash, ("description_" + language).c_str())) {
+        if (Value l = GetNonEmpty(hash, "description_" + language)) {
             info.description = *l;
         }
     }
@@ -274,40 +324,40 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         info.checkport = false;
     }
     if (mask & kMaskHelpUrl) {
-        if (const std::string* v = Get(hash, "helpurl")) {
+        if (Value v = Get(hash, "helpurl")) {
             info.helpurl = *v;
         }
     }
     if (mask & kMaskRestartServices) {
-        if (const std::string* v = Get(hash, "instuninst_restart_services")) {
-            info.instuninst_restart_services = PMSConvMapRestartService(v->c_str());
+        if (Value v = Get(hash, "instuninst_restart_services")) {
+            info.instuninst_restart_services = PMSConvMapRestartService(Str(v).c_str());
         }
-        if (const std::string* v = Get(hash, "startstop_restart_services")) {
-            info.startstop_restart_services = PMSConvMapRestartService(v->c_str());
+        if (Value v = Get(hash, "startstop_restart_services")) {
+            info.startstop_restart_services = PMSConvMapRestartService(Str(v).c_str());
         }
     }
     if (mask & kMaskInstallDepServices) {
-        if (const std::string* v = Get(hash, "install_dep_services")) {
-            info.install_dep_services = PackageManager::PMSExplodeServiceString(v->c_str());
-            x.install_dep_service_set = PackageManager::getServiceSetFromString(v->c_str());
+        if (Value v = Get(hash, "install_dep_services")) {
+            info.install_dep_services = PackageManager::PMSExplodeServiceString(Str(v).c_str());
+            x.install_dep_service_set = PackageManager::getServiceSetFromString(Str(v).c_str());
         }
     }
     if (mask & kMaskStartDepServices) {
-        if (const std::string* v = Get(hash, "start_dep_services")) {
-            info.start_dep_services = PackageManager::PMSExplodeServiceString(v->c_str());
-            x.start_dep_service_set = PackageManager::getServiceSetFromString(v->c_str());
+        if (Value v = Get(hash, "start_dep_services")) {
+            info.start_dep_services = PackageManager::PMSExplodeServiceString(Str(v).c_str());
+            x.start_dep_service_set = PackageManager::getServiceSetFromString(Str(v).c_str());
         }
     }
 
-    if (const std::string* v = GetNonEmpty(hash, "kosuidir")) {
-        if (!PMSCheckName(v->c_str(), ":/")) {
-            ZLOGERR("key [%s] %s is illegal", "kosuidir", v->c_str());
+    if (Value v = GetNonEmpty(hash, "kosuidir")) {
+        if (!PMSCheckName(Str(v).c_str(), ":/")) {
+            ZLOGERR("key [%s] %s is illegal", "kosuidir", Str(v).c_str());
             return false;
         }
         info.kosuidir = *v;
     }
     if (mask & kMaskAppName) {
-        if (const std::string* v = Get(hash, "kosappname")) {
+        if (Value v = Get(hash, "kosappname")) {
             info.kosappname = *v;
         }
     }
@@ -315,30 +365,35 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         info.install_reboot = IsYes(Get(hash, "install_reboot"));
     }
     if (mask & kMaskCtlStop) {
-        const std::string* ctl = Get(hash, "ctl_stop");
+        Value ctl = Get(hash, "ctl_stop");
         info.startable = !IsNo(ctl != nullptr ? ctl : Get(hash, "startable"));
     }
 
-    if (mask & kMaskDepPackages) {
-        LoadDepList(dir, "PKG_DEPS", Get(hash, "install_dep_packages"), info.install_dep_packages);
-    }
-    if (mask & kMaskConflicts) {
-        LoadDepList(dir, "PKG_CONX", Get(hash, "install_conflict_packages"),
-                    info.install_conflict_packages);
+    if (mask & (kMaskDepPackages | kMaskConflicts)) {
+        // Most packages have no conf folder: one test spares two.
+        const bool hasConf = ZARNIsDir(dir + "/conf");
+        if (mask & kMaskDepPackages) {
+            LoadDepList(dir, hasConf, "PKG_DEPS", Get(hash, "install_dep_packages"),
+                        info.install_dep_packages);
+        }
+        if (mask & kMaskConflicts) {
+            LoadDepList(dir, hasConf, "PKG_CONX", Get(hash, "install_conflict_packages"),
+                        info.install_conflict_packages);
+        }
     }
     if (mask & PKG_MASK_PARSE_BREAK) {
-        if (const std::string* v = Get(hash, "install_break_packages")) {
-            PMSExplodeDepPKGString(v->c_str(), x.install_break_packages);
+        if (Value v = Get(hash, "install_break_packages")) {
+            PMSExplodeDepPKGString(Str(v).c_str(), x.install_break_packages);
         }
     }
     if (mask & PKG_MASK_PARSE_REPLACE) {
-        if (const std::string* v = Get(hash, "install_replace_packages")) {
-            PMSExplodeDepPKGString(v->c_str(), x.install_replace_packages);
+        if (Value v = Get(hash, "install_replace_packages")) {
+            PMSExplodeDepPKGString(Str(v).c_str(), x.install_replace_packages);
         }
     }
     if (mask & PKG_MASK_PARSE_REPLACE_FORCE) {
-        if (const std::string* v = Get(hash, "install_replace_force_packages")) {
-            PMSExplodeDepPKGString(v->c_str(), x.install_replace_force_packages);
+        if (Value v = Get(hash, "install_replace_force_packages")) {
+            PMSExplodeDepPKGString(Str(v).c_str(), x.install_replace_force_packages);
         }
     }
 
@@ -351,18 +406,18 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     if (mask & kMaskSilentUninstall) {
         info.silent_uninstall = IsYes(Get(hash, "silent_uninstall"));
     }
-    if (const std::string* v = Get(hash, "checksum")) {
+    if (Value v = Get(hash, "checksum")) {
         info.checksum = *v;
     }
     if (mask & kMaskIcons) {
-        if (const std::string* v = Get(hash, "package_icon")) {
+        if (Value v = Get(hash, "package_icon")) {
             info.package_icon = *v;
         }
-        if (const std::string* v = Get(hash, "package_icon_256")) {
+        if (Value v = Get(hash, "package_icon_256")) {
             info.package_icon_256 = *v;
         }
     }
-    if (const std::string* v = GetNonEmpty(hash, "report_url")) {
+    if (Value v = GetNonEmpty(hash, "report_url")) {
         info.report_url = *v;
         info.beta = true;
     }
@@ -376,15 +431,15 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     x.target_volume = PMSGetPackageTargetVolByPath(PMSRegistryDir(info.name).c_str());
 
     if (mask & kMaskSupportUrl) {
-        if (const std::string* v = Get(hash, "support_url")) {
+        if (Value v = Get(hash, "support_url")) {
             info.support_url = *v;
         }
     }
-    if (const std::string* v = Get(hash, "extractsize")) {
-        info.extractsize = std::strtoll(v->c_str(), nullptr, 10) * 1024;
+    if (Value v = Get(hash, "extractsize")) {
+        info.extractsize = std::strtoll(Str(v).c_str(), nullptr, 10) * 1024;
     }
     if (mask & kMaskInstallType) {
-        if (const std::string* v = Get(hash, "install_type")) {
+        if (Value v = Get(hash, "install_type")) {
             info.install_type = *v;
         }
     }
@@ -392,7 +447,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         x.install_on_cold_storage = IsYes(Get(hash, "install_on_cold_storage"));
     }
     if (mask & kMaskAppLaunchName) {
-        if (const std::string* v = Get(hash, "kosapplaunchname")) {
+        if (Value v = Get(hash, "kosapplaunchname")) {
             x.kosapplaunchname = *v;
         }
     }
@@ -409,7 +464,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
 
 bool PMSLoadPKGInfoFile(const std::string& dir, PackageInfo& info, const char* lang,
                         unsigned long long mask) {
-    return PMSLoadPKGInfoFileImpl(dir, info, lang, lang != nullptr, mask);
+    return PMSLoadPKGInfoFileImpl(dir, info, lang, lang != nullptr, mask, nullptr);
 }
 
 std::string PMSSystemLanguage() {

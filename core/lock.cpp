@@ -70,6 +70,8 @@ bool PackageManager::ExLock(int seconds) {
     return true;
 }
 
-void PackageManager::UnLock() { VLIBCFileUnlock(PackageLockId); }
+void PackageManager::UnLock() {
+    VLIBCFileUnlock(PackageLockId);
+}
 
 }  // namespace ZARNPackageTool

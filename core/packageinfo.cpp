@@ -12,7 +12,9 @@ PackageBasicInfoExtra& PackageBasicInfoExtra::operator=(const PackageBasicInfoEx
     }
     return *this;
 }
-PackageBasicInfoExtra::~PackageBasicInfoExtra() { delete d_; }
+PackageBasicInfoExtra::~PackageBasicInfoExtra() {
+    delete d_;
+}
 
 PackageBasicInfo::PackageBasicInfo() = default;
 PackageBasicInfo::PackageBasicInfo(std::string n, std::string v)
@@ -31,7 +33,9 @@ PackageInfoExtra& PackageInfoExtra::operator=(const PackageInfoExtra& other) {
     }
     return *this;
 }
-PackageInfoExtra::~PackageInfoExtra() { delete d_; }
+PackageInfoExtra::~PackageInfoExtra() {
+    delete d_;
+}
 
 void PackageInfoExtra::copy(const PackageInfoExtra& other) {
     // The excluded models and the deprecated replace flag are not carried: a copy keeps their
@@ -58,12 +62,24 @@ void PackageInfoExtra::copy(const PackageInfoExtra& other) {
     t.install_replace_force_packages = o.install_replace_force_packages;
 }
 
-OSVersionNumbers PMSGetOSMinVer(const PackageInfo& info) { return info.extra.get()->os_min_ver; }
-OSVersionNumbers PMSGetOSMaxVer(const PackageInfo& info) { return info.extra.get()->os_max_ver; }
-int PMSGetOSMinVerNano(const PackageInfo& info) { return info.extra.get()->os_min_nano; }
-int PMSGetOSMaxVerNano(const PackageInfo& info) { return info.extra.get()->os_max_nano; }
-bool PMSGetCtlUninstall(const PackageInfo& info) { return info.extra.get()->ctl_uninstall; }
-bool PMSGetSupportMove(const PackageInfo& info) { return info.extra.get()->support_move; }
+OSVersionNumbers PMSGetOSMinVer(const PackageInfo& info) {
+    return info.extra.get()->os_min_ver;
+}
+OSVersionNumbers PMSGetOSMaxVer(const PackageInfo& info) {
+    return info.extra.get()->os_max_ver;
+}
+int PMSGetOSMinVerNano(const PackageInfo& info) {
+    return info.extra.get()->os_min_nano;
+}
+int PMSGetOSMaxVerNano(const PackageInfo& info) {
+    return info.extra.get()->os_max_nano;
+}
+bool PMSGetCtlUninstall(const PackageInfo& info) {
+    return info.extra.get()->ctl_uninstall;
+}
+bool PMSGetSupportMove(const PackageInfo& info) {
+    return info.extra.get()->support_move;
+}
 bool PMSGetIntallOnColdStorage(const PackageInfo& info) {
     return info.extra.get()->install_on_cold_storage;
 }
@@ -76,7 +92,9 @@ bool PMSGetPrecheckStartStop(const PackageInfo& info) {
 bool PMSGetUseDeprecatedReplaceMechanism(const PackageInfo& info) {
     return info.extra.get()->use_deprecated_replace_mechanism;
 }
-std::string PMSGetTargetVolume(const PackageInfo& info) { return info.extra.get()->target_volume; }
+std::string PMSGetTargetVolume(const PackageInfo& info) {
+    return info.extra.get()->target_volume;
+}
 const std::vector<std::string>& PMSGetExcludeModels(const PackageInfo& info) {
     return info.extra.get()->exclude_model;
 }
@@ -181,8 +199,12 @@ const std::map<int, std::string> UIFileMapping = {
 };
 
 const std::map<std::string, RestartServiceBits> MappingPKGRestartServices = {
-    {"applenetwork", {0x1, 0}}, {"samba", {0x4, 0}},          {"cron", {0x8, 0}},
-    {"nfs", {0x8000, 0}},       {"mdns", {0x20000, 0}},       {"nginx", {0x40000000, 0}},
+    {"applenetwork", {0x1, 0}},
+    {"samba", {0x4, 0}},
+    {"cron", {0x8, 0}},
+    {"nfs", {0x8000, 0}},
+    {"mdns", {0x20000, 0}},
+    {"nginx", {0x40000000, 0}},
     {"firewall", {0x40000000, 0x4000000}},
 };
 

@@ -73,15 +73,21 @@ void PackageManager::setResult(PKG_ERRCODE code, Json::Value data) {
     d_->resultData = std::move(data);
 }
 
-PKG_ERRCODE PackageManager::getResult() const { return d_->result; }
+PKG_ERRCODE PackageManager::getResult() const {
+    return d_->result;
+}
 
 PKG_ERRCODE PackageManager::getResult(Json::Value& data) const {
     data = d_->resultData;
     return d_->result;
 }
 
-void PackageManager::setIntParam(unsigned int value) { d_->intParam = value; }
-unsigned int PackageManager::getIntParam() const { return d_->intParam; }
+void PackageManager::setIntParam(unsigned int value) {
+    d_->intParam = value;
+}
+unsigned int PackageManager::getIntParam() const {
+    return d_->intParam;
+}
 
 void PackageManager::insertMapParam(const std::string& key, const std::string& value) {
     d_->mapParams.emplace(key, value);
@@ -110,18 +116,28 @@ const std::map<std::string, std::string>& PackageManager::getMapParams() const {
     return d_->mapParams;
 }
 
-const PackageInfo* PackageManager::getPackageInfoData() const { return &d_->packageInfo; }
-PackageInfo* PackageManager::getPackageInfoData() { return &d_->packageInfo; }
+const PackageInfo* PackageManager::getPackageInfoData() const {
+    return &d_->packageInfo;
+}
+PackageInfo* PackageManager::getPackageInfoData() {
+    return &d_->packageInfo;
+}
 
-void PackageManager::setSkipUpgradeCheck(bool skip) { g_skipUpgradeCheck = skip; }
-bool PackageManager::getSkipUpgradeCheck() { return g_skipUpgradeCheck; }
+void PackageManager::setSkipUpgradeCheck(bool skip) {
+    g_skipUpgradeCheck = skip;
+}
+bool PackageManager::getSkipUpgradeCheck() {
+    return g_skipUpgradeCheck;
+}
 
 std::string PackageManager::getFixedLogFilePath(const std::string& name) {
     logFilePath_ = "/tmp/zarnpkgmgr.log-" + name;
     return logFilePath_;
 }
 
-std::string PackageManager::getLogFilePath() const { return logFilePath_; }
+std::string PackageManager::getLogFilePath() const {
+    return logFilePath_;
+}
 
 bool PackageManager::move(const std::string&, const std::string&) {
     setResult(PKG_ERR_SYSTEM);

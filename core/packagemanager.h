@@ -111,8 +111,7 @@ public:
     bool arePackagesDepended(const std::string& name, const char* language, std::string& names);
     bool arePackagesDepended(const std::string& name, const char* language,
                              std::vector<std::string>& names);
-    bool areDependentPackageStop(const std::string& name, const char* language,
-                                 std::string& names);
+    bool areDependentPackageStop(const std::string& name, const char* language, std::string& names);
     bool getDepPkgListStop(const std::vector<std::string>& packages, const std::string& skipName,
                            const char* language, Json::Value& out);
     bool getDepPkgListStop(const std::string& name, const char* language, Json::Value& out);
@@ -123,8 +122,7 @@ public:
     bool getDependencyOrder(std::vector<std::string>& order);
     bool getDependencyOrder(const char* name, std::vector<std::string>& order, bool byEnabledFlag,
                             bool all);
-    bool getDependencyOrder(const char* name, std::vector<std::string>& order,
-                            bool byEnabledFlag);
+    bool getDependencyOrder(const char* name, std::vector<std::string>& order, bool byEnabledFlag);
     bool getAncestryDependencyOrder(const char* name, std::vector<PackageInfo>& packages,
                                     std::vector<std::string>& order);
     bool getDepServicePkgs(const std::set<std::string>& services, std::vector<PackageInfo>& out);
@@ -189,8 +187,7 @@ ZARNPKG_API std::vector<std::string> PMSExplodeString(const std::string& s,
                                                       const std::string& delims);
 ZARNPKG_API std::string joinStringArray(const std::vector<std::string>& items,
                                         const std::string& sep);
-ZARNPKG_API void joinJsonArray(const Json::Value& items, const std::string& sep,
-                               std::string& out);
+ZARNPKG_API void joinJsonArray(const Json::Value& items, const std::string& sep, std::string& out);
 ZARNPKG_API bool PMSCheckIsExec(const std::string& path);
 ZARNPKG_API std::string PMSReadLink(const std::string& path);
 ZARNPKG_API bool PMReadFile(const char* path, unsigned int limit, std::string& out,

@@ -21,19 +21,19 @@ struct ArchName {
 };
 
 const ArchName kArchTable[] = {
-    {2, "powerpc"},       {3, "ppc854x"},      {4, "ixp420"},        {5, "ppc853x"},
-    {6, "88f5281"},       {7, "88f6281"},      {7, "88f6282"},       {8, "x86"},
-    {8, "x64"},           {9, "bromolow"},     {10, "cedarview"},    {11, "qoriq"},
-    {12, "armadaxp"},     {13, "armada370"},   {14, "ti816x"},       {15, "evansport"},
-    {16, "catalina"},     {17, "avoton"},      {18, "armada375"},    {19, "braswell"},
-    {20, "grantley"},     {21, "broadwell"},   {22, "dockerx64"},    {23, "kvmx64"},
-    {24, "alpine"},       {25, "alpine4k"},    {26, "apollolake"},   {27, "denverton"},
-    {28, "rtd1296"},      {29, "broadwellnk"}, {30, "purley"},       {31, "coffeelake"},
-    {32, "armada37xx"},   {33, "broadwellntb"}, {34, "broadwellntbap"}, {35, "nextkvmx64"},
-    {36, "geminilake"},   {37, "rtd1619"},     {38, "v1000"},        {39, "kvmcloud"},
-    {40, "armada38x"},    {41, "comcerto2k"},  {42, "monaco"},       {1000, "noarch"},
-    {1001, "x86_64"},     {1002, "i686"},      {1003, "armv7"},      {1004, "armv5"},
-    {1005, "armv8"},      {1006, "ppc"},
+    {2, "powerpc"},     {3, "ppc854x"},       {4, "ixp420"},          {5, "ppc853x"},
+    {6, "88f5281"},     {7, "88f6281"},       {7, "88f6282"},         {8, "x86"},
+    {8, "x64"},         {9, "bromolow"},      {10, "cedarview"},      {11, "qoriq"},
+    {12, "armadaxp"},   {13, "armada370"},    {14, "ti816x"},         {15, "evansport"},
+    {16, "catalina"},   {17, "avoton"},       {18, "armada375"},      {19, "braswell"},
+    {20, "grantley"},   {21, "broadwell"},    {22, "dockerx64"},      {23, "kvmx64"},
+    {24, "alpine"},     {25, "alpine4k"},     {26, "apollolake"},     {27, "denverton"},
+    {28, "rtd1296"},    {29, "broadwellnk"},  {30, "purley"},         {31, "coffeelake"},
+    {32, "armada37xx"}, {33, "broadwellntb"}, {34, "broadwellntbap"}, {35, "nextkvmx64"},
+    {36, "geminilake"}, {37, "rtd1619"},      {38, "v1000"},          {39, "kvmcloud"},
+    {40, "armada38x"},  {41, "comcerto2k"},   {42, "monaco"},         {1000, "noarch"},
+    {1001, "x86_64"},   {1002, "i686"},       {1003, "armv7"},        {1004, "armv5"},
+    {1005, "armv8"},    {1006, "ppc"},
 };
 
 const std::map<unsigned long, std::set<unsigned long>> kArchGroups = {

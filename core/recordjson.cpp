@@ -55,8 +55,8 @@ Json::Value Strings(const std::vector<std::string>& items) {
 }
 
 std::string OSText(const OSVersionNumbers& v, int nano, int defaultNano) {
-    std::string text = std::to_string(v.major) + "." + std::to_string(v.minor) + "-" +
-                       std::to_string(v.build);
+    std::string text =
+        std::to_string(v.major) + "." + std::to_string(v.minor) + "-" + std::to_string(v.build);
     if (nano != defaultNano) {
         text += "-" + std::to_string(nano);
     }
@@ -142,10 +142,10 @@ void PMSPackageInfoToJson(const PackageInfo& info, Json::Value& out) {
     out["os_max_ver"] = OSText(x.os_max_ver, x.os_max_nano, 99999);
     out["instuninst_restart_services"] = info.instuninst_restart_services;
     out["startstop_restart_services"] = info.startstop_restart_services;
-    out["install_dep_services"] = Strings({x.install_dep_service_set.begin(),
-                                           x.install_dep_service_set.end()});
-    out["start_dep_services"] = Strings({x.start_dep_service_set.begin(),
-                                         x.start_dep_service_set.end()});
+    out["install_dep_services"] =
+        Strings({x.install_dep_service_set.begin(), x.install_dep_service_set.end()});
+    out["start_dep_services"] =
+        Strings({x.start_dep_service_set.begin(), x.start_dep_service_set.end()});
     info.install_dep_packages.toJSON(out["install_dep_packages"]);
     info.install_conflict_packages.toJSON(out["install_conflict_packages"]);
     x.install_break_packages.toJSON(out["install_break_packages"]);

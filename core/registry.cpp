@@ -72,8 +72,8 @@ std::string PMSGetPackageTargetVolByPath(const char* dir) {
     if (!ZARNReadLink(std::string(dir) + "/target", target) || target.empty()) {
         return "";
     }
-    if (target.compare(0, std::char_traits<char>::length(kSystemInstallPath),
-                       kSystemInstallPath) == 0) {
+    if (target.compare(0, std::char_traits<char>::length(kSystemInstallPath), kSystemInstallPath) ==
+        0) {
         return "not_volume_path";
     }
     size_t second = target.find('/', 1);
@@ -114,7 +114,8 @@ std::vector<std::string> PackageManager::enumPackages(const std::set<std::string
     for (const auto& name : RegistryFolders(PKG_REGISTRY_DIR)) {
         PackageInfo info;
         const std::string dir = PMSRegistryDir(name);
-        if (!PMSLoadPKGInfoFileImpl(dir, info, lang.get(), false, mask)) {
+        bool missing = false;
+        if (!PMSLoadPKGInfoFileImpl(dir, info, lang.get(), false, mask, &missing)) {
             continue;
         }
         std::string target;
@@ -135,8 +136,7 @@ std::vector<std::string> PackageManager::enumPackages(const std::set<std::string
     return out;
 }
 
-std::vector<std::string> PackageManager::enumPackages(const char* volume,
-                                                      unsigned long long mask) {
+std::vector<std::string> PackageManager::enumPackages(const char* volume, unsigned long long mask) {
     std::set<std::string> volumes;
     if (volume != nullptr) {
         volumes.insert(volume);
@@ -154,8 +154,8 @@ PackageBasicInfoMap PackageManager::enumPackageMap(unsigned long long mask) {
     return out;
 }
 
-void PackageManager::enumPackageInfoMap(std::map<std::string, PackageInfo>& out,
-                                        const char* lang, unsigned long long mask) {
+void PackageManager::enumPackageInfoMap(std::map<std::string, PackageInfo>& out, const char* lang,
+                                        unsigned long long mask) {
     std::vector<PackageInfo> records;
     enumPackageInfo(records, lang, mask);
     for (auto& info : records) {
@@ -181,13 +181,11 @@ bool PackageManager::enumPackageInfoByPath(const char* path, std::vector<Package
     out.reserve(out.size() + folders.size());
     for (const auto& name : folders) {
         const std::string dir = std::string(path) + "/" + name;
-        if (!IsFileExists(dir + "/INFO")) {
-            continue;
-        }
         PackageInfo info;
-        if (PMSLoadPKGInfoFileImpl(dir, info, language.get(), language.given, mask)) {
+        bool missing = false;
+        if (PMSLoadPKGInfoFileImpl(dir, info, language.get(), language.given, mask, &missing)) {
             out.push_back(std::move(info));
-        } else {
+        } else if (!missing) {
             bad.push_back(name);
         }
     }

@@ -46,8 +46,7 @@ ZARNPKG_API bool PMSCheckPackageArchModelMatched(const PackageInfo& info);
 
 // The firmware limit list: 0 allowed, -1 failure, -2 refused by version, -3 "system", -4 "non".
 constexpr const char* PKG_LIMIT_FILE = "/etc.defaults/zarnpackageslimit.conf";
-ZARNPKG_API int PMSThirdPartyCheckLimit(const char* name, const char* version,
-                                        std::string& limit);
+ZARNPKG_API int PMSThirdPartyCheckLimit(const char* name, const char* version, std::string& limit);
 ZARNPKG_API int PMSThirdPartyCheckLimit(const char* name, const char* version);
 
 // Names that may be offered even when marked not installable.

@@ -292,7 +292,8 @@ bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
         return false;
     }
     struct stat st;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
+    const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    if (regular && st.st_size > 0) {
         size_t expected = static_cast<size_t>(st.st_size);
         out.reserve(limit > 0 ? std::min(limit, expected) : expected);
     }
@@ -319,6 +320,10 @@ bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
             break;
         }
         out.append(buf, static_cast<size_t>(n));
+        // A short read of a regular file is its end; this saves a read per file in scans.
+        if (regular && static_cast<size_t>(n) < want) {
+            break;
+        }
     }
     close(fd);
     return true;

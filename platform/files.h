@@ -11,9 +11,9 @@
 // File helpers on logical paths. Every descriptor they open is close-on-exec. Failures set the
 // last-error slot and errno; they do not log, the caller decides what a failure means.
 
-ZARNPKG_API bool IsFileExists(const std::string& path);  // any kind, links followed
+ZARNPKG_API bool IsFileExists(const std::string& path);    // any kind, links followed
 ZARNPKG_API bool ZARNPathExists(const std::string& path);  // any kind, links not followed
-ZARNPKG_API bool ZARNIsDir(const std::string& path);      // links followed
+ZARNPKG_API bool ZARNIsDir(const std::string& path);       // links followed
 ZARNPKG_API bool ZARNIsRegularFile(const std::string& path);
 ZARNPKG_API bool ZARNIsSymlink(const std::string& path);
 ZARNPKG_API bool ZARNStat(const std::string& path, struct stat& st);

@@ -3,7 +3,7 @@
 #include <cstring>
 
 bool ZARNEAIsHiddenDir(const char* name) {
-    static const char* const reserved[] = {"@eaDir", "#recycle", "#snapshot", "@tmp",
+    static const char* const reserved[] = {"@eaDir",    "#recycle",  "#snapshot", "@tmp",
                                            "@sharebin", "@appstore", "@database", ".@__thumb"};
     if (name == nullptr) {
         return false;

@@ -150,6 +150,34 @@ void ParseWantedKeys(std::string_view text, std::string_view sep,
     }
 }
 
+}  // namespace
+
+void ZARNKeyTextParseViews(std::string_view text, const char* sep,
+                           const std::vector<std::string>& wanted,
+                           std::vector<std::string_view>& values) {
+    std::string_view separator = (sep != nullptr && sep[0] != '\0') ? sep : "=";
+    values.assign(wanted.size(), std::string_view());
+    WantedKeys lookup(wanted);
+    size_t remaining = wanted.size();
+    LineReader reader(text);
+    std::string_view line, key, value;
+    while (remaining > 0 && reader.next(line)) {
+        if (!ParseKeyLine(line, separator, key, value)) {
+            continue;
+        }
+        long index = lookup.find(key);
+        if (index < 0 || values[static_cast<size_t>(index)].data() != nullptr) {
+            continue;
+        }
+        --remaining;
+        // A present empty value still points into the text, so it differs from an absent one.
+        values[static_cast<size_t>(index)] =
+            value.data() != nullptr ? value : std::string_view(line.data() + line.size(), 0);
+    }
+}
+
+namespace {
+
 bool ValidKey(const std::string& key) {
     return !key.empty() && key.find_first_of("=\n\r") == std::string::npos &&
            key.find('\0') == std::string::npos && key[0] != '#' && key[0] != '[';

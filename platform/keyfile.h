@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/export.h"
@@ -17,10 +18,15 @@ ZARNPKG_API void ZARNKeyTextParse(const std::string& text, const char* sep,
                                   const std::vector<std::string>* wanted,
                                   std::map<std::string, std::string>& out);
 
+// The allocation-free form for scans: values[i] views the value of wanted[i] inside `text`, or
+// has a null data() when the key is absent. `wanted` should be sorted.
+ZARNPKG_API void ZARNKeyTextParseViews(std::string_view text, const char* sep,
+                                       const std::vector<std::string>& wanted,
+                                       std::vector<std::string_view>& values);
+
 // Reads the wanted keys of a file into `out`. False (last error set) when the file can't be read.
 ZARNPKG_API bool VLIBCFileGetKeys(const std::string& path, const std::vector<std::string>& keys,
-                                  std::map<std::string, std::string>& out,
-                                  const char* sep = "=");
+                                  std::map<std::string, std::string>& out, const char* sep = "=");
 
 // Reads every key of a file.
 ZARNPKG_API bool ZARNKeyFileReadAll(const std::string& path,

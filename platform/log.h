@@ -20,6 +20,5 @@ ZARNPKG_API void ZARNLogSetVerbose(bool verbose);
 
 // Logs an error line with the caller's file and line first: ZLOGERR("Failed to %s", what).
 #define ZLOGERR(fmt, ...) ZARNSyslog(LOG_ERR, "%s:%d " fmt, __FILE__, __LINE__, ##__VA_ARGS__)
-#define ZLOGWARN(fmt, ...) \
-    ZARNSyslog(LOG_WARNING, "%s:%d " fmt, __FILE__, __LINE__, ##__VA_ARGS__)
+#define ZLOGWARN(fmt, ...) ZARNSyslog(LOG_WARNING, "%s:%d " fmt, __FILE__, __LINE__, ##__VA_ARGS__)
 #define ZLOGINFO(fmt, ...) ZARNSyslog(LOG_INFO, "%s:%d " fmt, __FILE__, __LINE__, ##__VA_ARGS__)

@@ -93,9 +93,9 @@ TEST(Frame, MessageKeyMappings) {
     EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_DEPENDENCY, deps, "")[0].asString(),
               "pkgmgr:depend_unstart");
 
-    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_PORT_CONFLICT, Json::Value("123456789"), "")[1]
-                  .asString(),
-              "1234567");
+    EXPECT_EQ(
+        PMSFileCheckMessage(PKG_ERR_PORT_CONFLICT, Json::Value("123456789"), "")[1].asString(),
+        "1234567");
     Json::Value bound;
     bound["major"] = 6;
     bound["minor"] = 2;
@@ -112,9 +112,9 @@ TEST(Frame, MessageKeyMappings) {
     EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_SIGN_NOT_MAKER, Json::Value(), "")[0].asString(),
               "pkgmgr:pkgmgr_not_zarn_publish");
     for (unsigned int code : {0x100u, 0x110u, 0x130u, 0x137u, 0x50u}) {
-        EXPECT_EQ(PMSFileCheckMessage(static_cast<PKG_ERRCODE>(code), Json::Value(), "")[0]
-                      .asString(),
-                  PKG_MSG_DEFAULT)
+        EXPECT_EQ(
+            PMSFileCheckMessage(static_cast<PKG_ERRCODE>(code), Json::Value(), "")[0].asString(),
+            PKG_MSG_DEFAULT)
             << code;
     }
     EXPECT_TRUE(PMSFileCheckMessage(PKG_ERR_SUCCESS, Json::Value(), "").empty());
@@ -177,9 +177,9 @@ TEST_F(FrameRoot, FileHelpers) {
 
     writeFile("/var/packages/demo/INFO", "package=\"demo\"\nversion=\"1\"\n");
     writeFile("/volume1/@appstore/demo/ui/texts/fre/strings", "[common]\nhello=\"bonjour\"\n");
-    ASSERT_EQ(symlink(phys("/volume1/@appstore/demo").c_str(),
-                      phys("/var/packages/demo/target").c_str()),
-              0);
+    ASSERT_EQ(
+        symlink(phys("/volume1/@appstore/demo").c_str(), phys("/var/packages/demo/target").c_str()),
+        0);
     EXPECT_EQ(PMSGetText("hello", "fre", "common", "demo"), "bonjour");
     EXPECT_EQ(PMSGetText("bye", "fre", "common", "demo"), "");
     EXPECT_EQ(PMSGetText("hello", "fre", "other", "demo"), "");

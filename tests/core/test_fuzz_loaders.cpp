@@ -19,8 +19,8 @@ const char* const kSeedInfo =
     "install_break_packages=\"e\"\ninstall_dep_services=\"ssh pgsql\"\n"
     "extractsize=\"12\"\nkosuidir=\"ui\"\nreport_url=\"x\"\n";
 
-const char* const kSeedLimits[] = {"1.5", "[\"1.0\",\"2.0\"]", "[[\"1.0\"],[\"2.0\",\"3.0\"]]",
-                                   "system", "non", "[[],[\"1\"]]"};
+const char* const kSeedLimits[] = {
+    "1.5", "[\"1.0\",\"2.0\"]", "[[\"1.0\"],[\"2.0\",\"3.0\"]]", "system", "non", "[[],[\"1\"]]"};
 
 std::string Mutate(std::string text, std::mt19937& rng) {
     static const std::string alphabet = std::string("\"=\r\n\0:<>-.[]{},#\xff\xfe", 19) + "a1 ";
@@ -31,13 +31,15 @@ std::string Mutate(std::string text, std::mt19937& rng) {
         char c = alphabet[rng() % alphabet.size()];
         switch (kind(rng)) {
             case 0:
-                if (!text.empty()) text[pos] = c;
+                if (!text.empty())
+                    text[pos] = c;
                 break;
             case 1:
                 text.insert(pos, 1, c);
                 break;
             case 2:
-                if (!text.empty()) text.erase(pos, 1 + rng() % 16);
+                if (!text.empty())
+                    text.erase(pos, 1 + rng() % 16);
                 break;
             case 3:
                 text.insert(pos, text.substr(rng() % (text.size() + 1), 1 + rng() % 64));
@@ -67,7 +69,7 @@ TEST_F(FuzzLoaders, MutatedInputsReturn) {
         writeFile("/var/packages/fuzz/conf/PKG_DEPS", i % 3 == 0 ? Mutate("[a]\npkg_min_ver=\"1\"\n"
                                                                           "kos_max_ver=\"7.0-1\"\n",
                                                                           rng)
-                                                                  : "");
+                                                                 : "");
         PackageInfo record;
         loaded += PMSLoadPKGInfoFile("/var/packages/fuzz", record, i % 2 ? "enu" : nullptr,
                                      i % 5 ? PKG_MASK_ALL : 0x1000001ULL);
@@ -78,13 +80,13 @@ TEST_F(FuzzLoaders, MutatedInputsReturn) {
         std::string limit = Mutate(kSeedLimits[i % 6], rng);
         std::string escaped;
         for (char c : limit) {
-            if (c != '\n' && c != '\r') escaped += c;
+            if (c != '\n' && c != '\r')
+                escaped += c;
         }
         writeFile(PKG_LIMIT_FILE, "fuzz=\"" + escaped + "\"\n");
         std::string bound;
-        int ret = PMSThirdPartyCheckLimit("fuzz", record.version.empty() ? "1.0"
-                                                                          : record.version.c_str(),
-                                          bound);
+        int ret = PMSThirdPartyCheckLimit(
+            "fuzz", record.version.empty() ? "1.0" : record.version.c_str(), bound);
         EXPECT_GE(ret, -4);
         EXPECT_LE(ret, 0);
         PackageBasicInfo a("x", Mutate("1.2-3", rng));

@@ -19,8 +19,9 @@ protected:
         writeFile("/tmp/pkg/INFO", info);
         return PMSLoadPKGInfoFile("/tmp/pkg", out, lang, mask);
     }
-    const std::string base = "package=\"demo\"\nversion=\"1.0\"\nmaintainer=\"m\"\n"
-                             "description=\"d\"\n";
+    const std::string base =
+        "package=\"demo\"\nversion=\"1.0\"\nmaintainer=\"m\"\n"
+        "description=\"d\"\n";
 };
 
 }  // namespace
@@ -32,10 +33,9 @@ TEST_F(Records, RequiredKeysAndNameCheck) {
     EXPECT_EQ(info.displayname, "demo");  // falls back to the name
     EXPECT_FALSE(load("package=\"a/b\"\nversion=\"1\"\n", info, "enu", 0));
     EXPECT_NE(logText().find("key [package] a/b is illegal"), std::string::npos);
-    EXPECT_FALSE(load("package=\"" + std::string(492, 'n') + "\"\nversion=\"1\"\n", info, "enu",
-                      0));
-    EXPECT_TRUE(load("package=\"" + std::string(491, 'n') + "\"\nversion=\"1\"\n", info, "enu",
-                     0));
+    EXPECT_FALSE(
+        load("package=\"" + std::string(492, 'n') + "\"\nversion=\"1\"\n", info, "enu", 0));
+    EXPECT_TRUE(load("package=\"" + std::string(491, 'n') + "\"\nversion=\"1\"\n", info, "enu", 0));
     for (const char* bad : {"..", ".", "@eaDir", "a:b", "a<b", "a|b", "a=b"}) {
         EXPECT_FALSE(PMSCheckName(bad, ":/<>=|")) << bad;
     }
@@ -67,7 +67,7 @@ TEST_F(Records, FieldRules) {
                      info));
     EXPECT_EQ(info.adminport, 65536u);
     EXPECT_EQ(info.extractsize, 2048);
-    EXPECT_TRUE(info.beta);  // report_url marks a beta whatever "beta" says
+    EXPECT_TRUE(info.beta);       // report_url marks a beta whatever "beta" says
     EXPECT_TRUE(info.startable);  // "ctl_stop" wins over "startable"
     EXPECT_FALSE(info.checkport);
     EXPECT_TRUE(info.install_reboot);
@@ -100,8 +100,9 @@ TEST_F(Records, FieldRules) {
 }
 
 TEST_F(Records, LanguageKeys) {
-    const std::string texts = base + "description_enu=\"english\"\ndescription_fre=\"french\"\n"
-                                     "displayname=\"Demo\"\ndisplayname_fre=\"Démo\"\n";
+    const std::string texts = base +
+                              "description_enu=\"english\"\ndescription_fre=\"french\"\n"
+                              "displayname=\"Demo\"\ndisplayname_fre=\"Démo\"\n";
     PackageInfo info;
     ASSERT_TRUE(load(texts, info, "enu", kDescription | kDisplayName));
     EXPECT_EQ(info.description, "english");

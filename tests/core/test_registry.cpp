@@ -20,13 +20,15 @@ class Registry : public TempRootTest {
 protected:
     void addPackage(const std::string& name, const std::string& target,
                     const std::string& extra = "") {
-        writeFile("/var/packages/" + name + "/INFO",
-                  "package=\"" + name + "\"\nversion=\"1.0\"\nmaintainer=\"m\"\n"
-                  "description=\"d\"\n" + extra);
+        writeFile("/var/packages/" + name + "/INFO", "package=\"" + name +
+                                                         "\"\nversion=\"1.0\"\nmaintainer=\"m\"\n"
+                                                         "description=\"d\"\n" +
+                                                         extra);
         if (!target.empty()) {
             writeFile(target + "/.keep", "");
-            EXPECT_EQ(symlink(phys(target).c_str(), phys("/var/packages/" + name + "/target").c_str()),
-                      0);
+            EXPECT_EQ(
+                symlink(phys(target).c_str(), phys("/var/packages/" + name + "/target").c_str()),
+                0);
         }
     }
     static std::vector<std::string> sorted(std::vector<std::string> v) {
@@ -53,9 +55,9 @@ TEST_F(Registry, EnumerationRules) {
               (std::vector<std::string>{"a", "b", "bare", "real", "sys"}));
     EXPECT_EQ(sorted(pm.enumPackages("/volume1", PKG_MASK_ALL)),
               (std::vector<std::string>{"a", "bare", "real"}));
-    EXPECT_EQ(sorted(pm.enumPackages(std::set<std::string>{"/volume10/", "/usr/local"},
-                                     PKG_MASK_ALL)),
-              (std::vector<std::string>{"b", "bare", "sys"}));
+    EXPECT_EQ(
+        sorted(pm.enumPackages(std::set<std::string>{"/volume10/", "/usr/local"}, PKG_MASK_ALL)),
+        (std::vector<std::string>{"b", "bare", "sys"}));
 
     std::vector<PackageInfo> records;
     std::vector<std::string> bad;

@@ -41,9 +41,17 @@ TEST(Version, CompareTable) {
         const char* b;
         int sign;
     } cases[] = {
-        {"1.0", "1.0.0", 0},    {"1.0.1", "1.0", 1},  {"1.0-5", "1.0", 1},   {"1.0a", "1.0", 0},
-        {"1.10", "1.9", 1},     {"1.2-10", "1.2-9", 1}, {"1.2", "1.2-0", 0}, {"1.2", "1.2-1", -1},
-        {"2", "10", -1},        {"x.y", "0.0", 0},    {"1.2.3-0045", "1.2.3-45", 0},
+        {"1.0", "1.0.0", 0},
+        {"1.0.1", "1.0", 1},
+        {"1.0-5", "1.0", 1},
+        {"1.0a", "1.0", 0},
+        {"1.10", "1.9", 1},
+        {"1.2-10", "1.2-9", 1},
+        {"1.2", "1.2-0", 0},
+        {"1.2", "1.2-1", -1},
+        {"2", "10", -1},
+        {"x.y", "0.0", 0},
+        {"1.2.3-0045", "1.2.3-45", 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.a) + " vs " + c.b);
@@ -57,8 +65,9 @@ TEST(Version, CompareTable) {
     }
     // Different names never match, whatever the operator.
     for (int op = 0; op <= 5; ++op) {
-        EXPECT_FALSE(PackageBasicInfo("a", "1.0").compare(PackageBasicInfo("b", "1.0"),
-                                                          static_cast<PKG_VERSION_COMPOP>(op)));
+        EXPECT_FALSE(
+            PackageBasicInfo("a", "1.0")
+                .compare(PackageBasicInfo("b", "1.0"), static_cast<PKG_VERSION_COMPOP>(op)));
     }
     EXPECT_FALSE(PackageBasicInfo("a", "1.0").compare(PackageBasicInfo("ab", "1.0"), PKG_VER_ANY));
     // A version that can't be normalised makes every comparison false.
@@ -68,9 +77,10 @@ TEST(Version, CompareTable) {
 class VersionRoot : public TempRootTest {
 protected:
     void setSubBuild(int n) {
-        writeFile("/etc.defaults/VERSION", "majorversion=\"6\"\nminorversion=\"2\"\n"
-                                           "buildnumber=\"25556\"\nsmallfixnumber=\"" +
-                                               std::to_string(n) + "\"\n");
+        writeFile("/etc.defaults/VERSION",
+                  "majorversion=\"6\"\nminorversion=\"2\"\n"
+                  "buildnumber=\"25556\"\nsmallfixnumber=\"" +
+                      std::to_string(n) + "\"\n");
     }
     PackageInfo load(const std::string& extra) {
         writeFile("/tmp/pkg/INFO", "package=\"p\"\nversion=\"1.0\"\n" + extra);
@@ -130,7 +140,8 @@ TEST_F(VersionRoot, ArchitectureMatching) {
     EXPECT_TRUE(PMSCheckPackageArchMatched(load("arch=\"noarch\"\n")));
     EXPECT_TRUE(PMSCheckPackageArchMatched(load("")));
     EXPECT_FALSE(PMSCheckPackageArchMatched(load("arch=\"noarch\"\nexclude_arch=\"noarch\"\n")));
-    EXPECT_FALSE(PMSCheckPackageArchMatched(load("arch=\"x86_64\"\nexclude_arch=\"apollolake\"\n")));
+    EXPECT_FALSE(
+        PMSCheckPackageArchMatched(load("arch=\"x86_64\"\nexclude_arch=\"apollolake\"\n")));
     EXPECT_TRUE(PMSCheckPackageArchMatched(std::vector<std::string>{"armv8", "x86_64"}));
 
     // Models are matched against the whole "unique" value.

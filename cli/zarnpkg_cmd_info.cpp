@@ -1,0 +1,55 @@
+#include "cli/zarnpkg_cli.h"
+#include "platform/files.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+std::string RecordText(const Json::Value& record) {
+    std::string text;
+    for (const auto& key : record.getMemberNames()) {
+        const Json::Value& v = record[key];
+        std::string value;
+        if (v.isString()) {
+            value = v.asString();
+        } else if (v.isNull()) {
+            continue;
+        } else {
+            Json::StreamWriterBuilder b;
+            b["indentation"] = "";
+            value = Json::writeString(b, v);
+        }
+        text += key + ": " + value + "\n";
+    }
+    return text;
+}
+
+}  // namespace
+
+int CmdInfo(CliContext& ctx) {
+    if (ctx.args.size() != 1) {
+        return PrintUsage("info takes one package name or file");
+    }
+    const std::string& name = ctx.args[0];
+    PackageManager pm;
+    PackageInfo info;
+    const std::string file = CliFilePath(name);
+    if (name.find('/') != std::string::npos || ZARNIsRegularFile(file)) {
+        // A package file: its record as read from the archive.
+        if (!pm.queryPackageFileInfo(file, info, PKG_INSTALLATION_NONE, ctx.language()) ||
+            info.name.empty()) {
+            Json::Value message(Json::arrayValue);
+            message.append("pkgmgr:broken_package");
+            return PrintFailureMessage(ctx, PKG_ERR_BROKEN, message,
+                                       name + " is no readable package file");
+        }
+    } else if (!pm.getPackageInfo(name, info, ctx.language(), PKG_MASK_ALL)) {
+        return PrintFailure(ctx, pm, "package " + name + " is not installed or its INFO is bad",
+                            name);
+    }
+    Json::Value record;
+    PMSPackageInfoToJson(info, record);
+    Json::Value out(Json::objectValue);
+    out["package"] = record;
+    return PrintSuccess(ctx, out, RecordText(record));
+}

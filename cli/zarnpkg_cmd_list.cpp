@@ -1,0 +1,67 @@
+#include <algorithm>
+#include <cstdio>
+
+#include "cli/zarnpkg_cli.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+// A listing needs no icons.
+constexpr unsigned long long kListMask = PKG_MASK_ALL & ~0x8000000ULL;
+
+const char* RoughText(bool known, int rough) {
+    if (!known) {
+        return "unknown";
+    }
+    switch (rough) {
+        case 0:
+            return "not installed";
+        case 1:
+            return "stopped";
+        case 3:
+            return "running";
+        default:
+            return "error";
+    }
+}
+
+}  // namespace
+
+int CmdList(CliContext& ctx) {
+    if (!ctx.args.empty()) {
+        return PrintUsage("list takes no arguments");
+    }
+    PackageManager pm;
+    if (!pm.init()) {
+        return PrintFailure(ctx, pm, "the package registry could not be prepared");
+    }
+    std::vector<PackageInfo> records;
+    pm.enumPackageInfo(records, ctx.language(), kListMask);
+    std::sort(records.begin(), records.end(),
+              [](const PackageInfo& a, const PackageInfo& b) { return a.name < b.name; });
+    Json::Value packages(Json::arrayValue);
+    std::string text;
+    for (const auto& info : records) {
+        PackageManager query;
+        int status = query.getPkgStatus(info.name);
+        int rough = 0;
+        bool known = query.getPkgRoughStatus(info.name, rough);
+        Json::Value entry(Json::objectValue);
+        entry["package"] = info.name;
+        entry["version"] = info.version;
+        entry["status"] = status;
+        entry["rough_status"] = known ? Json::Value(rough) : Json::Value();
+        packages.append(entry);
+        char line[1024];
+        std::snprintf(line, sizeof(line), "%-32s %-20s %s (0x%x)\n", info.name.c_str(),
+                      info.version.c_str(), RoughText(known, rough), status);
+        text += line;
+    }
+    Json::Value out(Json::objectValue);
+    out["packages"] = packages;
+    if (records.empty()) {
+        text = "no packages installed\n";
+    }
+    return PrintSuccess(ctx, out, text);
+}

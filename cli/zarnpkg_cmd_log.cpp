@@ -1,0 +1,22 @@
+#include "cli/zarnpkg_cli.h"
+
+using namespace ZARNPackageTool;
+
+int CmdLog(CliContext& ctx) {
+    if (ctx.args.size() != 1) {
+        return PrintUsage("log takes one package name");
+    }
+    const std::string& name = ctx.args[0];
+    PackageManager pm;
+    if (!pm.init()) {
+        return PrintFailure(ctx, pm, "the package registry could not be prepared", name);
+    }
+    const std::string text = pm.getPackageLog(name);
+    if (pm.getResult() != PKG_ERR_SUCCESS) {
+        return PrintFailure(ctx, pm, "the log of " + name + " could not be read", name);
+    }
+    Json::Value out(Json::objectValue);
+    out["package"] = name;
+    out["log"] = text;
+    return PrintSuccess(ctx, out, text.empty() ? text : text + "\n");
+}

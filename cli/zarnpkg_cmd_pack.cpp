@@ -1,0 +1,34 @@
+#include "cli/zarnpkg_cli.h"
+#include "package/pack.h"
+
+using namespace ZARNPackageTool;
+
+int CmdPack(CliContext& ctx) {
+    std::string dir;
+    std::string output;
+    for (size_t i = 0; i < ctx.args.size(); ++i) {
+        const std::string& a = ctx.args[i];
+        if (a == "-o" && i + 1 < ctx.args.size()) {
+            output = ctx.args[++i];
+        } else if (!a.empty() && a[0] == '-') {
+            return PrintUsage("pack: unknown option " + a);
+        } else if (dir.empty()) {
+            dir = a;
+        } else {
+            return PrintUsage("pack takes one source folder");
+        }
+    }
+    if (dir.empty() || output.empty()) {
+        return PrintUsage("pack DIR -o FILE");
+    }
+    std::string error;
+    if (!PMSPackPackage(CliFilePath(dir), CliFilePath(output), error)) {
+        Json::Value message(Json::arrayValue);
+        message.append(error);
+        return PrintFailureMessage(ctx, PKG_ERR_BAD_PACKAGE, message,
+                                   "can't pack " + dir + " into " + output);
+    }
+    Json::Value out(Json::objectValue);
+    out["file"] = output;
+    return PrintSuccess(ctx, out, "wrote " + output);
+}

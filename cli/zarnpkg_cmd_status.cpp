@@ -1,0 +1,66 @@
+#include <cstdio>
+
+#include "cli/zarnpkg_cli.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+const char* StatusText(int status) {
+    switch (status) {
+        case 0:
+            return "running";
+        case 1:
+        case 2:
+        case 3:
+            return "stopped";
+        case 4:
+            return "no control script";
+        case 0x96:
+            return "broken";
+        case 0xff:
+            return "not installed";
+        case 0x100:
+            return "stopped by a firmware limit on its version";
+        case 0x101:
+            return "stopped by the system's package limit";
+        case 0x102:
+            return "not allowed on this system";
+        case 0x103:
+            return "system error";
+        default:
+            return "unknown";
+    }
+}
+
+}  // namespace
+
+int CmdStatus(CliContext& ctx) {
+    if (ctx.args.size() != 1) {
+        return PrintUsage("status takes one package name");
+    }
+    const std::string& name = ctx.args[0];
+    PackageManager pm;
+    if (!pm.init()) {
+        return PrintFailure(ctx, pm, "the package registry could not be prepared", name);
+    }
+    const int status = pm.getPkgStatus(name);
+    const unsigned int result = pm.getResult();
+    PackageManager roughQuery;
+    int rough = 0;
+    const bool known = roughQuery.getPkgRoughStatus(name, rough);
+
+    Json::Value out(Json::objectValue);
+    out["package"] = name;
+    out["status"] = status;
+    out["rough_status"] = known ? Json::Value(rough) : Json::Value();
+    char text[512];
+    if (known) {
+        std::snprintf(text, sizeof(text), "%s: %s (status 0x%x, rough status %d, result 0x%x)\n",
+                      name.c_str(), StatusText(status), status, rough, result);
+    } else {
+        std::snprintf(text, sizeof(text), "%s: %s (status 0x%x, no rough status, result 0x%x)\n",
+                      name.c_str(), StatusText(status), status, result);
+    }
+    return PrintSuccess(ctx, out, text);
+}

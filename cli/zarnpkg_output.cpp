@@ -1,0 +1,84 @@
+#include <cstdio>
+#include <iostream>
+
+#include "cli/zarnpkg_cli.h"
+#include "platform/json.h"
+
+using ZARNPackageTool::PKG_ERRCODE;
+
+namespace {
+
+Json::Value ParamsObject(const std::map<std::string, std::string>& params) {
+    Json::Value out(Json::objectValue);
+    for (const auto& [key, value] : params) {
+        out[key] = value;
+    }
+    return out;
+}
+
+std::string Hex(unsigned int code) {
+    char buf[16];
+    std::snprintf(buf, sizeof(buf), "0x%x", code);
+    return buf;
+}
+
+}  // namespace
+
+int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& text) {
+    if (ctx.json) {
+        Json::Value out(Json::objectValue);
+        out["success"] = true;
+        for (const auto& name : object.getMemberNames()) {
+            out[name] = object[name];
+        }
+        std::cout << Json::toCompactString(out) << std::endl;
+    } else if (!text.empty()) {
+        std::cout << text;
+        if (text.back() != '\n') {
+            std::cout << '\n';
+        }
+    }
+    return kExitOk;
+}
+
+int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& message,
+                        const std::string& what, const Json::Value& params) {
+    if (ctx.json) {
+        Json::Value out(Json::objectValue);
+        out["success"] = false;
+        out["code"] = code;
+        out["message"] = message.isArray() ? message : Json::Value(Json::arrayValue);
+        out["params"] = params.isObject() ? params : Json::Value(Json::objectValue);
+        out["worker_msg"] = Json::Value(Json::arrayValue);
+        std::cout << Json::toCompactString(out) << std::endl;
+    } else {
+        std::string line = "error: " + Hex(code);
+        if (message.isArray()) {
+            for (const auto& m : message) {
+                line += " " + (m.isString() ? m.asString() : Json::toCompactString(m));
+            }
+        }
+        std::cerr << line << ": " << what << std::endl;
+    }
+    return kExitFailed;
+}
+
+int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& pm,
+                 const std::string& what, const std::string& packageName) {
+    Json::Value data;
+    PKG_ERRCODE code = pm.getResult(data);
+    Json::Value message = ZARNPackageTool::PMSFileCheckMessage(code, data, packageName);
+    return PrintFailureMessage(ctx, code, message, what, ParamsObject(pm.getMapParams()));
+}
+
+int PrintUsage(const std::string& problem) {
+    if (!problem.empty()) {
+        std::cerr << "zarnpkg: " << problem << "\n";
+    }
+    std::cerr << "usage: zarnpkg [--root DIR] [--lang LANG] [--json] [-v] COMMAND [ARGS]\n"
+                 "commands:\n"
+                 "  host-init            make or complete a standalone root\n"
+                 "  list                 installed packages with version and status\n"
+                 "  info NAME            a package's record\n";
+    return kExitUsage;
+}

@@ -1,0 +1,10 @@
+#pragma once
+
+#include "platform/export.h"
+
+namespace ZARNPackageTool {
+
+// Whether the md5 of `file` (by /usr/bin/openssl md5) equals `md5` exactly.
+ZARNPKG_API bool PMSCompareCheckSum(const char* file, const char* md5);
+
+}  // namespace ZARNPackageTool

@@ -1,0 +1,601 @@
+#include "platform/process.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <tuple>
+#include <utility>
+
+#include "platform/accounts.h"
+#include "platform/errors.h"
+#include "platform/log.h"
+
+extern char** environ;
+
+namespace ZARNUtils {
+
+namespace {
+
+// What the child reports through the error pipe when it can't reach the program.
+enum ChildStage : int {
+    StageRedirect = 1,
+    StageChdir,
+    StageGroups,
+    StageGid,
+    StageUid,
+    StageExec,
+};
+
+struct ChildReport {
+    int stage;
+    int err;
+};
+
+const char* StageText(int stage) {
+    switch (stage) {
+        case StageRedirect:
+            return "redirect the standard descriptors";
+        case StageChdir:
+            return "enter the working directory";
+        case StageGroups:
+            return "set the supplementary groups";
+        case StageGid:
+            return "set the group identity";
+        case StageUid:
+            return "set the user identity";
+        default:
+            return "execute";
+    }
+}
+
+// Owns one descriptor.
+class Fd {
+public:
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    ~Fd() { reset(); }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return fd_; }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) {
+            int saved = errno;
+            close(fd_);
+            errno = saved;
+        }
+        fd_ = fd;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+bool MakePipe(Fd& readEnd, Fd& writeEnd) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        return false;
+    }
+    readEnd.reset(fds[0]);
+    writeEnd.reset(fds[1]);
+    return true;
+}
+
+void SetNonBlocking(int fd) {
+    int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0) {
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    }
+}
+
+// Everything below runs in the child between fork and exec: async-signal-safe calls only.
+[[noreturn]] void ChildFail(int reportFd, int stage) {
+    ChildReport report{stage, errno};
+    ssize_t ignored = write(reportFd, &report, sizeof(report));
+    (void)ignored;
+    _exit(127);
+}
+
+void CloseRangeLoop(unsigned int from, unsigned int to, long openMax) {
+    if (from > to) {
+        return;
+    }
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, from, to, 0) == 0) {
+        return;
+    }
+#endif
+    long last = to > static_cast<unsigned int>(openMax) ? openMax : static_cast<long>(to);
+    for (long fd = from; fd <= last; ++fd) {
+        close(static_cast<int>(fd));
+    }
+}
+
+// Closes every descriptor from 3 up except the ones in `keep` (sorted, at most two).
+void CloseOtherDescriptors(const int* keep, int keepCount, long openMax) {
+    unsigned int from = 3;
+    for (int i = 0; i < keepCount; ++i) {
+        if (keep[i] < 3 || static_cast<unsigned int>(keep[i]) < from) {
+            continue;
+        }
+        if (static_cast<unsigned int>(keep[i]) > from) {
+            CloseRangeLoop(from, static_cast<unsigned int>(keep[i]) - 1, openMax);
+        }
+        from = static_cast<unsigned int>(keep[i]) + 1;
+    }
+    CloseRangeLoop(from, ~0U, openMax);
+}
+
+ssize_t ReadSome(int fd, std::string& out) {
+    char buf[65536];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n > 0) {
+            out.append(buf, static_cast<size_t>(n));
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        return n;
+    }
+}
+
+}  // namespace
+
+struct ProcessRunner::Impl {
+    enum class Output { Inherit, Capture, Fd };
+
+    std::vector<std::string> argv;
+    std::string argv0;  // what the program sees as argv[0]; empty: its path
+    bool clearEnv = false;
+    std::vector<std::pair<std::string, std::optional<std::string>>> envChanges;
+    bool hasIdentity = false;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    std::vector<gid_t> groups;
+    // A runtime identity that could not be resolved: the runner must not run at all.
+    bool identityRefused = false;
+    std::string refusedUser;
+    std::string workDir;
+    Output output = Output::Inherit;
+    int outputFd = -1;
+    int passedFd = -1;
+    bool hasInput = false;
+    std::string input;
+    std::string out;
+    std::string err;
+
+    std::vector<std::string> buildEnv() const;
+    int exchange(pid_t pid, Fd& inWrite, Fd& outRead, Fd& errRead, int& status, bool& reaped);
+};
+
+std::vector<std::string> ProcessRunner::Impl::buildEnv() const {
+    std::vector<std::string> env;
+    if (!clearEnv && environ != nullptr) {
+        for (char** e = environ; *e != nullptr; ++e) {
+            env.emplace_back(*e);
+        }
+    }
+    for (const auto& change : envChanges) {
+        const std::string prefix = change.first + "=";
+        bool done = false;
+        for (auto it = env.begin(); it != env.end();) {
+            if (it->compare(0, prefix.size(), prefix) != 0) {
+                ++it;
+                continue;
+            }
+            if (change.second && !done) {
+                *it = prefix + *change.second;
+                done = true;
+                ++it;
+            } else {
+                it = env.erase(it);
+            }
+        }
+        if (change.second && !done) {
+            env.push_back(prefix + *change.second);
+        }
+    }
+    return env;
+}
+
+// Feeds the input and collects both output streams at once, so that a child filling one pipe
+// never waits on a parent blocked on the other. Stops when the child has exited and the pipes
+// hold nothing more, even if a daemon it started keeps them open.
+int ProcessRunner::Impl::exchange(pid_t pid, Fd& inWrite, Fd& outRead, Fd& errRead, int& status,
+                                  bool& reaped) {
+    if (inWrite.get() >= 0 && input.empty()) {
+        inWrite.reset();
+    }
+    if (inWrite.get() < 0 && outRead.get() < 0 && errRead.get() < 0) {
+        return 0;
+    }
+    for (Fd* fd : {&inWrite, &outRead, &errRead}) {
+        if (fd->get() >= 0) {
+            SetNonBlocking(fd->get());
+        }
+    }
+#ifdef SYS_pidfd_open
+    Fd exitFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+#else
+    Fd exitFd;
+#endif
+    size_t written = 0;
+    bool exited = false;
+    while (!exited && (inWrite.get() >= 0 || outRead.get() >= 0 || errRead.get() >= 0)) {
+        struct pollfd pfds[4];
+        int count = 0;
+        int inIdx = -1, outIdx = -1, errIdx = -1, exitIdx = -1;
+        if (inWrite.get() >= 0) {
+            pfds[count] = {inWrite.get(), POLLOUT, 0};
+            inIdx = count++;
+        }
+        if (outRead.get() >= 0) {
+            pfds[count] = {outRead.get(), POLLIN, 0};
+            outIdx = count++;
+        }
+        if (errRead.get() >= 0) {
+            pfds[count] = {errRead.get(), POLLIN, 0};
+            errIdx = count++;
+        }
+        if (exitFd.get() >= 0) {
+            pfds[count] = {exitFd.get(), POLLIN, 0};
+            exitIdx = count++;
+        }
+        int rc = poll(pfds, static_cast<nfds_t>(count), exitFd.get() >= 0 ? -1 : 50);
+        if (rc < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return -1;
+        }
+        if (inIdx >= 0 && pfds[inIdx].revents != 0) {
+            ssize_t n = write(inWrite.get(), input.data() + written, input.size() - written);
+            if (n > 0) {
+                written += static_cast<size_t>(n);
+                if (written >= input.size()) {
+                    inWrite.reset();
+                }
+            } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
+                // The child stopped reading (EPIPE); what it didn't take is dropped.
+                inWrite.reset();
+            }
+        }
+        for (auto [idx, fd, sink] :
+             {std::make_tuple(outIdx, &outRead, &out), std::make_tuple(errIdx, &errRead, &err)}) {
+            if (idx >= 0 && pfds[idx].revents != 0) {
+                ssize_t n = ReadSome(fd->get(), *sink);
+                if (n == 0 || (n < 0 && errno != EAGAIN)) {
+                    fd->reset();
+                }
+            }
+        }
+        if (exitIdx >= 0) {
+            exited = pfds[exitIdx].revents != 0;
+        } else if (!reaped) {
+            pid_t done = waitpid(pid, &status, WNOHANG);
+            if (done == pid) {
+                reaped = true;
+                exited = true;
+            }
+        }
+    }
+    if (exited) {
+        for (auto [fd, sink] : {std::make_pair(&outRead, &out), std::make_pair(&errRead, &err)}) {
+            while (fd->get() >= 0) {
+                ssize_t n = ReadSome(fd->get(), *sink);
+                if (n <= 0) {
+                    fd->reset();
+                }
+            }
+        }
+    }
+    inWrite.reset();
+    return 0;
+}
+
+ProcessRunner::ProcessRunner(std::vector<std::string> argv) : impl_(std::make_unique<Impl>()) {
+    impl_->argv = std::move(argv);
+}
+
+ProcessRunner::~ProcessRunner() = default;
+
+ProcessRunner& ProcessRunner::clearEnv() {
+    impl_->clearEnv = true;
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::setEnv(const std::string& name, const std::string& value) {
+    impl_->envChanges.emplace_back(name, value);
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::unsetEnv(const std::string& name) {
+    impl_->envChanges.emplace_back(name, std::nullopt);
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::setIdentity(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
+    impl_->hasIdentity = true;
+    impl_->uid = uid;
+    impl_->gid = gid;
+    impl_->groups = groups;
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::setRuntimeIdentity(const std::string& user, bool flag) {
+    ZARNRuntimeIdentity identity;
+    if (ZARNRuntimeIdentityGet(user, flag, identity) < 0) {
+        ZLOGERR("Failed to resolve the identity of %s %s", user.c_str(),
+                ZARNLastErrorSuffix().c_str());
+        impl_->identityRefused = true;
+        impl_->refusedUser = user;
+        return *this;
+    }
+    impl_->identityRefused = false;
+    setIdentity(identity.uid, identity.gid, identity.groups);
+    setEnv("HOME", identity.home);
+    setEnv("USER", identity.user);
+    setEnv("LOGNAME", identity.user);
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::setWorkingDirectory(const std::string& physicalDir) {
+    impl_->workDir = physicalDir;
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::captureOutput() {
+    impl_->output = Impl::Output::Capture;
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::setOutputFd(int fd) {
+    impl_->output = Impl::Output::Fd;
+    impl_->outputFd = fd;
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::passFd(int fd) {
+    impl_->passedFd = fd;
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::setInput(const std::string& input) {
+    impl_->hasInput = true;
+    impl_->input = input;
+    return *this;
+}
+
+ProcessRunner& ProcessRunner::setArgv0(const std::string& name) {
+    impl_->argv0 = name;
+    return *this;
+}
+
+std::string ProcessRunner::toString() const {
+    std::string text;
+    for (const std::string& arg : impl_->argv) {
+        if (!text.empty()) {
+            text += ' ';
+        }
+        text += arg;
+    }
+    return text;
+}
+
+const std::string& ProcessRunner::getStdout() const {
+    return impl_->out;
+}
+
+const std::string& ProcessRunner::getStderr() const {
+    return impl_->err;
+}
+
+int ProcessRunner::run() {
+    Impl& d = *impl_;
+    d.out.clear();
+    d.err.clear();
+    if (d.argv.empty() || d.argv[0].empty()) {
+        ZLOGERR("Failed to run a program: empty argument vector");
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        errno = EINVAL;
+        return -1;
+    }
+    const char* program = d.argv[0].c_str();
+    if (d.identityRefused) {
+        ZLOGERR("Failed to run %s: the identity of %s is not known", program,
+                d.refusedUser.c_str());
+        VLIBCErrSet(ZARN_ERR_EXEC);
+        errno = EPERM;
+        return -1;
+    }
+    if ((d.output == Impl::Output::Fd && fcntl(d.outputFd, F_GETFD) < 0) ||
+        (d.passedFd >= 0 && fcntl(d.passedFd, F_GETFD) < 0)) {
+        ZLOGERR("Failed to run %s: bad descriptor", program);
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        errno = EBADF;
+        return -1;
+    }
+
+    // Everything the child needs is built here: after fork it may not allocate.
+    std::vector<char*> argvPtrs;
+    argvPtrs.reserve(d.argv.size() + 1);
+    for (std::string& arg : d.argv) {
+        argvPtrs.push_back(&arg[0]);
+    }
+    if (!d.argv0.empty()) {
+        argvPtrs[0] = &d.argv0[0];
+    }
+    argvPtrs.push_back(nullptr);
+    std::vector<std::string> env = d.buildEnv();
+    std::vector<char*> envPtrs;
+    envPtrs.reserve(env.size() + 1);
+    for (std::string& entry : env) {
+        envPtrs.push_back(&entry[0]);
+    }
+    envPtrs.push_back(nullptr);
+    const char* workDir = d.workDir.empty() ? nullptr : d.workDir.c_str();
+    const long openMax = sysconf(_SC_OPEN_MAX) > 0 ? sysconf(_SC_OPEN_MAX) : 65536;
+
+    Fd reportRead, reportWrite, inRead, inWrite, outRead, outWrite, errRead, errWrite, devNull;
+    bool ok = MakePipe(reportRead, reportWrite);
+    if (ok && d.hasInput) {
+        ok = MakePipe(inRead, inWrite);
+    } else if (ok) {
+        devNull.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
+        ok = devNull.get() >= 0;
+    }
+    if (ok && d.output == Impl::Output::Capture) {
+        ok = MakePipe(outRead, outWrite) && MakePipe(errRead, errWrite);
+    }
+    if (!ok) {
+        ZLOGERR("Failed to prepare the descriptors to run %s: %m", program);
+        VLIBCErrSet(ZARN_ERR_IO);
+        return -1;
+    }
+    const int childIn = d.hasInput ? inRead.get() : devNull.get();
+    int childOut = -1;
+    int childErr = -1;
+    if (d.output == Impl::Output::Capture) {
+        childOut = outWrite.get();
+        childErr = errWrite.get();
+    } else if (d.output == Impl::Output::Fd) {
+        childOut = childErr = d.outputFd;
+    }
+    const int reportFd = reportWrite.get();
+    // The report pipe must live until exec closes it; the passed descriptor stays for good.
+    int keep[2] = {reportFd, d.passedFd};
+    const int keepCount = d.passedFd >= 0 ? 2 : 1;
+    if (keepCount == 2 && keep[1] < keep[0]) {
+        std::swap(keep[0], keep[1]);
+    }
+
+    // Signals stay blocked across fork so that no handler of ours runs in the child.
+    sigset_t all, saved;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &saved);
+    pid_t pid = fork();
+    if (pid == 0) {
+        struct sigaction dfl;
+        memset(&dfl, 0, sizeof(dfl));
+        dfl.sa_handler = SIG_DFL;
+        sigaction(SIGPIPE, &dfl, nullptr);
+        sigaction(SIGCHLD, &dfl, nullptr);
+        // Move the sources above 2 first so that no dup2 overwrites another source.
+        int in = fcntl(childIn, F_DUPFD_CLOEXEC, 3);
+        int out = childOut >= 0 ? fcntl(childOut, F_DUPFD_CLOEXEC, 3) : -1;
+        int err = childErr >= 0 ? fcntl(childErr, F_DUPFD_CLOEXEC, 3) : -1;
+        if (in < 0 || (childOut >= 0 && out < 0) || (childErr >= 0 && err < 0) || dup2(in, 0) < 0 ||
+            (out >= 0 && dup2(out, 1) < 0) || (err >= 0 && dup2(err, 2) < 0)) {
+            ChildFail(reportFd, StageRedirect);
+        }
+        if (d.passedFd > 2 && fcntl(d.passedFd, F_SETFD, 0) < 0) {
+            ChildFail(reportFd, StageRedirect);
+        }
+        if (workDir != nullptr && chdir(workDir) != 0) {
+            ChildFail(reportFd, StageChdir);
+        }
+        if (d.hasIdentity) {
+            if (setgroups(d.groups.size(), d.groups.empty() ? nullptr : d.groups.data()) != 0) {
+                ChildFail(reportFd, StageGroups);
+            }
+            if (setresgid(d.gid, d.gid, d.gid) != 0) {
+                ChildFail(reportFd, StageGid);
+            }
+            if (setresuid(d.uid, d.uid, d.uid) != 0) {
+                ChildFail(reportFd, StageUid);
+            }
+        }
+        CloseOtherDescriptors(keep, keepCount, openMax);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execve(program, argvPtrs.data(), envPtrs.data());
+        ChildFail(reportFd, StageExec);
+    }
+    int forkErrno = errno;
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    if (pid < 0) {
+        errno = forkErrno;
+        ZLOGERR("Failed to fork to run %s: %m", program);
+        VLIBCErrSet(ZARN_ERR_EXEC);
+        return -1;
+    }
+    reportWrite.reset();
+    inRead.reset();
+    outWrite.reset();
+    errWrite.reset();
+    devNull.reset();
+
+    // The report pipe closes on exec; a report in it means the program never started.
+    ChildReport report{0, 0};
+    size_t got = 0;
+    while (got < sizeof(report)) {
+        ssize_t n =
+            read(reportRead.get(), reinterpret_cast<char*>(&report) + got, sizeof(report) - got);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        got += static_cast<size_t>(n);
+    }
+    reportRead.reset();
+
+    int status = 0;
+    bool reaped = false;
+    if (got == sizeof(report)) {
+        inWrite.reset();
+        outRead.reset();
+        errRead.reset();
+    } else {
+        // A child that stops reading its input must not kill us with SIGPIPE.
+        sigset_t pipeSet, before, pending;
+        sigemptyset(&pipeSet);
+        sigaddset(&pipeSet, SIGPIPE);
+        sigpending(&pending);
+        const bool wasPending = sigismember(&pending, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &pipeSet, &before);
+        d.exchange(pid, inWrite, outRead, errRead, status, reaped);
+        sigpending(&pending);
+        if (!wasPending && sigismember(&pending, SIGPIPE) == 1) {
+            struct timespec zero = {0, 0};
+            sigtimedwait(&pipeSet, nullptr, &zero);
+        }
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+    while (!reaped) {
+        pid_t done = waitpid(pid, &status, 0);
+        if (done == pid) {
+            reaped = true;
+        } else if (done < 0 && errno != EINTR) {
+            ZLOGERR("Failed to wait for %s: %m", program);
+            VLIBCErrSet(ZARN_ERR_EXEC);
+            return -1;
+        }
+    }
+    if (got == sizeof(report)) {
+        errno = report.err;
+        ZLOGERR("Failed to %s %s: %m", StageText(report.stage), program);
+        VLIBCErrSet(ZARN_ERR_EXEC);
+        errno = report.err;
+        return -1;
+    }
+    if (WIFEXITED(status)) {
+        return WEXITSTATUS(status);
+    }
+    if (WIFSIGNALED(status)) {
+        ZLOGERR("Failed to run %s: killed by signal %d", program, WTERMSIG(status));
+    }
+    VLIBCErrSet(ZARN_ERR_EXEC);
+    return -1;
+}
+
+}  // namespace ZARNUtils

@@ -1,0 +1,102 @@
+#include "privilege/revise_tool.h"
+
+#include <cstdlib>
+
+#include "platform/errors.h"
+#include "platform/fileattr.h"
+#include "platform/log.h"
+#include "platform/scope_guard.h"
+#include "privilege/privilege.h"
+
+namespace ZARNPackageTool {
+namespace Privilege {
+
+namespace {
+
+bool IsStringMember(Json::Value const& element, const char* key) {
+    return element.isMember(key) && element[key].isString();
+}
+
+// "root" or "package"; anything else is refused, an empty word as bad content.
+bool TranslateOwner(std::string const& word, unsigned int pkgId, unsigned int& id) {
+    if (word == "root") {
+        id = 0;
+        return true;
+    }
+    if (word == "package") {
+        id = pkgId;
+        return true;
+    }
+    VLIBCErrSet(word.empty() ? PRIV_ERR_BAD_CONF : PRIV_ERR_NOT_THERE);
+    return false;
+}
+
+// Exactly four octal digits. A set-ID bit together with write access for group or others
+// would let anyone change what runs with the file's identity, so that mode is refused too.
+bool ParsePermission(std::string const& text, mode_t& mode) {
+    if (text.size() != 4) {
+        return false;
+    }
+    for (char c : text) {
+        if (c < '0' || c > '7') {
+            return false;
+        }
+    }
+    char* end = nullptr;
+    unsigned long value = std::strtoul(text.c_str(), &end, 8);
+    if (end == nullptr || *end != '\0') {
+        return false;
+    }
+    if ((value & 06000) != 0 && (value & 0022) != 0) {
+        return false;
+    }
+    mode = static_cast<mode_t>(value);
+    return true;
+}
+
+}  // namespace
+
+int ToolWalker::walk(Json::Value const& element) {
+    for (const char* key : {"relpath", "user", "group", "permission"}) {
+        if (!IsStringMember(element, key)) {
+            VLIBCErrSet(PRIV_ERR_BAD_CONF);
+            return WALK_FAILED;
+        }
+    }
+    std::string path;
+    int fd = OpenRelPath(element["relpath"].asString(), path);
+    if (fd < 0) {
+        return WALK_FAILED;
+    }
+    ZARN_SCOPE_EXIT {
+        ZARNClose(fd);
+    };
+
+    bool ok = true;
+    unsigned int uid = 0;
+    unsigned int gid = 0;
+    mode_t mode = 0;
+    ok = TranslateOwner(element["user"].asString(), GetPkgUid(), uid) &&
+         TranslateOwner(element["group"].asString(), GetPkgGid(), gid);
+    if (ok && !ZARNFChown(fd, uid, gid)) {
+        VLIBCErrSet(PRIV_ERR_FCHOWN);
+        ok = false;
+    }
+    if (ok && !ParsePermission(element["permission"].asString(), mode)) {
+        VLIBCErrSet(PRIV_ERR_BAD_CONF);
+        ok = false;
+    }
+    if (ok && !ZARNFChmod(fd, mode)) {
+        VLIBCErrSet(PRIV_ERR_FCHOWN);
+        ok = false;
+    }
+    if (!ok) {
+        ZLOGERR("Failed to revise %s [0x%04X %s:%d]", path.c_str(), VLIBCErrGet(),
+                VLIBCErrorGetFile(), VLIBCErrorGetLine());
+        return WALK_FAILED;
+    }
+    return WALK_CONTINUE;
+}
+
+}  // namespace Privilege
+}  // namespace ZARNPackageTool

@@ -1,0 +1,46 @@
+#include "privilege/revise_walker.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "pkgutils/relpath.h"
+#include "platform/errors.h"
+#include "platform/fileattr.h"
+#include "platform/files.h"
+#include "platform/log.h"
+#include "privilege/privilege.h"
+
+namespace ZARNPackageTool {
+namespace Privilege {
+
+int ReviseWalker::OpenRelPath(std::string const& relpath, std::string& path) const {
+    path.clear();
+    if (!ZARN::PkgUtils::ResolveRelPath(topDir_, relpath, path)) {
+        ZLOGERR("Failed to resolve %s [0x%04X %s:%d]", relpath.c_str(), VLIBCErrGet(),
+                VLIBCErrorGetFile(), VLIBCErrorGetLine());
+        return -1;
+    }
+    // The resolved path has no link left in it; a link put there since is not followed.
+    int fd = ZARNOpen(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    if (fd < 0) {
+        VLIBCErrSet(errno == ENOENT ? PRIV_ERR_NO_FILE : PRIV_ERR_OPEN);
+        return -1;
+    }
+    struct stat st;
+    if (!ZARNFStat(fd, st)) {
+        VLIBCErrSet(PRIV_ERR_FSTAT);
+        ZARNClose(fd);
+        return -1;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        VLIBCErrSet(PRIV_ERR_NOT_THERE);
+        ZARNClose(fd);
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace Privilege
+}  // namespace ZARNPackageTool

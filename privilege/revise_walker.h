@@ -1,0 +1,36 @@
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+
+#include "platform/export.h"
+#include "privilege/walker.h"
+
+namespace ZARNPackageTool {
+namespace Privilege {
+
+// A walker that changes files under a top folder for a package whose account numbers are
+// known.
+class ZARNPKG_API ReviseWalker : public IWalker {
+public:
+    ReviseWalker(std::string const& topDir, unsigned int pkgUid, unsigned int pkgGid)
+        : topDir_(topDir), pkgUid_(pkgUid), pkgGid_(pkgGid) {}
+
+    std::string const& GetTopDir() const { return topDir_; }
+    unsigned int GetPkgUid() const { return pkgUid_; }
+    unsigned int GetPkgGid() const { return pkgGid_; }
+
+protected:
+    // Resolves the element's "relpath" under the top folder and opens the regular file there
+    // read-only; the descriptor, or -1 with the error slot set (the path is given back).
+    int OpenRelPath(std::string const& relpath, std::string& path) const;
+
+private:
+    std::string topDir_;
+    unsigned int pkgUid_;
+    unsigned int pkgGid_;
+};
+
+}  // namespace Privilege
+}  // namespace ZARNPackageTool

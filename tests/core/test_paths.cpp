@@ -1,0 +1,416 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "core/packageinfo.h"
+#include "core/packagemanager.h"
+#include "core/paths.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/keyfile.h"
+#include "platform/process.h"
+#include "platform/volumes.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
+constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
+constexpr unsigned long long kMiB = 1024ULL * 1024ULL;
+
+mode_t ModeOf(const std::string& path) {
+    struct stat st;
+    return ZARNStat(path, st) ? (st.st_mode & 07777) : 0;
+}
+
+size_t Count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+}  // namespace
+
+class PathsTest : public TempRootTest {
+protected:
+    void makeDir(const std::string& path, mode_t mode = 0755) {
+        ASSERT_EQ(ZARNFSMkdirP(path, 0, 0, kKeepUid, kKeepGid, mode), 0);
+    }
+    void writeConf(const std::string& json) { writeFile(ZARN_VOLUMES_CONF, json); }
+    std::string defVolKey() {
+        std::string value;
+        VLIBCFileGetKeyValue(PMS_INFO_CONF, PMS_DEF_VOL_KEY, value);
+        return value;
+    }
+    void makeOld(const std::string& logical) {
+        ZARNUtils::ProcessRunner touch({"/usr/bin/touch", "-d", "2 days ago", phys(logical)});
+        ASSERT_EQ(touch.run(), 0);
+    }
+};
+
+TEST_F(PathsTest, TmpDirOnAGivenOrChosenVolume) {
+    makeDir("/volume2");
+    writeConf(R"({"volumes": [{"path": "/volume2", "space_cap": 50000000}]})");
+    std::string out = "stale";
+
+    // A given volume with strictly more room than asked for is taken as it is.
+    ASSERT_TRUE(PMSGetTmpDir(1000, "/volume2", out, false));
+    EXPECT_EQ(out, "/volume2/@tmp");
+    EXPECT_TRUE(ZARNIsDir("/volume2/@tmp"));
+    // Exactly the size free passes the volume over; the picker then takes volume1.
+    ASSERT_TRUE(PMSGetTmpDir(50000000, "/volume2", out));
+    EXPECT_EQ(out, "/volume1/@tmp");
+    EXPECT_TRUE(PMSCheckVolStatus("/volume2", 50000000));
+    EXPECT_FALSE(PMSCheckVolStatus("/volume2", 50000001));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    // Without a volume the first with room for the size and the margin is chosen.
+    writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 20000000}]})");
+    ASSERT_TRUE(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN, out));
+    EXPECT_EQ(out, "/volume1/@tmp");
+    ASSERT_TRUE(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN + 1, out));
+    EXPECT_EQ(out, "/volume2/@tmp");
+}
+
+TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
+    std::string out = "stale";
+    writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 1000}]})");
+    EXPECT_FALSE(PMSGetTmpDir(0, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_TRUE(out.empty());
+
+    writeConf(R"({"volumes": [{"path": "/volume1", "created": false}]})");
+    EXPECT_FALSE(PMSGetTmpDir(0, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_CREATING);
+
+    writeConf(R"({"volumes": [{"path": "/volume1", "generic": false}]})");
+    EXPECT_FALSE(PMSGetTmpDir(0, nullptr, out, false));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+    // The fallback looks at volumes that aren't generic too.
+    ASSERT_TRUE(PMSGetTmpDir(0, nullptr, out, true));
+    EXPECT_EQ(out, "/volume1/@tmp");
+
+    writeConf(R"({"volumes": [{"path": "/volume1", "writable": false}]})");
+    EXPECT_FALSE(PMSGetTmpDir(0, out));
+    EXPECT_NE(logText().find("VolumeAvailGet() failed!! zarnerr=[0x8400]"), std::string::npos);
+
+    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
+    EXPECT_FALSE(PMSGetTmpDir(0, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+
+    // A temp folder that can't be made.
+    makeDir("/volume1");
+    writeConf("{}");
+    writeFile("/volume1/@tmp", "a file in the way");
+    EXPECT_FALSE(PMSGetTmpDir(0, out));
+    EXPECT_NE(logText().find("Failed to mkdir : /volume1/@tmp , errno="), std::string::npos);
+}
+
+TEST_F(PathsTest, SystemTmpAndRootFallback) {
+    std::string out;
+    ASSERT_TRUE(PMSGetSystemTmpDir(0, out));
+    EXPECT_EQ(out, "/tmp/@tmp");
+    EXPECT_TRUE(ZARNIsDir("/tmp/@tmp"));
+
+    // /tmp too small: /var/tmp on the root file system, made private.
+    ASSERT_TRUE(ZARNRemoveTree("/var/tmp"));
+    writeConf(R"({"space_caps": {"/tmp": 5000, "/": 300000000}})");
+    out.clear();
+    ASSERT_TRUE(PMSGetSystemTmpDir(1000, out));
+    EXPECT_EQ(out, "/var/tmp");
+    EXPECT_EQ(ModeOf("/var/tmp"), 0700u);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_NE(logText().find("/tmp space is not enough"), std::string::npos);
+
+    // The root needs the size plus 200 MiB.
+    const unsigned long long rootRoom = 300000000ULL - PMS_ROOT_MARGIN;
+    EXPECT_TRUE(CanUploadtoRoot(rootRoom, out));
+    out.clear();
+    EXPECT_FALSE(CanUploadtoRoot(rootRoom + 1, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_TRUE(out.empty());
+    EXPECT_FALSE(PMSGetSystemTmpDir(rootRoom + 1, out));
+
+    // /var/tmp that can't be made.
+    ASSERT_TRUE(ZARNRemoveTree("/var/tmp"));
+    writeFile("/var/tmp", "in the way");
+    EXPECT_FALSE(CanUploadtoRoot(0, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_MKDIR);
+}
+
+TEST_F(PathsTest, UniqueTempNames) {
+    const std::string file = PMSMakeTmpFile("pkg.");
+    ASSERT_FALSE(file.empty());
+    EXPECT_EQ(file.rfind("/volume1/@tmp/pkg.", 0), 0u) << file;
+    EXPECT_TRUE(ZARNIsRegularFile(file));
+    const std::string dir = PMSMakeTmpDir(nullptr);
+    ASSERT_FALSE(dir.empty());
+    EXPECT_EQ(dir.rfind("/volume1/@tmp/", 0), 0u) << dir;
+    EXPECT_TRUE(ZARNIsDir(dir));
+    EXPECT_NE(PMSMakeTmpDir(nullptr), dir);
+
+    // Without volumes the system temp takes them.
+    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
+    const std::string sysFile = PMSMakeTmpFile(nullptr);
+    EXPECT_EQ(sysFile.rfind("/tmp/@tmp/", 0), 0u) << sysFile;
+}
+
+TEST_F(PathsTest, DownloadFolderAndSweep) {
+    makeDir("/volume2");
+    std::string out;
+    ASSERT_TRUE(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out));
+    EXPECT_EQ(out, "/volume2/@tmp/@zarnpkg/@download/demo");
+    EXPECT_TRUE(ZARNIsDir(out));
+
+    // A volume that fails the test gives way to any volume with room.
+    writeConf(R"({"volumes": [{"path": "/volume2", "writable": false}]})");
+    ASSERT_TRUE(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out));
+    EXPECT_EQ(out, "/volume1/@tmp/@zarnpkg/@download/demo");
+    ASSERT_TRUE(PMSCreateDownloadTmpDir("", "other", 0, out));
+    EXPECT_EQ(out, "/volume1/@tmp/@zarnpkg/@download/other");
+    EXPECT_FALSE(PMSCreateDownloadTmpDir(nullptr, nullptr, 0, out));
+
+    // Old downloads on a volume are the volume's business: no sweep there.
+    writeFile("/volume1/@tmp/@zarnpkg/@download/old.qar", "old");
+    makeOld("/volume1/@tmp/@zarnpkg/@download/old.qar");
+    ASSERT_TRUE(PMSCreateDownloadTmpDir(nullptr, "demo", 0, out));
+    EXPECT_TRUE(IsFileExists("/volume1/@tmp/@zarnpkg/@download/old.qar"));
+
+    // On the system temp, files over a day old directly in the download folder go.
+    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
+    ASSERT_TRUE(ZARNRemoveTree("/volume2"));
+    const std::string dl = "/tmp/@tmp/@zarnpkg/@download";
+    writeFile(dl + "/old.qar", "old");
+    writeFile(dl + "/fresh.qar", "fresh");
+    writeFile(dl + "/keep/old-inside.qar", "nested");
+    makeOld(dl + "/old.qar");
+    makeOld(dl + "/keep/old-inside.qar");
+    makeOld(dl + "/keep");
+    ASSERT_TRUE(PMSCreateDownloadTmpDir(nullptr, "demo", 0, out));
+    EXPECT_EQ(out, dl + "/demo");
+    EXPECT_TRUE(ZARNIsDir(out));
+    EXPECT_FALSE(IsFileExists(dl + "/old.qar"));
+    EXPECT_TRUE(IsFileExists(dl + "/fresh.qar"));
+    EXPECT_TRUE(IsFileExists(dl + "/keep/old-inside.qar"));
+}
+
+TEST_F(PathsTest, ListAndSystemInstallFolders) {
+    std::string out;
+    ASSERT_TRUE(PMSGetListTmpDir(out));
+    EXPECT_EQ(out, "/var/cache/pkglist.tmp/");
+    EXPECT_TRUE(ZARNIsDir(out));
+    // An existing folder is left as it is.
+    ASSERT_TRUE(ZARNChmod("/var/cache/pkglist.tmp", 0750));
+    ASSERT_TRUE(PMSGetListTmpDir(out));
+    EXPECT_EQ(ModeOf("/var/cache/pkglist.tmp"), 0750u);
+    // A file in its place makes the attempt fail.
+    ASSERT_TRUE(ZARNRemoveTree("/var/cache/pkglist.tmp"));
+    writeFile("/var/cache/pkglist.tmp", "x");
+    EXPECT_FALSE(PMSGetListTmpDir(out));
+    EXPECT_NE(logText().find("Failed to mkdir : /var/cache/pkglist.tmp/"), std::string::npos);
+
+    ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
+    ASSERT_TRUE(PMSGetSystemInstallPath(out));
+    EXPECT_EQ(out, "/usr/local/packages");
+    EXPECT_EQ(ModeOf(out), 0755u);
+}
+
+TEST_F(PathsTest, PackageVolumeFromTarget) {
+    std::string out = "kept";
+    EXPECT_FALSE(PMSGetPackageVol("", out));
+    EXPECT_FALSE(PMSGetPackageVol("ghost", out));
+    EXPECT_NE(logText().find("Failed to resovle package target ghost"), std::string::npos);
+
+    makeDir("/volume2/@appstore/demo");
+    makeDir("/var/packages/demo");
+    ASSERT_TRUE(ZARNSymlink("/volume2/@appstore/demo", "/var/packages/demo/target"));
+    ASSERT_TRUE(PMSGetPackageVol("demo", out));
+    EXPECT_EQ(out, "/volume2");
+
+    makeDir("/usr/local/packages/sys");
+    makeDir("/var/packages/sys");
+    ASSERT_TRUE(ZARNSymlink("/usr/local/packages/sys", "/var/packages/sys/target"));
+    ASSERT_TRUE(PMSGetPackageVol("sys", out));
+    EXPECT_EQ(out, "/usr/local/packages");
+
+    makeDir("/opt/odd");
+    makeDir("/var/packages/odd");
+    ASSERT_TRUE(ZARNSymlink("/opt/odd", "/var/packages/odd/target"));
+    out = "kept";
+    EXPECT_FALSE(PMSGetPackageVol("odd", out));
+    EXPECT_EQ(out, "kept");
+    EXPECT_NE(logText().find("Failed to parse volume path: /opt/odd"), std::string::npos);
+}
+
+TEST_F(PathsTest, DefaultVolume) {
+    std::string out;
+    EXPECT_FALSE(PMSSavePackageDefVolPath(nullptr));
+    // With a single generic volume there is no choice to remember.
+    EXPECT_FALSE(PMSSavePackageDefVolPath("/volume1"));
+    ASSERT_TRUE(VLIBCFileSetKeyValue(PMS_INFO_CONF, PMS_DEF_VOL_KEY, "/volume1"));
+    EXPECT_FALSE(PMSGetPackageDefVol(out));
+
+    makeDir("/volume2");
+    makeDir("/volume3");
+    writeConf(R"({"volumes": [{"path": "/volume3", "generic": false},
+                              {"path": "/volume1", "space_cap": 209715199}]})");
+    ASSERT_TRUE(VLIBCFileSetKeyValue(PMS_INFO_CONF, PMS_DEF_VOL_KEY, "/volume1"));
+    EXPECT_FALSE(PMSGetPackageDefVol(out));  // volume1 lacks the 200 MiB
+    ASSERT_TRUE(PMSSavePackageDefVolPath("/volume2"));
+    EXPECT_EQ(defVolKey(), "/volume2");
+    ASSERT_TRUE(PMSGetPackageDefVol(out));
+    EXPECT_EQ(out, "/volume2");
+    EXPECT_FALSE(PMSSavePackageDefVolPath("/volume3"));  // not generic
+    EXPECT_FALSE(PMSSavePackageDefVolPath("/volume9"));
+    EXPECT_NE(logText().find("Failed to read volume attribute, path=[/volume9]"),
+              std::string::npos);
+    EXPECT_EQ(defVolKey(), "/volume2");
+    // Exactly the 200 MiB is enough.
+    writeConf(R"({"volumes": [{"path": "/volume3", "generic": false},
+                              {"path": "/volume1", "space_cap": 209715200}]})");
+    ASSERT_TRUE(PMSSavePackageDefVolPath("/volume1"));
+    EXPECT_EQ(defVolKey(), "/volume1");
+
+    // A path off the volumes clears the setting.
+    EXPECT_TRUE(PMSSavePackageDefVolPath("/tmp/x"));
+    EXPECT_EQ(defVolKey(), "");
+    EXPECT_FALSE(PMSGetPackageDefVol(out));
+}
+
+TEST_F(PathsTest, VolumeStatusAndCounts) {
+    EXPECT_FALSE(PMSCheckVolStatus(nullptr, 0));
+    EXPECT_FALSE(PMSCheckVolStatus("/tmp", 0));
+    EXPECT_FALSE(PMSCheckVolStatus("/volume9", 0));
+    EXPECT_EQ(logText().find("Failed to get volume info"), std::string::npos);
+    EXPECT_TRUE(PMSCheckVolStatus("/volume1/@appstore", 0));
+
+    makeDir("/volume2");
+    makeDir("/volume3");
+    writeConf(R"({"volumes": [{"path": "/volume2", "writable": false},
+                              {"path": "/volume3", "generic": false}]})");
+    EXPECT_FALSE(PMSCheckVolStatus("/volume2", 0));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_READONLY);
+
+    EXPECT_EQ(VolumeCountGet(3, true), 3);
+    EXPECT_EQ(VolumeCountGet(3, false), 2);
+    EXPECT_TRUE(IsAnyVolumeExists());
+    EXPECT_TRUE(IsAnyGenericVolumeExists());
+    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
+    ASSERT_TRUE(ZARNRemoveTree("/volume2"));
+    EXPECT_TRUE(IsAnyVolumeExists());
+    EXPECT_FALSE(IsAnyGenericVolumeExists());
+    ASSERT_TRUE(ZARNRemoveTree("/volume3"));
+    EXPECT_FALSE(IsAnyVolumeExists());
+    EXPECT_EQ(VolumeCountGet(3, true), 0);
+}
+
+TEST_F(PathsTest, CheckVolumeForAPackageFile) {
+    PackageManager pm;
+    PackageInfo info;
+    info.name = "demo";
+    writeFile("/tmp/demo.qar", std::string(4096, 'q'));
+
+    EXPECT_FALSE(pm.CheckVolume(nullptr, info));
+    EXPECT_FALSE(pm.CheckVolume("/tmp/missing.qar", info));
+    EXPECT_NE(logText().find("Failed to get status of /tmp/missing.qar"), std::string::npos);
+    EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", info));
+
+    // Only a volume that isn't generic: cold-storage packages may go there.
+    writeConf(R"({"volumes": [{"path": "/volume1", "generic": false}]})");
+    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_GENERIC_VOLUME);
+    PackageInfo cold = info;
+    cold.extra.get()->install_on_cold_storage = true;
+    EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", cold));
+
+    // No volume at all.
+    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
+    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+
+    // A system package needs only room in the system partition.
+    PackageInfo sys = info;
+    sys.install_type = "system";
+    EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", sys));
+    writeConf(R"({"space_caps": {"/usr/local/packages": 10489855}})");  // 10 MiB + 4095
+    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", sys));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    writeConf(R"({"space_caps": {"/usr/local/packages": 10489856}})");
+    EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", sys));
+    ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
+    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", sys));
+    EXPECT_NE(logText().find("Failed to get system volumne"), std::string::npos);
+
+    // A dock host tests its one volume.
+    makeDir("/volume1");
+    writeConf(R"({"dock_host": true, "volumes": [{"path": "/volume1", "space_cap": 1000}]})");
+    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+}
+
+TEST_F(PathsTest, AppStoreVolume) {
+    PackageManager pm;
+    PackageInfo info;
+    std::string out;
+    makeDir("/volume2");
+    EXPECT_FALSE(pm.GetAppStoreVolume(info, nullptr, 0, out));
+    EXPECT_FALSE(pm.GetAppStoreVolume(info, "", 0, out));
+    ASSERT_TRUE(pm.GetAppStoreVolume(info, "/volume2/@appstore", 0, out));
+    EXPECT_EQ(out, "/volume2");
+    out.clear();
+    EXPECT_FALSE(pm.GetAppStoreVolume(info, "/srv/data", 0, out));
+    EXPECT_NE(logText().find("Failed to parse volume path: /srv/data"), std::string::npos);
+    writeConf(R"({"volumes": [{"path": "/volume2", "space_cap": 10485764}]})");
+    EXPECT_TRUE(pm.GetAppStoreVolume(info, "/volume2", 4, out));
+    EXPECT_FALSE(pm.GetAppStoreVolume(info, "/volume2", 5, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+
+    PackageInfo sys;
+    sys.install_type = "system";
+    ASSERT_TRUE(pm.GetAppStoreVolume(sys, "/volume2", 0, out));
+    EXPECT_EQ(out, "/usr/local/packages");
+
+    writeConf(R"({"dock_host": true})");
+    ASSERT_TRUE(pm.GetAppStoreVolume(info, "/volume2", 0, out));
+    EXPECT_EQ(out, "/volume1");
+}
+
+TEST_F(PathsTest, RootPartitionSpace) {
+    PackageManager pm;
+    EXPECT_TRUE(pm.IsRootPartitionHasEnoughSpace());
+    writeConf(R"({"space_caps": {"/": 10485759}})");
+    EXPECT_FALSE(pm.IsRootPartitionHasEnoughSpace());
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_NE(logText().find("root partition space is not enough"), std::string::npos);
+}
+
+TEST_F(PathsTest, FileHelpers) {
+    writeFile("/var/packages/demo/INFO", "package=\"demo\"\n");
+    writeFile("/var/packages/demo/conf/privilege", "{}");
+    writeFile("/var/packages/demo/scripts/x", "");
+
+    EXPECT_TRUE(ZARNPackageCore::FsyncFiles({}));
+    EXPECT_TRUE(ZARNPackageCore::FsyncDirectories({}));
+    EXPECT_TRUE(ZARNPackageCore::FsyncFiles({"/var/packages/demo/INFO"}));
+    EXPECT_TRUE(ZARNPackageCore::FsyncDirectories({"/var/packages/demo", "/var/packages"}));
+    // Every path is tried: two missing ones give two lines.
+    EXPECT_FALSE(ZARNPackageCore::FsyncFiles(
+        {"/var/packages/demo/nope1", "/var/packages/demo/INFO", "/var/packages/demo/nope2"}));
+    EXPECT_EQ(Count(logText(), "Failed to open file, path=[/var/packages/demo/nope"), 2u);
+    EXPECT_FALSE(ZARNPackageCore::FsyncDirectories({"/var/packages/demo/INFO"}));
+
+    EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo/INFO"));
+    EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo"));
+    EXPECT_FALSE(ZARNPackageCore::IsFileExists("/var/packages/none"));
+
+    std::vector<std::string> files = {"/already/there"};
+    EXPECT_TRUE(ZARNPackageCore::GetRegularFilePathsInDirectory("/var/packages/demo", files));
+    EXPECT_EQ(files, (std::vector<std::string>{"/already/there", "/var/packages/demo/INFO"}));
+    EXPECT_TRUE(ZARNPackageCore::GetRegularFilePathsInDirectory("/no/such/dir", files));
+    EXPECT_EQ(files.size(), 2u);
+}

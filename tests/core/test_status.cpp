@@ -1,0 +1,250 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "core/packagemanager.h"
+#include "platform/files.h"
+#include "platform/json.h"
+#include "platform/services.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+class Status : public TempRootTest {
+protected:
+    // A package on /volume1 whose control script ends with `exitCode`; a negative code means no
+    // control script at all.
+    void addPackage(const std::string& name, int exitCode, const std::string& extraInfo = "") {
+        const std::string dir = "/var/packages/" + name;
+        writeFile(dir + "/INFO", "package=\"" + name + "\"\nversion=\"1.0-0001\"\n" +
+                                     "maintainer=\"m\"\ndescription=\"d\"\n" + extraInfo);
+        const std::string target = "/volume1/@appstore/" + name;
+        writeFile(target + "/.keep", "");
+        ASSERT_TRUE(ZARNSymlink(target, dir + "/target"));
+        if (exitCode >= 0) {
+            writeFile(
+                dir + "/scripts/start-stop-status",
+                "#!/bin/sh\n[ \"$1\" = status ] || exit 0\nexit " + std::to_string(exitCode) + "\n",
+                0755);
+        }
+    }
+    void enable(const std::string& name) { writeFile("/var/packages/" + name + "/enabled", ""); }
+    void jobRuns(const std::string& name) {
+        ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 1, 1, ZARN_JOB_PHASE_RUNNING));
+    }
+    int rough(const std::string& name, bool* ok = nullptr) {
+        PackageManager pm;
+        int value = -1;
+        bool got = pm.getPkgRoughStatus(name, value);
+        if (ok != nullptr) {
+            *ok = got;
+        }
+        return got ? value : -1;
+    }
+    int status(const std::string& name) {
+        PackageManager pm;
+        return pm.getPkgStatus(name);
+    }
+};
+
+TEST_F(Status, NotInstalledAndMissingInfo) {
+    PackageManager pm;
+    PackageInfo info;
+    EXPECT_EQ(pm.getServiceScript("ghost", info), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
+
+    writeFile("/var/packages/noinfo/scripts/start-stop-status", "#!/bin/sh\nexit 0\n", 0755);
+    EXPECT_EQ(pm.getServiceScript("noinfo", info), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
+
+    EXPECT_EQ(status("ghost"), 0xff);
+    bool ok = false;
+    EXPECT_EQ(rough("ghost", &ok), 0);
+    EXPECT_TRUE(ok);
+    EXPECT_FALSE(pm.isStarted("ghost"));
+}
+
+TEST_F(Status, RunningNeedsScriptEnabledAndJob) {
+    addPackage("alpha", 0);
+    PackageManager pm;
+    PackageInfo info;
+    EXPECT_EQ(pm.getServiceScript("alpha", info), "/var/packages/alpha/scripts/start-stop-status");
+    EXPECT_EQ(info.version, "1.0-0001");
+
+    // The script says running, but neither enabled nor the job: stopped.
+    EXPECT_EQ(status("alpha"), 3);
+    EXPECT_EQ(rough("alpha"), 1);
+    enable("alpha");
+    EXPECT_EQ(status("alpha"), 3);
+    jobRuns("alpha");
+    EXPECT_EQ(status("alpha"), 0);
+    EXPECT_EQ(rough("alpha"), 3);
+    EXPECT_TRUE(pm.isStarted("alpha"));
+    bool running = false;
+    EXPECT_TRUE(pm.getServiceStatus("alpha", running, true, true));
+    EXPECT_TRUE(running);
+
+    // A UI folder without its desktop entry does not run.
+    addPackage("beta", 0, "kosuidir=\"betaui\"\n");
+    enable("beta");
+    jobRuns("beta");
+    EXPECT_EQ(status("beta"), 3);
+    writeFile("/usr/zarn/zarnman/webman/3rdparty/betaui/config", "{}");
+    EXPECT_EQ(status("beta"), 0);
+
+    // A package that isn't startable needs no enabled file.
+    addPackage("gamma", 0, "startable=\"no\"\n");
+    jobRuns("gamma");
+    EXPECT_EQ(status("gamma"), 0);
+}
+
+TEST_F(Status, ScriptExitCodes) {
+    for (int code : {1, 2, 150, 7}) {
+        const std::string name = "p" + std::to_string(code);
+        addPackage(name, code);
+        enable(name);
+        jobRuns(name);
+        PackageManager pm;
+        bool running = true;
+        EXPECT_TRUE(pm.getServiceStatus(name, running, true)) << code;
+        EXPECT_FALSE(running) << code;
+        EXPECT_EQ(pm.getResult(), static_cast<PKG_ERRCODE>(code)) << code;
+        EXPECT_EQ(status(name), code == 7 ? 3 : code) << code;
+        EXPECT_EQ(rough(name), code == 150 ? 5 : 1) << code;
+    }
+    EXPECT_NE(logText().find("Package is broken, p150, [150]"), std::string::npos);
+
+    // Strict: the job runs while the script says stopped.
+    PackageManager pm;
+    bool running = true;
+    EXPECT_FALSE(pm.getServiceStatus("p1", running, true, true));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_STOPPED_BUT_RUNNING);
+    EXPECT_TRUE(pm.isStarted("p1", true));
+    EXPECT_FALSE(pm.isStarted("p1", false));
+    EXPECT_NE(logText().find("Package p1 stops but service pkgctl-p1 start"), std::string::npos);
+}
+
+TEST_F(Status, BrokenStates) {
+    // A target link that leads nowhere.
+    writeFile("/var/packages/dangling/INFO",
+              "package=\"dangling\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
+    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/missing", "/var/packages/dangling/target"));
+    PackageManager pm;
+    PackageInfo info;
+    EXPECT_EQ(pm.getServiceScript("dangling", info), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_BROKEN);
+    EXPECT_EQ(status("dangling"), 0x96);
+    EXPECT_EQ(rough("dangling"), 5);
+
+    // A package in the system partition needs no volume; one on a crashed volume is broken.
+    writeFile("/var/packages/syspart/INFO",
+              "package=\"syspart\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
+    writeFile("/usr/local/packages/@appstore/syspart/.keep", "");
+    ASSERT_TRUE(
+        ZARNSymlink("/usr/local/packages/@appstore/syspart", "/var/packages/syspart/target"));
+    addPackage("oncrashed", -1);
+    EXPECT_EQ(status("syspart"), 4);
+    EXPECT_EQ(status("oncrashed"), 4);
+    writeFile("/etc/zarnhost/volumes.json",
+              R"({"volumes":[{"path":"/volume1","writable":true,"generic":true,)"
+              R"("created":true,"crashed":true}]})");
+    EXPECT_EQ(status("oncrashed"), 0x96);
+    EXPECT_EQ(status("syspart"), 4);
+    ASSERT_TRUE(ZARNUnlink("/etc/zarnhost/volumes.json"));
+
+    // The installing marker.
+    addPackage("inst", 0);
+    enable("inst");
+    jobRuns("inst");
+    writeFile("/var/packages/inst/installing", "");
+    EXPECT_EQ(status("inst"), 0x96);
+    EXPECT_EQ(rough("inst"), 5);
+
+    // A script that can't run.
+    addPackage("noexec", 0);
+    ASSERT_TRUE(ZARNChmod("/var/packages/noexec/scripts/start-stop-status", 0644));
+    EXPECT_EQ(pm.getServiceScript("noexec", info), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_BROKEN);
+    EXPECT_NE(logText().find("start-stop-status can't run"), std::string::npos);
+
+    // Wrong architecture.
+    addPackage("foreign", 0, "arch=\"powerpc\"\n");
+    EXPECT_EQ(status("foreign"), 0x96);
+
+    // Stopped by a dependency limit; job in error state.
+    addPackage("deplimit", 0);
+    writeFile("/var/packages/deplimit/stoppedByDepLimit", "");
+    bool running = true;
+    EXPECT_FALSE(pm.getServiceStatus("deplimit", running, true));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_STOPPED_BY_DEP_LIMIT);
+    EXPECT_FALSE(running);
+    EXPECT_EQ(status("deplimit"), 3);
+
+    addPackage("failedjob", 0);
+    ASSERT_TRUE(ZARNJobStateWrite("pkgctl-failedjob", 0, 0, ZARN_JOB_PHASE_FAILED));
+    EXPECT_FALSE(pm.getServiceStatus("failedjob", running, true));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_JOB_ERROR);
+
+    // Broken by another package that declares a break of it.
+    addPackage("victim", 0);
+    addPackage("breaker", 0, "install_break_packages=\"victim\"\n");
+    EXPECT_FALSE(pm.getServiceStatus("victim", running, true));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_BROKEN_BY_OTHER);
+    EXPECT_EQ(status("victim"), 0x96);
+}
+
+TEST_F(Status, NoControlScript) {
+    addPackage("plain", -1);
+    PackageManager pm;
+    PackageInfo info;
+    EXPECT_EQ(pm.getServiceScript("plain", info), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_NO_SCRIPT);
+    EXPECT_EQ(status("plain"), 4);
+    bool ok = true;
+    rough("plain", &ok);
+    EXPECT_FALSE(ok);
+    EXPECT_NE(logText().find("unknown status: [plain]"), std::string::npos);
+    EXPECT_TRUE(pm.isStarted("plain"));
+}
+
+TEST_F(Status, FirmwareLimits) {
+    addPackage("sys", 0);
+    addPackage("non", 0);
+    addPackage("old", 0);
+    addPackage("fine", 0);
+    enable("fine");
+    jobRuns("fine");
+    writeFile("/etc.defaults/zarnpackageslimit.conf", "sys=\"system\"\nnon=\"non\"\nold=\"2.0\"\n");
+    EXPECT_EQ(status("sys"), 0x101);
+    EXPECT_EQ(status("non"), 0x102);
+    EXPECT_EQ(status("old"), 0x100);
+    EXPECT_EQ(status("fine"), 0);
+    for (const char* name : {"sys", "non", "old"}) {
+        EXPECT_EQ(rough(name), 5) << name;
+    }
+    PackageManager pm;
+    EXPECT_FALSE(pm.isStarted("old"));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_VERSION_LIMIT);
+    EXPECT_FALSE(pm.isStarted("sys"));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_LIMIT_SYSTEM);
+}
+
+TEST_F(Status, HostServices) {
+    writeFile("/etc/zarnhost/services.json",
+              R"({"services":[{"name":"ssh-shell","display_name":"SSH","enabled":false,)"
+              R"("running":false},{"name":"pgsql","display_name":"PostgreSQL","enabled":true,)"
+              R"("running":true},{"name":"nameless","enabled":false,"running":false}]})");
+    PackageManager pm;
+    EXPECT_EQ(pm.checkServiceStarted(0x8 | 0x10 | 0x40), 0x8u | 0x40u);
+    std::set<std::string> missing = pm.checkServiceStarted({"ssh-shell", "pgsql", "nameless"});
+    EXPECT_EQ(missing, (std::set<std::string>{"SSH", "nameless"}));
+
+    writeFile("/etc/zarnhost/services.json",
+              R"({"services":[{"name":"ssh-shell","enabled":true,"running":true},)"
+              R"({"name":"pgsql","enabled":true,"running":false}]})");
+    EXPECT_EQ(pm.checkServiceStarted(0x8 | 0x10), 0x10u);
+}
+
+}  // namespace

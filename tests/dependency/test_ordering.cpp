@@ -1,0 +1,365 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/packagemanager.h"
+#include "core/registry.h"
+#include "dependency/depparse.h"
+#include "dependency/graph.h"
+#include "platform/files.h"
+#include "platform/services.h"
+#include "tests/support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+PackageInfo Record(const std::string& name, const std::string& version, const char* deps = "") {
+    PackageInfo info;
+    info.name = name;
+    info.version = version;
+    PMSExplodeDepPKGString(deps, info.install_dep_packages);
+    return info;
+}
+
+// Position of each name in an order.
+std::map<std::string, size_t> Positions(const Names& order) {
+    std::map<std::string, size_t> pos;
+    for (size_t i = 0; i < order.size(); ++i) {
+        pos[order[i]] = i;
+    }
+    return pos;
+}
+
+class Ordering : public TempRootTest {
+protected:
+    enum State { kNoScript, kRunning, kStopped, kTransition };
+
+    void addPackage(const std::string& name, const std::string& deps = "", State state = kNoScript,
+                    const std::string& extraInfo = "") {
+        const std::string dir = "/var/packages/" + name;
+        writeFile(dir + "/INFO", "package=\"" + name +
+                                     "\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n" +
+                                     "install_dep_packages=\"" + deps + "\"\n" + extraInfo);
+        const std::string target = "/volume1/@appstore/" + name;
+        writeFile(target + "/.keep", "");
+        ASSERT_TRUE(ZARNSymlink(target, dir + "/target"));
+        if (state == kNoScript) {
+            return;
+        }
+        writeFile(dir + "/scripts/start-stop-status",
+                  std::string("#!/bin/sh\n[ \"$1\" = status ] || exit 0\nexit ") +
+                      (state == kRunning ? "0" : "3") + "\n",
+                  0755);
+        if (state == kRunning) {
+            enable(name);
+            ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 1, 1, ZARN_JOB_PHASE_RUNNING));
+        }
+        if (state == kTransition) {
+            ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 0, 0, ZARN_JOB_PHASE_FAILED));
+        }
+    }
+    void enable(const std::string& name) { writeFile("/var/packages/" + name + "/enabled", ""); }
+
+    Names order(const char* name, bool byEnabledFlag, bool all, bool* ok = nullptr) {
+        PackageManager pm;
+        Names out{"stale"};
+        bool result = pm.getDependencyOrder(name, out, byEnabledFlag, all);
+        if (ok != nullptr) {
+            *ok = result;
+        }
+        return out;
+    }
+};
+
+TEST_F(Ordering, TopologicalSortOfRecords) {
+    PackageManager pm;
+    Names out{"stale"};
+
+    std::vector<PackageInfo> none;
+    EXPECT_TRUE(pm.topologicalSortPkgs(none, out));
+    EXPECT_TRUE(out.empty());
+
+    // Unrelated packages come out in the reverse of their order.
+    std::vector<PackageInfo> loose{Record("A", "1"), Record("B", "1"), Record("C", "1")};
+    EXPECT_TRUE(pm.topologicalSortPkgs(loose, out));
+    EXPECT_EQ(out, (Names{"C", "B", "A"}));
+
+    // A dependant stands before its dependency, when the version holds.
+    std::vector<PackageInfo> met{Record("a", "1", "b>=2"), Record("b", "2.0")};
+    EXPECT_TRUE(pm.topologicalSortPkgs(met, out));
+    EXPECT_EQ(out, (Names{"a", "b"}));
+    std::vector<PackageInfo> unmet{Record("a", "1", "b>=2"), Record("b", "1.9")};
+    EXPECT_TRUE(pm.topologicalSortPkgs(unmet, out));
+    EXPECT_EQ(out, (Names{"b", "a"}));
+
+    // Dependencies outside the set are ignored; duplicate names make one vertex.
+    std::vector<PackageInfo> outside{Record("a", "1", "zz:b"), Record("b", "1"), Record("a", "2")};
+    EXPECT_TRUE(pm.topologicalSortPkgs(outside, out));
+    EXPECT_EQ(out, (Names{"a", "b"}));
+
+    std::vector<PackageInfo> cycle{Record("x", "1"), Record("a", "1", "b"), Record("b", "1", "a")};
+    EXPECT_FALSE(pm.topologicalSortPkgs(cycle, out));
+    EXPECT_TRUE(out.empty());
+    EXPECT_NE(logText().find("Cycle in a, b"), std::string::npos);
+
+    std::vector<PackageInfo> self{Record("s", "1", "s")};
+    EXPECT_FALSE(pm.topologicalSortPkgs(self, out));
+
+    // A second record of a name lends its dependencies to the first.
+    std::vector<PackageInfo> dup{Record("a", "1"), Record("b", "1", "a"), Record("a", "2", "b")};
+    EXPECT_FALSE(pm.topologicalSortPkgs(dup, out));
+}
+
+TEST_F(Ordering, SortIsAPartialOrderOnLargeSets) {
+    std::mt19937 rng(7);
+    std::vector<PackageInfo> records;
+    const int n = 3000;
+    for (int i = 0; i < n; ++i) {
+        std::string deps;
+        // Dependencies only on lower numbers: acyclic.
+        for (int k = 0; k < 3 && i > 0; ++k) {
+            deps += "p" + std::to_string(rng() % i) + ":";
+        }
+        records.push_back(Record("p" + std::to_string(i), "1", deps.c_str()));
+    }
+    std::shuffle(records.begin(), records.end(), rng);
+    PackageManager pm;
+    Names out;
+    ASSERT_TRUE(pm.topologicalSortPkgs(records, out));
+    ASSERT_EQ(out.size(), static_cast<size_t>(n));
+    auto pos = Positions(out);
+    for (const auto& r : records) {
+        for (const auto& d : r.install_dep_packages) {
+            EXPECT_LT(pos[r.name], pos[d.name]) << r.name << " -> " << d.name;
+        }
+    }
+    // One back edge closes a cycle.
+    records.push_back(Record("p0", "1", "p2999"));
+    EXPECT_FALSE(pm.topologicalSortPkgs(records, out));
+}
+
+TEST_F(Ordering, HasCycleAndWholeRegistry) {
+    addPackage("a");
+    addPackage("b", "a");
+    addPackage("c", "b>=1");
+    PackageManager pm;
+    Names all;
+    ASSERT_TRUE(pm.getDependencyOrder(all));
+    ASSERT_EQ(all.size(), 3u);
+    auto pos = Positions(all);
+    EXPECT_LT(pos["c"], pos["b"]);
+    EXPECT_LT(pos["b"], pos["a"]);
+
+    EXPECT_TRUE(pm.hasCycle(Record("a", "2", "c")));
+    EXPECT_FALSE(pm.hasCycle(Record("a", "2", "zz")));
+    EXPECT_FALSE(pm.hasCycle(Record("d", "1", "c:a")));
+    EXPECT_TRUE(pm.hasCycle(Record("d", "1", "d")));
+    // The sort keeps the first record of a name: c's "b>=1" is checked against the installed
+    // b, not against the candidate's own lower version.
+    EXPECT_TRUE(pm.hasCycle(Record("b", "0.5", "c")));
+
+    addPackage("z", "c");
+    writeFile("/var/packages/c/INFO",
+              "package=\"c\"\nversion=\"1\"\nmaintainer=\"m\"\ndescription=\"d\"\n"
+              "install_dep_packages=\"z\"\n");
+    EXPECT_FALSE(pm.getDependencyOrder(all));
+}
+
+TEST_F(Ordering, DependantsOfOnePackage) {
+    addPackage("b");
+    addPackage("a", "b");
+    addPackage("lone");
+    bool ok = false;
+    EXPECT_EQ(order("b", false, true, &ok), (Names{"a", "b"}));
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(order("a", false, true, &ok), Names{"a"});
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(order("lone", false, false, &ok), Names{"lone"});
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(order("ghost", false, true, &ok).empty());
+    EXPECT_TRUE(ok);
+    PackageManager pm;
+    Names out;
+    EXPECT_FALSE(pm.getDependencyOrder(nullptr, out, false, true));
+    EXPECT_FALSE(pm.getDependencyOrder(nullptr, out, false));
+
+    // A diamond and a chain: dependants before what they need.
+    addPackage("c", "a");
+    addPackage("d", "a:c");
+    addPackage("e", "d");
+    const Names got = order("b", false, true, &ok);
+    EXPECT_TRUE(ok);
+    ASSERT_EQ(got.size(), 5u);
+    auto pos = Positions(got);
+    EXPECT_EQ(got.back(), "b");
+    EXPECT_LT(pos["e"], pos["d"]);
+    EXPECT_LT(pos["d"], pos["c"]);
+    EXPECT_LT(pos["c"], pos["a"]);
+    EXPECT_EQ(pos.count("lone"), 0u);
+
+    // A cycle among the dependants fails; one elsewhere doesn't matter.
+    addPackage("x", "y");
+    addPackage("y", "x");
+    EXPECT_EQ(order("b", false, true, &ok).size(), 5u);
+    EXPECT_TRUE(ok);
+    addPackage("f", "e:g");
+    addPackage("g", "f");
+    EXPECT_TRUE(order("b", false, true, &ok).empty());
+    EXPECT_FALSE(ok);
+}
+
+TEST_F(Ordering, FiltersByRunningStateAndEnabledFlag) {
+    addPackage("base", "", kRunning);
+    addPackage("up", "base", kRunning);
+    addPackage("down", "base", kStopped);
+    addPackage("above", "down", kRunning);
+    addPackage("moving", "base", kTransition);
+    addPackage("plain", "up");  // no control script: counts as started
+    bool ok = false;
+
+    auto got = order("base", false, false, &ok);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(std::set<std::string>(got.begin(), got.end()),
+              (std::set<std::string>{"base", "up", "moving", "plain"}));
+    EXPECT_EQ(got.back(), "base");
+
+    got = order("base", false, true, &ok);
+    EXPECT_EQ(got.size(), 6u);
+    auto pos = Positions(got);
+    EXPECT_LT(pos["above"], pos["down"]);
+    EXPECT_LT(pos["plain"], pos["up"]);
+
+    // The named package itself is there even when stopped.
+    got = order("down", false, false, &ok);
+    EXPECT_EQ(got, (Names{"above", "down"}));
+
+    // By the enabled flag: base, up and above have it.
+    got = order("base", true, false, &ok);
+    EXPECT_EQ(std::set<std::string>(got.begin(), got.end()), (std::set<std::string>{"base", "up"}));
+    enable("plain");
+    enable("down");
+    got = order("base", true, false, &ok);
+    EXPECT_EQ(std::set<std::string>(got.begin(), got.end()),
+              (std::set<std::string>{"base", "up", "plain", "down", "above"}));
+    PackageManager pm;
+    Names three;
+    ASSERT_TRUE(pm.getDependencyOrder("base", three, true));
+    EXPECT_EQ(three, got);
+}
+
+// The walk asks about running state only where it can reach; the answer must be that of a graph
+// of every active package, as the plain method builds it.
+TEST_F(Ordering, FilteredWalkMatchesFullGraph) {
+    std::mt19937 rng(11);
+    const int n = 40;
+    for (int i = 0; i < n; ++i) {
+        std::string deps;
+        for (int k = 0; k < 2 && i > 0; ++k) {
+            deps += "q" + std::to_string(rng() % i) + ":";
+        }
+        addPackage("q" + std::to_string(i), deps);
+        if (rng() % 3 != 0) {
+            enable("q" + std::to_string(i));
+        }
+    }
+    PackageManager pm;
+    std::vector<PackageInfo> records;
+    pm.enumPackageInfo(records, nullptr, PKG_MASK_ALL);
+    ASSERT_EQ(records.size(), static_cast<size_t>(n));
+    for (int t = 0; t < n; ++t) {
+        const std::string name = "q" + std::to_string(t);
+        Graph graph(records.size());
+        std::map<std::string, unsigned long long> vertex;
+        for (const auto& r : records) {
+            if (r.name == name || PMSCheckEnabledFile(PMSRegistryDir(r.name).c_str())) {
+                vertex[r.name] = graph.addVertex(r.name);
+            }
+        }
+        for (const auto& r : records) {
+            for (const auto& d : r.install_dep_packages) {
+                if (vertex.count(r.name) && vertex.count(d.name)) {
+                    graph.addEdge(vertex[d.name], vertex[r.name]);
+                }
+            }
+        }
+        graph.visit(vertex[name]);
+        std::vector<std::string> walked = graph.getResult();
+        std::vector<PackageInfo> walkedRecords;
+        ASSERT_TRUE(pm.getPackageInfo(walked, walkedRecords, nullptr, PKG_MASK_ALL));
+        Names want;
+        ASSERT_TRUE(pm.topologicalSortPkgs(walkedRecords, want));
+
+        Names got;
+        ASSERT_TRUE(pm.getDependencyOrder(name.c_str(), got, true, false));
+        EXPECT_EQ(got, want) << name;
+    }
+}
+
+TEST_F(Ordering, AncestryOrder) {
+    std::vector<PackageInfo> set{Record("w", "1"), Record("x", "1", "y:q"), Record("y", "1", "z"),
+                                 Record("z", "1"), Record("v", "1", "x")};
+    PackageManager pm;
+    Names out{"stale"};
+    ASSERT_TRUE(pm.getAncestryDependencyOrder("x", set, out));
+    EXPECT_EQ(out, (Names{"x", "y", "z"}));
+    ASSERT_TRUE(pm.getAncestryDependencyOrder("w", set, out));
+    EXPECT_EQ(out, Names{"w"});
+    ASSERT_TRUE(pm.getAncestryDependencyOrder("v", set, out));
+    EXPECT_EQ(out.front(), "v");
+    EXPECT_EQ(out.size(), 4u);
+    EXPECT_FALSE(pm.getAncestryDependencyOrder(nullptr, set, out));
+    std::vector<PackageInfo> empty;
+    EXPECT_TRUE(pm.getAncestryDependencyOrder("x", empty, out));
+    EXPECT_TRUE(out.empty());
+    std::vector<PackageInfo> loop{Record("x", "1", "y"), Record("y", "1", "x")};
+    EXPECT_FALSE(pm.getAncestryDependencyOrder("x", loop, out));
+}
+
+TEST_F(Ordering, ServicePackagesInStartOrder) {
+    addPackage("db", "", kNoScript, "install_dep_services=\"pgsql\"\n");
+    addPackage("app", "db", kNoScript, "start_dep_services=\"pgsql nginx\"\n");
+    addPackage("web", "", kNoScript, "install_dep_services=\"nginx\"\n");
+    addPackage("off", "", kNoScript, "install_dep_services=\"pgsql\"\n");
+    addPackage("none", "db");
+    for (const char* n : {"db", "app", "web", "none"}) {
+        enable(n);
+    }
+    PackageManager pm;
+    std::vector<PackageInfo> out;
+    ASSERT_TRUE(pm.getDepServicePkgs(std::set<std::string>{"pgsql"}, out));
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_EQ(out[0].name, "db");
+    EXPECT_EQ(out[1].name, "app");
+    ASSERT_TRUE(pm.getDepServicePkgs(std::set<std::string>{"nginx"}, out));
+    std::set<std::string> names;
+    for (const auto& r : out) {
+        names.insert(r.name);
+    }
+    EXPECT_EQ(names, (std::set<std::string>{"app", "web"}));
+    ASSERT_TRUE(pm.getDepServicePkgs(std::set<std::string>{"ssh-shell"}, out));
+    EXPECT_TRUE(out.empty());
+    out.push_back(Record("keep", "1"));
+    EXPECT_TRUE(pm.getDepServicePkgs(std::vector<unsigned int>{1, 2}, out));
+    EXPECT_EQ(out.size(), 1u);
+}
+
+TEST_F(Ordering, DependencyStarting) {
+    addPackage("base", "", kRunning);
+    addPackage("up", "base", kRunning);
+    PackageManager pm;
+    EXPECT_FALSE(pm.areDependencyPkgStarting("base"));
+    addPackage("moving", "up", kTransition);
+    EXPECT_TRUE(pm.areDependencyPkgStarting("base"));
+    EXPECT_TRUE(pm.areDependencyPkgStarting("moving"));
+    EXPECT_FALSE(pm.areDependencyPkgStarting("ghost"));
+}
+
+}  // namespace

@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/files.h"
+#include "platform/json.h"
+#include "platform/process.h"
+#include "platform/services.h"
+#include "support/temproot.h"
+
+namespace {
+
+class StatusCli : public TempRootTest {
+protected:
+    int zarnpkg(const std::vector<std::string>& args, std::string& out, std::string& err) {
+        std::vector<std::string> argv{ZARN_BINARY_DIR "/zarnpkg", "--root", root()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        ZARNUtils::ProcessRunner runner(argv);
+        runner.captureOutput();
+        runner.unsetEnv("ZARNPKG_ROOT");
+        int ret = runner.run();
+        out = runner.getStdout();
+        err = runner.getStderr();
+        return ret;
+    }
+    void addPackage(const std::string& name, const std::string& script) {
+        const std::string dir = "/var/packages/" + name;
+        writeFile(dir + "/INFO", "package=\"" + name +
+                                     "\"\nversion=\"4.2\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
+        writeFile("/volume1/@appstore/" + name + "/.keep", "");
+        ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/" + name, dir + "/target"));
+        if (!script.empty()) {
+            writeFile(dir + "/scripts/start-stop-status", script, 0755);
+        }
+    }
+};
+
+TEST_F(StatusCli, StatusOfLaidOutPackages) {
+    addPackage("runner",
+               "#!/bin/sh\ncase \"$1\" in status) exit 0;; log) echo \"log of $ZARNPKG_PKGNAME"
+               " at $ZARNPKG_PKGDEST\";; esac\n");
+    writeFile("/var/packages/runner/enabled", "");
+    ASSERT_TRUE(ZARNJobStateWrite("pkgctl-runner", 1, 1, ZARN_JOB_PHASE_RUNNING));
+    addPackage("sleeper", "#!/bin/sh\nexit 3\n");
+    addPackage("noscript", "");
+
+    std::string out, err;
+    ASSERT_EQ(zarnpkg({"--json", "status", "runner"}, out, err), 0) << err;
+    Json::Value v;
+    ASSERT_TRUE(Json::fromString(v, out)) << out;
+    EXPECT_TRUE(v["success"].asBool());
+    EXPECT_EQ(v["package"].asString(), "runner");
+    EXPECT_EQ(v["status"].asInt(), 0);
+    EXPECT_EQ(v["rough_status"].asInt(), 3);
+
+    ASSERT_EQ(zarnpkg({"--json", "status", "sleeper"}, out, err), 0) << err;
+    ASSERT_TRUE(Json::fromString(v, out)) << out;
+    EXPECT_EQ(v["status"].asInt(), 3);
+    EXPECT_EQ(v["rough_status"].asInt(), 1);
+
+    ASSERT_EQ(zarnpkg({"--json", "status", "noscript"}, out, err), 0) << err;
+    ASSERT_TRUE(Json::fromString(v, out)) << out;
+    EXPECT_EQ(v["status"].asInt(), 4);
+    EXPECT_TRUE(v["rough_status"].isNull());
+
+    ASSERT_EQ(zarnpkg({"--json", "status", "absent"}, out, err), 0) << err;
+    ASSERT_TRUE(Json::fromString(v, out)) << out;
+    EXPECT_EQ(v["status"].asInt(), 0xff);
+    EXPECT_EQ(v["rough_status"].asInt(), 0);
+
+    ASSERT_EQ(zarnpkg({"status", "runner"}, out, err), 0) << err;
+    EXPECT_NE(out.find("runner: running"), std::string::npos) << out;
+    EXPECT_NE(out.find("rough status 3"), std::string::npos) << out;
+    EXPECT_NE(out.find("result 0x0"), std::string::npos) << out;
+    ASSERT_EQ(zarnpkg({"status", "sleeper"}, out, err), 0) << err;
+    EXPECT_NE(out.find("result 0x3"), std::string::npos) << out;
+
+    EXPECT_EQ(zarnpkg({"status"}, out, err), 2);
+    EXPECT_EQ(zarnpkg({"status", "a", "b"}, out, err), 2);
+}
+
+TEST_F(StatusCli, LogOfAPackage) {
+    addPackage("runner",
+               "#!/bin/sh\ncase \"$1\" in log) echo \"log of $ZARNPKG_PKGNAME at "
+               "$ZARNPKG_PKGDEST\";; *) exit 1;; esac\n");
+    addPackage("mute", "#!/bin/sh\nexit 1\n");
+
+    std::string out, err;
+    ASSERT_EQ(zarnpkg({"log", "runner"}, out, err), 0) << err;
+    EXPECT_EQ(out, "log of runner at " + phys("/volume1/@appstore/runner") + "\n");
+
+    ASSERT_EQ(zarnpkg({"--json", "log", "runner"}, out, err), 0) << err;
+    Json::Value v;
+    ASSERT_TRUE(Json::fromString(v, out)) << out;
+    EXPECT_TRUE(v["success"].asBool());
+    EXPECT_EQ(v["log"].asString(), "log of runner at " + phys("/volume1/@appstore/runner"));
+
+    EXPECT_EQ(zarnpkg({"log", "mute"}, out, err), 1);
+    EXPECT_NE(err.find("error: 0x107"), std::string::npos) << err;
+    EXPECT_EQ(zarnpkg({"--json", "log", "absent"}, out, err), 1);
+    ASSERT_TRUE(Json::fromString(v, out)) << out;
+    EXPECT_FALSE(v["success"].asBool());
+    EXPECT_EQ(v["code"].asInt(), 0xff);
+    EXPECT_EQ(zarnpkg({"log"}, out, err), 2);
+}
+
+}  // namespace

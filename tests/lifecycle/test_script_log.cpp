@@ -1,0 +1,139 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "core/packagemanager.h"
+#include "lifecycle/script_env.h"
+#include "lifecycle/script_log.h"
+#include "platform/files.h"
+#include "platform/process.h"
+#include "platform/sysroot.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+class ScriptLog : public TempRootTest {
+protected:
+    void TearDown() override {
+        CleanAllEnv();
+        TempRootTest::TearDown();
+    }
+    PackageInfo record(const std::string& name) {
+        PackageInfo info;
+        info.name = name;
+        info.version = "3.0";
+        return info;
+    }
+    // Runs a script that prints to both streams and leaves a marker that it ran.
+    int runScript(const PackageInfo& info, int exitCode) {
+        const std::string script = "/var/packages/" + info.name + "/scripts/postinst";
+        writeFile(
+            script,
+            "#!/bin/sh\necho \"out of $ZARNPKG_PKGNAME\"\necho \"err of $ZARNPKG_PKGNAME\" >&2\n"
+            ": > \"$ZARNPKG_PKGDEST_VOL/ran-" +
+                info.name + "\"\nexit " + std::to_string(exitCode) + "\n",
+            0755);
+        ZARNUtils::ProcessRunner runner({ZARNPhysicalPath(script)});
+        runner.setArgv0("postinst");
+        PMSPrepareScriptEnv(info, runner, "enu", nullptr, PKG_INSTALLATION_INSTALL, nullptr,
+                            "/volume1", nullptr, nullptr);
+        return PMSRunAndWriteScriptLog(info, PKG_INSTALLATION_INSTALL, runner, PKG_RUN_MODE_SCRIPT);
+    }
+};
+
+TEST_F(ScriptLog, OutputLandsInThePackageLog) {
+    EXPECT_EQ(runScript(record("logme"), 0), 0);
+    const std::string log = readFile("/var/log/packages/logme.log");
+    EXPECT_NE(log.find("\tinstall logme 3.0 Begin " + phys("/var/packages/logme/scripts/postinst") +
+                       "\n"),
+              std::string::npos);
+    EXPECT_NE(log.find("out of logme\n"), std::string::npos);
+    EXPECT_NE(log.find("err of logme\n"), std::string::npos) << "standard error too";
+    EXPECT_NE(log.find("\tinstall logme 3.0 End " + phys("/var/packages/logme/scripts/postinst") +
+                       " ret=[0]\n"),
+              std::string::npos);
+    const std::string common = readFile("/var/log/zarnpkg.log");
+    EXPECT_NE(common.find("install logme 3.0 Begin "), std::string::npos);
+    EXPECT_NE(common.find("install logme 3.0 End "), std::string::npos);
+    EXPECT_EQ(common.find("out of logme"), std::string::npos);
+
+    EXPECT_EQ(runScript(record("logme"), 3), 3);
+    EXPECT_NE(readFile("/var/log/packages/logme.log").find(" ret=[3]\n"), std::string::npos);
+
+    // Plain commands are logged the same way.
+    ZARNUtils::ProcessRunner mkdir({"/bin/mkdir", "-p", phys("/volume1/made")});
+    EXPECT_EQ(PMSRunAndWriteScriptLog(record("logme"), PKG_INSTALLATION_NONE, mkdir,
+                                      PKG_RUN_MODE_COMMAND),
+              0);
+    EXPECT_TRUE(ZARNIsDir("/volume1/made"));
+    EXPECT_NE(readFile("/var/log/packages/logme.log").find("(system) trigger logme 3.0 Begin "),
+              std::string::npos);
+}
+
+TEST_F(ScriptLog, FallbacksNeverStopTheScript) {
+    // The package log is a directory: the output goes to the common log.
+    writeFile("/var/log/packages/dirlog.log/.keep", "");
+    EXPECT_EQ(runScript(record("dirlog"), 0), 0);
+    EXPECT_NE(readFile("/var/log/zarnpkg.log").find("out of dirlog"), std::string::npos);
+    EXPECT_NE(logText().find("try to fallback"), std::string::npos);
+    EXPECT_TRUE(IsFileExists("/volume1/ran-dirlog"));
+
+    // No log at all: the script still runs.
+    ASSERT_TRUE(ZARNRemoveTree("/var/log/zarnpkg.log"));
+    writeFile("/var/log/zarnpkg.log/.keep", "");
+    EXPECT_EQ(runScript(record("dirlog"), 0), 0);
+    EXPECT_NE(logText().find("Failed to open package log for [dirlog]"), std::string::npos);
+    ASSERT_TRUE(ZARNRemoveTree("/volume1/ran-dirlog"));
+    EXPECT_EQ(runScript(record("dirlog"), 0), 0);
+    EXPECT_TRUE(IsFileExists("/volume1/ran-dirlog"));
+}
+
+TEST_F(ScriptLog, StampsAndMessageFiles) {
+    const std::string stamped = ToStringWithCurrentTime("hello");
+    ASSERT_EQ(stamped.size(), std::string("2024/01/02 03:04:05\thello").size());
+    EXPECT_EQ(stamped[4], '/');
+    EXPECT_EQ(stamped.substr(19), "\thello");
+
+    PMSWriteSysLog(nullptr);
+    PMSWriteSysLog("");
+    EXPECT_FALSE(IsFileExists("/var/log/zarnpkg.log"));
+    PMSWriteSysLog("one line");
+    EXPECT_NE(readFile("/var/log/zarnpkg.log").find("\tone line\n"), std::string::npos);
+
+    writeFile("/tmp/blank", "  \n\t \n");
+    EXPECT_EQ(PMSReadPackageLog("/tmp/blank"), "");
+    writeFile("/tmp/msg", "\n  Please restart.\n\n");
+    EXPECT_EQ(PMSReadPackageLog("/tmp/msg"), "Please restart.");
+    EXPECT_EQ(PMSReadPackageLog("/tmp/absent"), "");
+    std::string big(1500, 'a');
+    writeFile("/tmp/big", big + "\n");
+    EXPECT_EQ(PMSReadPackageLog("/tmp/big"), big);
+}
+
+TEST_F(ScriptLog, PackageLogFromTheControlScript) {
+    const std::string dir = "/var/packages/talky";
+    writeFile(dir + "/INFO",
+              "package=\"talky\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
+    writeFile("/volume1/@appstore/talky/.keep", "");
+    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/talky", dir + "/target"));
+    writeFile(dir + "/scripts/start-stop-status",
+              "#!/bin/sh\n[ \"$1\" = log ] || exit 1\nprintf 'line one\\nline two\\n\\n'\n", 0755);
+    PackageManager pm;
+    EXPECT_EQ(pm.getPackageLog("talky"), "line one\nline two\n");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
+
+    writeFile(dir + "/scripts/start-stop-status", "#!/bin/sh\nexit 1\n", 0755);
+    EXPECT_EQ(pm.getPackageLog("talky"), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SYSTEM);
+    EXPECT_NE(logText().find("Failed to query package status, talky"), std::string::npos);
+
+    ASSERT_TRUE(ZARNUnlink(dir + "/scripts/start-stop-status"));
+    EXPECT_EQ(pm.getPackageLog("talky"), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_NO_SCRIPT);
+    EXPECT_EQ(pm.getPackageLog("nobody"), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
+}
+
+}  // namespace

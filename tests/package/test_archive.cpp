@@ -1,0 +1,243 @@
+#include <gtest/gtest.h>
+
+#include "core/packagemanager.h"
+#include "core/paths.h"
+#include "package/archive.h"
+#include "package/pack.h"
+#include "platform/files.h"
+#include "support/qar_builder.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+class ArchiveTest : public TempRootTest {
+protected:
+    // An example package source copied into the root, so that every path stays logical.
+    std::string exampleSource(const std::string& name) {
+        const std::string dst = "/tmp/src/" + name;
+        EXPECT_EQ(0, ZARNFSMkdirP("/tmp/src", 0, 0, -1, -1, 0755));
+        EXPECT_EQ(0, qartest::Run({"/bin/cp", "-a",
+                                   std::string(ZARN_SOURCE_DIR) + "/examples/" + name, phys(dst)}));
+        return dst;
+    }
+};
+
+TEST_F(ArchiveTest, PackedExamplesReadBackAndPassTheFileCheck) {
+    std::vector<ZARNDirEntry> examples;
+    ASSERT_EQ(0, ZARNFSMkdirP("/tmp/out", 0, 0, -1, -1, 0755));
+    {
+        // The examples folder lies outside the root: list it through the machine's view.
+        std::string listing;
+        ASSERT_EQ(0,
+                  qartest::Run({"/bin/ls", std::string(ZARN_SOURCE_DIR) + "/examples"}, &listing));
+        size_t start = 0;
+        while (start < listing.size()) {
+            size_t end = listing.find('\n', start);
+            examples.push_back({listing.substr(start, end - start), ZARNFileType::Directory});
+            start = end + 1;
+        }
+    }
+    ASSERT_FALSE(examples.empty());
+    for (const auto& example : examples) {
+        const std::string src = exampleSource(example.name);
+        const std::string out = "/tmp/out/" + example.name + ".qar";
+        std::string error;
+        ASSERT_TRUE(PMSPackPackage(src, out, error)) << example.name << ": " << error;
+        std::vector<TarMember> members;
+        std::string why;
+        ASSERT_TRUE(PMSQarListVetted(out, members, why)) << why;
+        ASSERT_GE(members.size(), 2u);
+        EXPECT_EQ("INFO", members[0].name);
+        EXPECT_EQ("package.tgz", members[1].name);
+        for (const auto& m : members) {
+            EXPECT_NE(0u, m.name.find(example.name)) << "leading folder in " << m.name;
+        }
+        PackageManager pm;
+        PackageInfo info;
+        ASSERT_TRUE(pm.queryPackageFileInfo(out, info, PKG_INSTALLATION_NONE, "enu"));
+        EXPECT_EQ(example.name, info.name);
+        EXPECT_EQ(32u, info.checksum.size());
+        EXPECT_GT(info.extractsize, 0);
+        EXPECT_TRUE(pm.verifyPackageTgzFile(out, info.checksum.c_str()));
+        std::string displayName;
+        Json::Value message;
+        EXPECT_TRUE(CheckPackageFileInfo("enu", out.c_str(), displayName, message))
+            << example.name << " " << message;
+    }
+}
+
+TEST_F(ArchiveTest, HelloRecordScriptsLicenceAndWizard) {
+    const std::string src = exampleSource("hello");
+    std::string error;
+    ASSERT_TRUE(PMSPackPackage(src, "/tmp/hello.qar", error)) << error;
+    PackageManager pm;
+    PackageInfo info;
+    ASSERT_TRUE(pm.queryPackageFileInfo("/tmp/hello.qar", info, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_EQ(0x7fu, info.script_mask);
+    EXPECT_TRUE(info.license.empty());
+    EXPECT_TRUE(info.wizard.empty());
+
+    PackageInfo full;
+    ASSERT_TRUE(
+        pm.queryPackageFileInfoWithWizard("/tmp/hello.qar", full, PKG_INSTALLATION_NONE, "enu"));
+    std::string licence;
+    ASSERT_TRUE(ZARNFileRead(src + "/LICENSE", licence));
+    EXPECT_EQ(licence, full.license);
+    ASSERT_TRUE(full.wizard.isArray());
+    Json::Value defaults(Json::objectValue);
+    getUIDefaultValues(full.wizard, defaults);
+    EXPECT_EQ("hello", defaults["wizard_greeting"].asString());
+
+    // The payload checksum: a wrong one fails, none at all passes without extraction.
+    EXPECT_FALSE(pm.verifyPackageTgzFile("/tmp/hello.qar", "00000000000000000000000000000000"));
+    EXPECT_FALSE(pm.verifyPackageTgzFile("/tmp/hello.qar", info.checksum.substr(0, 31).c_str()));
+    EXPECT_TRUE(pm.verifyPackageTgzFile("/tmp/hello.qar", nullptr));
+    EXPECT_FALSE(pm.verifyPackageTgzFile("", info.checksum.c_str()));
+    EXPECT_FALSE(pm.queryPackageFileInfo("", info, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_NE(std::string::npos, logText().find("Wrong parameters"));
+}
+
+TEST_F(ArchiveTest, PackRefusesBadInfoAndSaysWhichKey) {
+    writeFile("/tmp/p/package/file", "x");
+    const struct {
+        std::string info;
+        std::string key;
+    } cases[] = {
+        {"version=\"1.0\"\ndescription=\"d\"\nmaintainer=\"m\"\n", "\"package\""},
+        {qartest::BasicInfo("a/b", "1.0"), "\"package\""},
+        {qartest::BasicInfo("ok", ""), "\"version\""},
+        {qartest::BasicInfo("ok", "1.0", {{"maintainer", ""}}), "\"maintainer\""},
+        {qartest::BasicInfo("ok", "1.0", {{"adminport", "99999"}}), "\"adminport\""},
+    };
+    for (const auto& c : cases) {
+        writeFile("/tmp/p/INFO", c.info);
+        std::string error;
+        EXPECT_FALSE(PMSPackPackage("/tmp/p", "/tmp/p.qar", error));
+        EXPECT_NE(std::string::npos, error.find(c.key)) << error;
+        EXPECT_FALSE(ZARNPathExists("/tmp/p.qar"));
+    }
+    writeFile("/tmp/p/INFO", qartest::BasicInfo("ok", "1.0", {{"checksum", "stale"}}));
+    ASSERT_TRUE(ZARNRemoveTree("/tmp/p/package"));
+    std::string error;
+    EXPECT_FALSE(PMSPackPackage("/tmp/p", "/tmp/p.qar", error));
+    EXPECT_NE(std::string::npos, error.find("package")) << error;
+    // An empty payload folder is a valid payload; a stale checksum is replaced.
+    ASSERT_EQ(0, ZARNFSMkdirP("/tmp/p/package", 0, 0, -1, -1, 0755));
+    ASSERT_TRUE(PMSPackPackage("/tmp/p", "/tmp/p.qar", error)) << error;
+    PackageManager pm;
+    PackageInfo info;
+    ASSERT_TRUE(pm.queryPackageFileInfo("/tmp/p.qar", info, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_NE("stale", info.checksum);
+    EXPECT_TRUE(pm.verifyPackageTgzFile("/tmp/p.qar", info.checksum.c_str()));
+}
+
+TEST_F(ArchiveTest, RecordsThatDoNotLoadStillAnswerTrue) {
+    // INFO without "package": true, empty name, script mask 0; no conf or scripts needed.
+    std::string err;
+    ASSERT_TRUE(qartest::TarFromMap(
+        "/tmp/noname.qar", {{"INFO", "version=\"1.0\"\n"}, {"scripts/preinst", "#!/bin/sh\n"}},
+        false, err))
+        << err;
+    PackageManager pm;
+    PackageInfo info;
+    EXPECT_TRUE(pm.queryPackageFileInfo("/tmp/noname.qar", info, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_TRUE(info.name.empty());
+    EXPECT_EQ(0u, info.script_mask);
+    ASSERT_TRUE(qartest::TarFromMap("/tmp/bare.qar", {{"INFO", qartest::BasicInfo("bare", "1")}},
+                                    false, err));
+    EXPECT_TRUE(pm.queryPackageFileInfo("/tmp/bare.qar", info, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_EQ("bare", info.name);
+    EXPECT_EQ(0u, info.script_mask);
+}
+
+TEST_F(ArchiveTest, WizardCandidatesLanguageLinksAndScripts) {
+    const std::string steps =
+        R"([{"items": [{"key": "k", "defaultValue": 7, "sub": [{"key": "n", "defaultValue": "x"}]}]}])";
+    const std::string french = R"([{"items": [{"key": "lang", "defaultValue": "fre"}]}])";
+    std::string err;
+    ASSERT_TRUE(qartest::TarFromMap("/tmp/wiz.qar",
+                                    {{"INFO", qartest::BasicInfo("wiz", "1.0")},
+                                     {"WIZARD_UIFILES/install_uifile", steps},
+                                     {"WIZARD_UIFILES/install_uifile_fre", french}},
+                                    false, err));
+    PackageManager pm;
+    PackageInfo info;
+    ASSERT_TRUE(
+        pm.queryPackageFileInfoWithWizard("/tmp/wiz.qar", info, PKG_INSTALLATION_NONE, "fre"));
+    Json::Value values(Json::objectValue);
+    getUIDefaultValues(info.wizard, values);
+    EXPECT_EQ("fre", values["lang"].asString());
+    PackageInfo plain;
+    ASSERT_TRUE(
+        pm.queryPackageFileInfoWithWizard("/tmp/wiz.qar", plain, PKG_INSTALLATION_NONE, "ger"));
+    values = Json::Value(Json::objectValue);
+    getUIDefaultValues(plain.wizard, values);
+    EXPECT_EQ("7", values["k"].asString());
+    EXPECT_EQ("x", values["n"].asString());
+
+    // A script wizard goes first; it writes its JSON into the message file.
+    const std::string script =
+        "#!/bin/sh\nprintf '%s' '[{\"items\": [{\"key\": \"s\", \"defaultValue\": \"script\"}]}]' "
+        "> \"$ZARNPKG_TEMP_LOGFILE\"\n";
+    ASSERT_TRUE(qartest::TarFromMap("/tmp/wizsh.qar",
+                                    {{"INFO", qartest::BasicInfo("wizsh", "1.0")},
+                                     {"WIZARD_UIFILES/install_uifile.sh", script},
+                                     {"WIZARD_UIFILES/install_uifile", steps}},
+                                    false, err));
+    PackageInfo scripted;
+    ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/wizsh.qar", scripted, PKG_INSTALLATION_NONE,
+                                                  "enu"));
+    values = Json::Value(Json::objectValue);
+    getUIDefaultValues(scripted.wizard, values);
+    EXPECT_EQ("script", values["s"].asString()) << logText();
+
+    // A language file that links to the plain one, as raw tar members.
+    ASSERT_TRUE(ZARNFileWrite(
+        "/tmp/wizlink.qar",
+        qartest::RawTar({{"INFO", qartest::BasicInfo("wizlink", "1.0")},
+                         {"WIZARD_UIFILES/install_uifile_fre", "", '2', "install_uifile"},
+                         {"WIZARD_UIFILES/install_uifile", french}})));
+    PackageInfo linked;
+    ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/wizlink.qar", linked, PKG_INSTALLATION_NONE,
+                                                  "fre"));
+    EXPECT_EQ(Json::Value("fre"), linked.wizard[0]["items"][0]["defaultValue"]);
+}
+
+TEST_F(ArchiveTest, ReadUIFileContentRules) {
+    Json::Value out;
+    writeFile("/tmp/notjson", "{");
+    EXPECT_FALSE(PMReadUIFileContent("/tmp/notjson", out));
+    writeFile("/tmp/object", "{\"a\": 1}");
+    EXPECT_FALSE(PMReadUIFileContent("/tmp/object", out));
+    EXPECT_TRUE(out.isObject());
+    writeFile("/tmp/noitems", "[{\"title\": \"x\"}]");
+    EXPECT_FALSE(PMReadUIFileContent("/tmp/noitems", out));
+    EXPECT_FALSE(out.empty());
+    EXPECT_FALSE(PMReadUIFileContent("/tmp/missing", out));
+    writeFile("/tmp/good", "[{\"items\": []}]");
+    EXPECT_TRUE(PMReadUIFileContent("/tmp/good", out));
+
+    // From the registry of an installed package.
+    writeFile("/var/packages/reg/INFO", qartest::BasicInfo("reg", "1.0"));
+    writeFile("/var/packages/reg/WIZARD_UIFILES/uninstall_uifile",
+              R"([{"items": [{"key": "u", "defaultValue": true}]}])");
+    PackageManager pm;
+    PackageInfo info;
+    info.name = "reg";
+    EXPECT_TRUE(pm.readUIFile(PKG_INSTALLATION_UNINSTALL, "reg", info, "enu"));
+    EXPECT_FALSE(info.wizard.empty());
+    PackageInfo none;
+    EXPECT_FALSE(pm.readUIFile(PKG_INSTALLATION_UPGRADE, "reg", none, "enu"));
+    EXPECT_TRUE(pm.readUIFile(PKG_INSTALLATION_NONE, "reg", none, "enu"));
+    EXPECT_FALSE(pm.readUIFile(std::string("a"), std::string("b"), none, "enu"));
+
+    std::string path;
+    EXPECT_FALSE(PMSGetImageTmpPath("", "b", nullptr, path));
+    ASSERT_TRUE(PMSGetImageTmpPath("vendor", "pkg", "256", path));
+    EXPECT_EQ("/var/cache/pkglist.tmp/icon/vendor/pkg/256", path);
+    EXPECT_TRUE(ZARNIsDir(path));
+}
+
+}  // namespace

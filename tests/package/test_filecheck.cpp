@@ -1,0 +1,303 @@
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "core/packagemanager.h"
+#include "core/paths.h"
+#include "package/archive.h"
+#include "platform/files.h"
+#include "platform/keyfile.h"
+#include "support/qar_builder.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+using Keys = std::vector<std::pair<std::string, std::string>>;
+
+struct CheckResult {
+    bool ok = false;
+    PKG_ERRCODE code = PKG_ERR_SUCCESS;
+    Json::Value detail;
+    Json::Value message;
+    std::string displayName;
+};
+
+const std::map<std::string, std::string> kUpgradeScripts = {
+    {"scripts/start-stop-status", "#!/bin/sh\nexit 0\n"},
+    {"scripts/preupgrade", "#!/bin/sh\nexit 0\n"},
+};
+
+class FileCheckTest : public TempRootTest {
+protected:
+    std::string build(const std::string& name, const std::string& version, const Keys& extra = {},
+                      const std::map<std::string, std::string>& other = kUpgradeScripts,
+                      const std::string& checksum = "") {
+        const std::string file = "/tmp/" + name + "-" + version + ".qar";
+        std::string err;
+        EXPECT_TRUE(qartest::BuildQar(file, qartest::BasicInfo(name, version, extra),
+                                      {{"bin/run", "#!/bin/sh\n"}}, other, err, checksum))
+            << err;
+        return file;
+    }
+
+    CheckResult check(const std::string& file, const char* lang = "enu") {
+        CheckResult r;
+        PackageInfo info;
+        r.detail = Json::Value(Json::objectValue);
+        r.ok = CheckPackageFileInfoImpl(lang, file.c_str(), r.displayName, r.code, r.detail, info);
+        std::string name;
+        bool ok2 = CheckPackageFileInfo(lang, file.c_str(), name, r.message);
+        EXPECT_EQ(r.ok, ok2);
+        EXPECT_EQ(r.displayName, name);
+        return r;
+    }
+
+    // An installed package in the registry.
+    void install(const std::string& name, const std::string& version, const Keys& extra = {}) {
+        writeFile("/var/packages/" + name + "/INFO", qartest::BasicInfo(name, version, extra));
+    }
+
+    static Json::Value Array(std::initializer_list<std::string> items) {
+        Json::Value a(Json::arrayValue);
+        for (const auto& i : items) {
+            a.append(i);
+        }
+        return a;
+    }
+};
+
+TEST_F(FileCheckTest, GoodPackagePassesEveryStep) {
+    const std::string file = build("good", "1.0.0-0001");
+    CheckResult r = check(file);
+    EXPECT_TRUE(r.ok) << logText();
+    EXPECT_EQ(PKG_ERR_SUCCESS, r.code);
+    EXPECT_EQ("good display", r.displayName);
+    EXPECT_TRUE(r.message.isArray());
+    EXPECT_TRUE(r.message.empty());
+}
+
+TEST_F(FileCheckTest, StepOneAndTwoLanguageAndRecord) {
+    const std::string file = build("lang", "1.0");
+    CheckResult r = check(file, nullptr);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_SYSTEM, r.code);
+    EXPECT_EQ(Array({"error:error_error_system"}), r.message);
+
+    ASSERT_TRUE(ZARNFileWrite("/tmp/junk.qar", "junk"));
+    r = check("/tmp/junk.qar");
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_BROKEN, r.code);
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), ""), r.message);
+    EXPECT_TRUE(r.displayName.empty());
+}
+
+TEST_F(FileCheckTest, StepThreeVolumes) {
+    const std::string file = build("vol", "1.0");
+    // No volume at all.
+    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
+    CheckResult r = check(file);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_NO_WORKING_VOLUME, r.code);
+    EXPECT_EQ(Array({"pkgmgr:pkgmgr_space_not_ready"}), r.message);
+    EXPECT_FALSE(r.detail.isMember("required_volume_type"));
+    // Only a volume that isn't generic.
+    ASSERT_EQ(0, ZARNFSMkdirP("/volume1", 0, 0, -1, -1, 0755));
+    writeFile("/etc/zarnhost/volumes.json",
+              R"({"volumes": [{"path": "/volume1", "generic": false}]})");
+    r = check(file);
+    EXPECT_EQ(PKG_ERR_NO_WORKING_VOLUME, r.code);
+    EXPECT_EQ("generic", r.detail["required_volume_type"].asString());
+    EXPECT_EQ(Array({"pkgmgr:pkgmgr_space_not_ready"}), r.message);
+    // A dock host whose only volume is full.
+    writeFile("/etc/zarnhost/volumes.json",
+              R"({"dock_host": true, "volumes": [{"path": "/volume1", "space_cap": 1}]})");
+    r = check(file);
+    EXPECT_EQ(PKG_ERR_NO_SPACE, r.code);
+    EXPECT_EQ(Array({"pkgmgr:error_sys_no_space"}), r.message);
+}
+
+TEST_F(FileCheckTest, StepFourChecksum) {
+    const std::string file =
+        build("sum", "1.0", {}, kUpgradeScripts, "0123456789abcdef0123456789abcdef");
+    CheckResult r = check(file);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_BAD_PACKAGE, r.code);
+    EXPECT_EQ(Array({"pkgmgr:broken_package"}), r.message);
+    EXPECT_EQ("sum display", r.displayName);
+}
+
+TEST_F(FileCheckTest, StepFiveDowngrade) {
+    install("down", "2.0");
+    CheckResult r = check(build("down", "1.0"));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_DOWNGRADE, r.code);
+    EXPECT_EQ("2.0", r.detail["curVersion"].asString());
+    EXPECT_EQ("1.0", r.detail["insVersion"].asString());
+    EXPECT_EQ(Array({"pkgmgr:downgrade_version", "2.0", "1.0"}), r.message);
+    // The same version is no downgrade.
+    r = check(build("down", "2.0"));
+    EXPECT_TRUE(r.ok) << r.code;
+}
+
+TEST_F(FileCheckTest, StepSixLimitList) {
+    writeFile("/etc.defaults/zarnpackageslimit.conf", "lim=[\"0.1\",\"3.0\"]\nsys=\"system\"\n");
+    CheckResult r = check(build("lim", "1.0"));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_VERSION_LIMIT, r.code) << logText();
+    EXPECT_EQ("1.0", r.detail["curVersion"].asString());
+    EXPECT_EQ("3.0", r.detail["insVersion"].asString());
+    EXPECT_EQ(Array({"pkgmgr:pkg_install_version_less_than_limit", "lim display", "1.0", "3.0"}),
+              r.message);
+    r = check(build("sys", "1.0"));
+    EXPECT_EQ(PKG_ERR_LIMIT_UNKNOWN, r.code);
+    EXPECT_EQ(Array({"error:error_error_system"}), r.message);
+}
+
+TEST_F(FileCheckTest, StepSevenOSRange) {
+    CheckResult r = check(build("newos", "1.0", {{"os_min_ver", "99.0-00001"}}));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_OS_TOO_OLD, r.code);
+    ASSERT_EQ(2u, r.message.size());
+    EXPECT_EQ("pkgmgr:pkgmgr_pkg_required_newer_version", r.message[0].asString());
+    EXPECT_EQ(0u, r.message[1].asString().find("99.0-"));
+    r = check(build("oldos", "1.0", {{"os_max_ver", "1.0-00001"}}));
+    EXPECT_EQ(PKG_ERR_OS_TOO_NEW, r.code);
+    ASSERT_EQ(2u, r.message.size());
+    EXPECT_EQ("pkgmgr:pkgmgr_pkg_required_older_version", r.message[0].asString());
+    EXPECT_EQ(0u, r.message[1].asString().find("1.0-"));
+}
+
+TEST_F(FileCheckTest, StepEightPlatform) {
+    CheckResult r = check(build("arch", "1.0", {{"arch", "nosucharch"}}));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_PLATFORM, r.code);
+    std::string product;
+    ASSERT_EQ(1, VLIBCFileGetKeyValue("/etc.defaults/zarninfo.conf", "product", product));
+    EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_not_support_platform", product}), r.message);
+}
+
+TEST_F(FileCheckTest, StepNinePortConflict) {
+    writeFile("/usr/local/etc/services.d/other.sc",
+              "[other]\ntitle=\"Other\"\ndst.ports=\"18123,18200:18210/tcp\"\n");
+    CheckResult r =
+        check(build("port", "1.0", {{"adminport", "18205"}, {"adminprotocol", "http"}}));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_PORT_CONFLICT, r.code);
+    EXPECT_EQ("18205", r.detail.asString());
+    EXPECT_EQ(Array({"pkgmgr:port_conflict", "18205"}), r.message);
+    // Its own port file is no conflict; neither is the system's HTTP port, nor "checkport" no.
+    writeFile("/usr/local/etc/services.d/mine.sc", "[mine]\ndst.ports=\"18300/tcp\"\n");
+    EXPECT_TRUE(check(build("mine", "1.0", {{"adminport", "18300"}})).ok);
+    EXPECT_TRUE(check(build("web", "1.0", {{"adminport", "5000"}})).ok);
+    EXPECT_TRUE(check(build("nocheck", "1.0", {{"adminport", "18205"}, {"checkport", "no"}})).ok);
+    // A port that something listens on.
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    ASSERT_EQ(0, listen(fd, 1));
+    socklen_t len = sizeof(addr);
+    ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len));
+    const std::string busy = std::to_string(ntohs(addr.sin_port));
+    r = check(build("busy", "1.0", {{"adminport", busy}}));
+    close(fd);
+    EXPECT_EQ(PKG_ERR_PORT_CONFLICT, r.code);
+    EXPECT_EQ(Array({"pkgmgr:port_conflict", busy}), r.message);
+}
+
+TEST_F(FileCheckTest, StepTenConflictingPackages) {
+    install("rival", "1.0");
+    CheckResult r = check(build("conx", "1.0", {{"install_conflict_packages", "rival"}}));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_CONFLICT, r.code);
+    ASSERT_EQ(2u, r.message.size());
+    EXPECT_EQ("pkgmgr:conflict_packages", r.message[0].asString());
+    EXPECT_NE(std::string::npos, r.message[1].asString().find("rival")) << r.message;
+}
+
+TEST_F(FileCheckTest, StepElevenServices) {
+    writeFile("/etc/zarnhost/services.json",
+              R"({"services": [{"name": "ssh-shell", "display_name": "SSH", "enabled": false},
+                               {"name": "nfsd", "display_name": "NFS Service", "enabled": false}]})");
+    // Without the UI's strings the check fails without a code.
+    CheckResult r = check(build("svc", "1.0", {{"install_dep_services", "nfsd"}}));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_SUCCESS, r.code);
+    writeFile("/usr/zarn/zarnman/webman/texts/enu/strings", "[common]\n");
+    r = check(build("svc", "1.0", {{"install_dep_services", "nfsd"}}));
+    EXPECT_EQ(PKG_ERR_SERVICE_NOT_STARTED, r.code);
+    EXPECT_EQ(Array({"NFS Service"}), r.detail["serviceNoStarted"]);
+    EXPECT_EQ(Array({"pkgmgr:require_service", "NFS Service"}), r.message);
+}
+
+TEST_F(FileCheckTest, StepTwelveDependencies) {
+    CheckResult r = check(build("needy", "1.0", {{"install_dep_packages", "absent"}}));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_DEPENDENCY, r.code);
+    ASSERT_GE(r.message.size(), 2u);
+    // The missing packages fill both members, so the message names them twice.
+    EXPECT_TRUE(r.detail["packages"].isMember("absent"));
+    EXPECT_EQ("pkgmgr:depend_uninst_unstart", r.message[0].asString());
+    EXPECT_NE(std::string::npos, r.message[1].asString().find("absent")) << r.message;
+}
+
+TEST_F(FileCheckTest, StepThirteenUpgradeScripts) {
+    install("noup", "1.0");
+    CheckResult r = check(build("noup", "1.1", {}, {{"scripts/start-stop-status", "#!/bin/sh\n"}}));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_UPGRADE, r.code);
+    EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_cannot_upgrade"}), r.message);
+    // With a postupgrade script it may go on; a fresh install needs none.
+    EXPECT_TRUE(check(build("noup", "1.2", {}, {{"scripts/postupgrade", "#!/bin/sh\n"}})).ok);
+    EXPECT_TRUE(check(build("fresh", "1.0", {}, {})).ok);
+}
+
+TEST_F(FileCheckTest, StepFourteenSignature) {
+    // Level 0 asks the signature tool, which this host lacks: the tool's failure is a system
+    // error for the file check.
+    ASSERT_TRUE(VLIBCFileSetKeyValue("/etc/zarninfo.conf", "pkg_source_trust_level", "0"));
+    CheckResult r = check(build("signed", "1.0"));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_SYSTEM, r.code);
+    EXPECT_EQ(Array({"error:error_error_system"}), r.message);
+    ASSERT_TRUE(VLIBCFileSetKeyValue("/etc/zarninfo.conf", "pkg_source_trust_level", "2"));
+    EXPECT_TRUE(check(build("signed", "1.0")).ok);
+}
+
+TEST_F(FileCheckTest, InstallChecksOfTheRecord) {
+    PackageManager pm;
+    PackageInfo info;
+    ASSERT_TRUE(pm.queryPackageFileInfo(build("rec", "1.0", {{"os_min_ver", "99.0-00001"}}), info,
+                                        PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_FALSE(pm.checkPkgInfoCanInstallEx(info, "enu"));
+    EXPECT_EQ(PKG_ERR_OS_TOO_OLD, pm.getResult());
+    Json::Value data;
+    EXPECT_FALSE(pm.checkPkgInfoCanInstall(info, "enu"));
+    EXPECT_EQ(PKG_ERR_OS_RANGE, pm.getResult(data));
+    EXPECT_EQ(0u, data.asString().find("99.0-"));
+
+    install("rec", "2.0");
+    PackageManager pm2;
+    PackageInfo older;
+    ASSERT_TRUE(pm2.queryPackageFileInfo(build("rec", "1.5"), older, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_EQ(2, pm2.compareWithInstallPkgInfo(older));
+    EXPECT_FALSE(pm2.checkPkgInfoCanInstallEx(older, "enu"));
+    EXPECT_EQ(PKG_ERR_DOWNGRADE, pm2.getResult());
+    older.version = "2.0";
+    EXPECT_EQ(0, pm2.compareWithInstallPkgInfo(older));
+    older.version = "3.0";
+    EXPECT_EQ(1, pm2.compareWithInstallPkgInfo(older));
+    older.name = "notthere";
+    PackageManager pm3;
+    EXPECT_EQ(-1, pm3.compareWithInstallPkgInfo(older));
+    EXPECT_EQ(PKG_ERR_NOT_INSTALLED, pm3.getResult());
+}
+
+}  // namespace

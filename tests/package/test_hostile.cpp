@@ -1,0 +1,242 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "core/packagemanager.h"
+#include "core/paths.h"
+#include "package/archive.h"
+#include "platform/files.h"
+#include "platform/process.h"
+#include "platform/sysroot.h"
+#include "support/qar_builder.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool;
+using qartest::RawMember;
+
+namespace {
+
+class HostileQarTest : public TempRootTest {
+protected:
+    void SetUp() override {
+        TempRootTest::SetUp();
+        // The volume's temp place is made once and stays, as on a real host; what must not
+        // stay is anything inside it.
+        ZARNRemoveTree(PMSMakeTmpDir("warmup"));
+    }
+
+    // Paths under the root and beside it, minus the log mirror, which grows on its own.
+    std::vector<std::string> state() const {
+        std::vector<std::string> paths = qartest::Snapshot(root());
+        paths.erase(std::remove(paths.begin(), paths.end(), logPath()), paths.end());
+        return paths;
+    }
+
+    std::string info() const { return qartest::BasicInfo("evil", "1.0"); }
+
+    void writeRaw(const std::string& logical, const std::vector<RawMember>& members,
+                  bool terminate = true) {
+        ASSERT_TRUE(ZARNFileWrite(logical, qartest::RawTar(members, terminate)));
+    }
+
+    // Every reader refuses the archive and leaves the root as it found it.
+    void expectRefused(const std::string& file, const std::string& marker) {
+        const std::vector<std::string> before = state();
+        PackageManager pm;
+        PackageInfo info;
+        EXPECT_FALSE(pm.queryPackageFileInfo(file, info, PKG_INSTALLATION_NONE, "enu")) << file;
+        PackageInfo wizardInfo;
+        EXPECT_FALSE(
+            pm.queryPackageFileInfoWithWizard(file, wizardInfo, PKG_INSTALLATION_NONE, "enu"));
+        EXPECT_FALSE(pm.verifyPackageTgzFile(file, "00000000000000000000000000000000"));
+        std::string displayName;
+        Json::Value message;
+        EXPECT_FALSE(CheckPackageFileInfo("enu", file.c_str(), displayName, message));
+        ASSERT_TRUE(message.isArray());
+        ASSERT_FALSE(message.empty());
+        EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), displayName)[0], message[0]);
+        EXPECT_EQ(before, state()) << "something was left behind or removed for " << file;
+        EXPECT_FALSE(ZARNPathExists("/" + marker));
+        EXPECT_FALSE(ZARNPathExists("/volume1/" + marker));
+        EXPECT_FALSE(ZARNPathExists("/volume1/@tmp/" + marker));
+        EXPECT_NE(std::string::npos, logText().find("Refused archive")) << file;
+    }
+};
+
+TEST_F(HostileQarTest, MemberNamesThatLeaveTheFolderAreRefused) {
+    const std::string marker = "zarn-escape-marker";
+    writeRaw("/tmp/dotdot.qar", {{"INFO", info()}, {"../" + marker, "x"}});
+    expectRefused("/tmp/dotdot.qar", marker);
+    writeRaw("/tmp/absolute.qar", {{"INFO", info()}, {"/etc/" + marker, "x"}});
+    expectRefused("/tmp/absolute.qar", marker);
+    writeRaw("/tmp/inner.qar", {{"INFO", info()}, {"scripts/../../" + marker, "x"}});
+    expectRefused("/tmp/inner.qar", marker);
+    writeRaw("/tmp/conf.qar", {{"INFO", info()}, {"conf/../../../" + marker, "x"}});
+    expectRefused("/tmp/conf.qar", marker);
+}
+
+TEST_F(HostileQarTest, GnuTarOwnDefenceStripsAndSkipsButOursRefusesFirst) {
+    // The machine's tar alone: it drops the leading "/" and skips ".." members, so even a run
+    // without our checks keeps them in its folder. Our reader refuses before tar runs at all.
+    writeRaw("/tmp/both.qar", {{"INFO", info()}, {"../escaped", "x"}, {"/abs-escaped", "y"}});
+    ASSERT_EQ(0, ZARNFSMkdirP("/tmp/sandbox/inner", 0, 0, -1, -1, 0755));
+    std::string out;
+    qartest::Run({"/bin/tar", "xf", phys("/tmp/both.qar"), "-C", phys("/tmp/sandbox/inner")}, &out);
+    EXPECT_FALSE(ZARNPathExists("/tmp/sandbox/escaped"));
+    EXPECT_TRUE(ZARNPathExists("/tmp/sandbox/inner/abs-escaped"));
+    EXPECT_NE(std::string::npos, out.find("..")) << out;
+    std::vector<TarMember> members;
+    std::string why;
+    EXPECT_FALSE(PMSQarListVetted("/tmp/both.qar", members, why));
+    EXPECT_NE(std::string::npos, why.find("..")) << why;
+}
+
+TEST_F(HostileQarTest, LinksThatLeadOutAreRefused) {
+    const std::string marker = "zarn-link-marker";
+    // A link inside the archive, and a file written through it.
+    writeRaw("/tmp/through.qar",
+             {{"INFO", info()}, {"conf", "", '2', "sub"}, {"conf/" + marker, "x"}});
+    expectRefused("/tmp/through.qar", marker);
+    writeRaw("/tmp/abslink.qar",
+             {{"INFO", info()}, {"conf", "", '2', "/etc"}, {"conf/" + marker, "x"}});
+    expectRefused("/tmp/abslink.qar", marker);
+    writeRaw("/tmp/uplink.qar",
+             {{"INFO", info()}, {"scripts/preinst", "", '2', "../../../bin/sh"}});
+    expectRefused("/tmp/uplink.qar", marker);
+    // Hard links to files outside the archive, by absolute and by relative name, and to a name
+    // that the archive doesn't hold.
+    writeRaw("/tmp/hard.qar", {{"INFO", info()}, {"conf/passwd", "", '1', "/etc/passwd"}});
+    expectRefused("/tmp/hard.qar", marker);
+    writeRaw("/tmp/hard2.qar", {{"INFO", info()}, {"conf/x", "", '1', "../outside"}});
+    expectRefused("/tmp/hard2.qar", marker);
+    writeRaw("/tmp/hard3.qar", {{"INFO", info()}, {"conf/x", "", '1', "etc/passwd"}});
+    expectRefused("/tmp/hard3.qar", marker);
+    // A link that stays inside is fine.
+    writeRaw("/tmp/fine.qar", {{"INFO", info()},
+                               {"conf/a", "text"},
+                               {"conf/b", "", '1', "conf/a"},
+                               {"conf/c", "", '2', "a"}});
+    PackageManager pm;
+    PackageInfo record;
+    EXPECT_TRUE(pm.queryPackageFileInfo("/tmp/fine.qar", record, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_EQ("evil", record.name);
+}
+
+TEST_F(HostileQarTest, DevicesAndFifosAreRefused) {
+    const std::string marker = "zarn-dev-marker";
+    writeRaw("/tmp/chr.qar", {{"INFO", info()}, {"conf/null", "", '3', "", 0600, -1, 1, 3}});
+    expectRefused("/tmp/chr.qar", marker);
+    writeRaw("/tmp/blk.qar", {{"INFO", info()}, {"conf/disk", "", '4', "", 0600, -1, 8, 0}});
+    expectRefused("/tmp/blk.qar", marker);
+    writeRaw("/tmp/fifo.qar", {{"INFO", info()}, {"scripts/preinst", "", '6'}});
+    expectRefused("/tmp/fifo.qar", marker);
+}
+
+TEST_F(HostileQarTest, HugeInfoIsRefusedWithoutReadingIt) {
+    // A header that declares 100 MB of INFO over a sparse file: nothing of it is read.
+    RawMember big{"INFO", ""};
+    big.size = 100LL * 1024 * 1024;
+    ASSERT_TRUE(ZARNFileWrite("/tmp/bigtinfo.qar", qartest::TarHeader(big)));
+    ASSERT_EQ(0, qartest::Run({"/usr/bin/truncate", "-s", std::to_string(512 + big.size + 1024),
+                               phys("/tmp/bigtinfo.qar")}));
+    const std::vector<std::string> before = state();
+    PackageManager pm;
+    PackageInfo record;
+    EXPECT_FALSE(
+        pm.queryPackageFileInfo("/tmp/bigtinfo.qar", record, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_TRUE(record.name.empty());
+    EXPECT_EQ(before, state());
+    EXPECT_NE(std::string::npos, logText().find("larger than allowed"));
+}
+
+TEST_F(HostileQarTest, TruncatedAndNonTarFilesAreRefused) {
+    // Data that doesn't compress, so that package.tgz is large and the cut falls inside it.
+    std::string noise(200000, '\0');
+    unsigned int seed = 12345;
+    for (auto& c : noise) {
+        seed = seed * 1103515245u + 12345u;
+        c = static_cast<char>(seed >> 16);
+    }
+    std::string err;
+    ASSERT_TRUE(qartest::BuildQar("/tmp/good.qar", qartest::BasicInfo("cut", "1.0"),
+                                  {{"data.bin", noise}}, {}, err))
+        << err;
+    std::string whole;
+    ASSERT_TRUE(ZARNFileRead("/tmp/good.qar", whole));
+    std::vector<TarMember> listed;
+    std::string reason;
+    ASSERT_EQ(TarScanStatus::Ok, PMSTarScan("/tmp/good.qar", listed, reason)) << reason;
+    const TarMember* tgz = PMSTarFindMember(listed, "package.tgz");
+    ASSERT_NE(nullptr, tgz);
+    ASSERT_TRUE(ZARNFileWrite("/tmp/cut.qar", whole.substr(0, tgz->dataOffset + tgz->size / 2)));
+    ASSERT_TRUE(ZARNFileWrite("/tmp/nottar.qar", "this is no archive at all\n"));
+    ASSERT_TRUE(ZARNFileWrite("/tmp/header-only.qar", whole.substr(0, 300)));
+    for (const std::string file : {"/tmp/cut.qar", "/tmp/nottar.qar", "/tmp/header-only.qar"}) {
+        const std::vector<std::string> before = state();
+        PackageManager pm;
+        PackageInfo record;
+        EXPECT_FALSE(pm.queryPackageFileInfo(file, record, PKG_INSTALLATION_NONE, "enu")) << file;
+        EXPECT_FALSE(pm.verifyPackageTgzFile(file, "abc")) << file;
+        std::string displayName;
+        Json::Value message;
+        EXPECT_FALSE(CheckPackageFileInfo("enu", file.c_str(), displayName, message));
+        EXPECT_EQ(before, state()) << file;
+    }
+    std::vector<TarMember> members;
+    std::string why;
+    EXPECT_EQ(TarScanStatus::Truncated, PMSTarScan("/tmp/cut.qar", members, why));
+    EXPECT_EQ(TarScanStatus::NotTar, PMSTarScan("/tmp/nottar.qar", members, why));
+}
+
+TEST_F(HostileQarTest, DecompressionBombIsNeverUnpackedAndIsCaughtByThePayloadCheck) {
+    // A payload that unpacks to a thousand times its size: 64 MiB of zeros in one member.
+    const unsigned long long inner = 64ULL * 1024 * 1024;
+    RawMember bomb{"package/zeros", ""};
+    bomb.size = static_cast<long long>(inner);
+    std::string tarStream = qartest::TarHeader(bomb);
+    tarStream.append(inner + 1024, '\0');
+    ZARNUtils::ProcessRunner gz({"/bin/gzip", "-9", "-c"});
+    gz.captureOutput().setInput(tarStream);
+    ASSERT_EQ(0, gz.run());
+    const std::string tgz = gz.getStdout();
+    tarStream.clear();
+    ASSERT_LT(tgz.size() * 1000, inner);
+    ASSERT_TRUE(ZARNFileWrite("/tmp/bomb.tgz", tgz));
+    const std::string md5 = qartest::Md5("/tmp/bomb.tgz");
+    writeRaw("/tmp/bomb.qar", {{"INFO", qartest::BasicInfo("bomb", "1.0", {{"checksum", md5}})},
+                               {"package.tgz", tgz}});
+
+    const std::vector<std::string> before = state();
+    PackageManager pm;
+    PackageInfo record;
+    EXPECT_TRUE(pm.queryPackageFileInfo("/tmp/bomb.qar", record, PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_EQ("bomb", record.name);
+    // The checksum test takes package.tgz out but never unpacks it.
+    EXPECT_TRUE(pm.verifyPackageTgzFile("/tmp/bomb.qar", md5.c_str()));
+    EXPECT_EQ(before, state());
+
+    unsigned long long total = 0;
+    std::string why;
+    EXPECT_FALSE(PMSPayloadVet("/tmp/bomb.tgz", 1024 * 1024, total, why));
+    EXPECT_NE(std::string::npos, why.find("more than")) << why;
+    EXPECT_GT(total, 1024ULL * 1024);
+    EXPECT_EQ(before, state());
+    EXPECT_TRUE(PMSPayloadVet("/tmp/bomb.tgz", inner, total, why)) << why;
+    EXPECT_EQ(inner, total);
+}
+
+TEST_F(HostileQarTest, PayloadWithBadNamesIsRefusedByThePayloadCheck) {
+    const std::string tar = qartest::RawTar({{"../../etc/evil", "x"}});
+    ZARNUtils::ProcessRunner gz({"/bin/gzip", "-c"});
+    gz.captureOutput().setInput(tar);
+    ASSERT_EQ(0, gz.run());
+    ASSERT_TRUE(ZARNFileWrite("/tmp/evil.tgz", gz.getStdout()));
+    unsigned long long total = 0;
+    std::string why;
+    EXPECT_FALSE(PMSPayloadVet("/tmp/evil.tgz", 1ULL << 40, total, why));
+    EXPECT_NE(std::string::npos, why.find("..")) << why;
+    ASSERT_TRUE(ZARNFileWrite("/tmp/plain.tgz", "not gzip"));
+    EXPECT_FALSE(PMSPayloadVet("/tmp/plain.tgz", 1ULL << 40, total, why));
+}
+
+}  // namespace

@@ -1,0 +1,183 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+#include <sstream>
+
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/process.h"
+#include "support/temproot.h"
+
+using ZARNUtils::ProcessRunner;
+
+namespace {
+
+const char* const kPerl = "/usr/bin/perl";
+
+std::set<std::string> Lines(const std::string& text) {
+    std::set<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.insert(line);
+    }
+    return lines;
+}
+
+}  // namespace
+
+class ProcessTest : public TempRootTest {};
+
+TEST_F(ProcessTest, ExitStatus) {
+    EXPECT_EQ(ProcessRunner({"/bin/true"}).run(), 0);
+    EXPECT_EQ(ProcessRunner({"/bin/false"}).run(), 1);
+    EXPECT_EQ(ProcessRunner({kPerl, "-e", "exit 7"}).run(), 7);
+    // A program that fails to start is not confused with one that exits 127.
+    EXPECT_EQ(ProcessRunner({kPerl, "-e", "exit 127"}).run(), 127);
+
+    EXPECT_EQ(ProcessRunner({"/nonexistent/program"}).run(), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_EXEC);
+    EXPECT_NE(logText().find("/nonexistent/program"), std::string::npos);
+    EXPECT_EQ(ProcessRunner({phys("/etc/zarninfo.conf")}).run(), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(ProcessRunner(std::vector<std::string>{}).run(), -1);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+
+    // Killed by a signal.
+    EXPECT_EQ(ProcessRunner({kPerl, "-e", "kill 'KILL', $$"}).run(), -1);
+
+    ProcessRunner noDir({"/bin/true"});
+    noDir.setWorkingDirectory(phys("/no/such/dir"));
+    EXPECT_EQ(noDir.run(), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(ProcessTest, Environment) {
+    ProcessRunner added({"/usr/bin/env"});
+    added.setEnv("ZARN_TEST_VAR", "hello world")
+        .setEnv("ZARN_TEST_VAR", "replaced")
+        .captureOutput();
+    ASSERT_EQ(added.run(), 0);
+    auto lines = Lines(added.getStdout());
+    EXPECT_EQ(lines.count("ZARN_TEST_VAR=replaced"), 1u);
+    EXPECT_EQ(lines.count("ZARN_TEST_VAR=hello world"), 0u);
+    // The caller's environment is inherited by default.
+    EXPECT_EQ(lines.count("ZARNPKG_ROOT=" + root()), 1u);
+
+    ProcessRunner removed({"/usr/bin/env"});
+    removed.unsetEnv("ZARNPKG_ROOT").captureOutput();
+    ASSERT_EQ(removed.run(), 0);
+    EXPECT_EQ(removed.getStdout().find("ZARNPKG_ROOT="), std::string::npos);
+    EXPECT_FALSE(removed.getStdout().empty());
+
+    ProcessRunner cleared({"/usr/bin/env"});
+    cleared.clearEnv().setEnv("ONLY", "1").captureOutput();
+    ASSERT_EQ(cleared.run(), 0);
+    EXPECT_EQ(cleared.getStdout(), "ONLY=1\n");
+    EXPECT_EQ(cleared.getStderr(), "");
+}
+
+TEST_F(ProcessTest, InputAndWorkingDirectory) {
+    ProcessRunner cat({"/bin/cat"});
+    cat.setInput("line one\nline two\n").captureOutput();
+    ASSERT_EQ(cat.run(), 0);
+    EXPECT_EQ(cat.getStdout(), "line one\nline two\n");
+
+    // Input and output both larger than a pipe, in flight at once.
+    std::string big;
+    for (int i = 0; i < 200000; ++i) {
+        big += std::to_string(i) + "\n";
+    }
+    ProcessRunner bigCat({"/bin/cat"});
+    bigCat.setInput(big).captureOutput();
+    ASSERT_EQ(bigCat.run(), 0);
+    EXPECT_TRUE(bigCat.getStdout() == big);
+
+    // A child that never reads its input must not take the caller down with SIGPIPE.
+    ProcessRunner deaf({"/bin/true"});
+    deaf.setInput(std::string(4 << 20, 'x'));
+    EXPECT_EQ(deaf.run(), 0);
+
+    ProcessRunner empty({"/bin/cat"});
+    empty.captureOutput();
+    ASSERT_EQ(empty.run(), 0);
+    EXPECT_EQ(empty.getStdout(), "");
+
+    ProcessRunner pwd({"/bin/pwd"});
+    pwd.setWorkingDirectory(phys("/var/packages")).captureOutput();
+    ASSERT_EQ(pwd.run(), 0);
+    EXPECT_EQ(pwd.getStdout(), phys("/var/packages") + "\n");
+}
+
+TEST_F(ProcessTest, LargeOutputOnBothStreams) {
+    ProcessRunner head({"/usr/bin/head", "-c", "20000000", "/dev/zero"});
+    head.captureOutput();
+    ASSERT_EQ(head.run(), 0);
+    EXPECT_EQ(head.getStdout().size(), 20000000u);
+
+    // Interleaved writes: a reader that drained one stream first would deadlock here.
+    ProcessRunner both({kPerl, "-e",
+                        "for (1..2000) { syswrite(STDOUT, 'o' x 10000); "
+                        "syswrite(STDERR, 'e' x 10000); }"});
+    both.captureOutput();
+    ASSERT_EQ(both.run(), 0);
+    EXPECT_EQ(both.getStdout().size(), 20000000u);
+    EXPECT_EQ(both.getStderr().size(), 20000000u);
+    EXPECT_EQ(both.getStdout().find_first_not_of('o'), std::string::npos);
+    EXPECT_EQ(both.getStderr().find_first_not_of('e'), std::string::npos);
+}
+
+TEST_F(ProcessTest, OutputToDescriptor) {
+    int fd = ZARNOpen("/var/log/packages/demo.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
+    ASSERT_GE(fd, 0);
+    ProcessRunner runner(
+        {kPerl, "-e", "$| = 1; print STDOUT \"out\\n\"; print STDERR \"err\\n\";"});
+    runner.setOutputFd(fd);
+    EXPECT_EQ(runner.run(), 0);
+    close(fd);
+    EXPECT_EQ(readFile("/var/log/packages/demo.log"), "out\nerr\n");
+    EXPECT_EQ(runner.getStdout(), "");
+
+    ProcessRunner bad({"/bin/true"});
+    bad.setOutputFd(987);
+    EXPECT_EQ(bad.run(), -1);
+}
+
+TEST_F(ProcessTest, DescriptorsDoNotLeak) {
+    // A descriptor opened without close-on-exec, as a careless caller would.
+    int raw = ::open("/dev/null", O_RDONLY);
+    ASSERT_GE(raw, 0);
+    int leaky = fcntl(raw, F_DUPFD, 100);
+    close(raw);
+    ASSERT_GE(leaky, 100);
+
+    ProcessRunner ls({"/bin/ls", "/proc/self/fd"});
+    ls.captureOutput();
+    ASSERT_EQ(ls.run(), 0);
+    // 0, 1, 2 and the folder that ls itself opened to list.
+    EXPECT_EQ(Lines(ls.getStdout()), (std::set<std::string>{"0", "1", "2", "3"}));
+
+    ProcessRunner passed({"/bin/ls", "/proc/self/fd"});
+    passed.passFd(leaky).captureOutput();
+    ASSERT_EQ(passed.run(), 0);
+    EXPECT_EQ(Lines(passed.getStdout()),
+              (std::set<std::string>{"0", "1", "2", "3", std::to_string(leaky)}));
+    close(leaky);
+}
+
+TEST_F(ProcessTest, IdentityAsRoot) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "switching identity needs root";
+    }
+    ProcessRunner id({"/usr/bin/id"});
+    id.setIdentity(65534, 65534, {65534, 4242}).captureOutput();
+    ASSERT_EQ(id.run(), 0);
+    EXPECT_NE(id.getStdout().find("uid=65534"), std::string::npos) << id.getStdout();
+    EXPECT_NE(id.getStdout().find("gid=65534"), std::string::npos) << id.getStdout();
+    EXPECT_NE(id.getStdout().find("4242"), std::string::npos) << id.getStdout();
+}

@@ -1,0 +1,265 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/host_init.h"
+#include "platform/json.h"
+#include "platform/volumes.h"
+#include "support/temproot.h"
+
+namespace {
+
+constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
+constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
+
+std::vector<int> Ids(const std::vector<ZARNMountVolInfo>& volumes) {
+    std::vector<int> ids;
+    for (const auto& volume : volumes) {
+        ids.push_back(volume.id);
+    }
+    return ids;
+}
+
+}  // namespace
+
+class VolumesTest : public TempRootTest {
+protected:
+    void makeVolume(const std::string& path) {
+        ASSERT_EQ(ZARNFSMkdirP(path, 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    }
+    void writeConf(const std::string& json) { writeFile(ZARN_VOLUMES_CONF, json); }
+};
+
+TEST_F(VolumesTest, HostInitMakesOneGenericVolume) {
+    EXPECT_TRUE(ZARNIsDir("/volume1"));
+    Json::Value conf;
+    ASSERT_TRUE(Json::fromFile(conf, ZARN_VOLUMES_CONF));
+    ASSERT_TRUE(conf["volumes"].isArray());
+    ASSERT_EQ(conf["volumes"].size(), 1u);
+    EXPECT_EQ(conf["volumes"][0]["path"].asString(), "/volume1");
+    EXPECT_TRUE(conf["volumes"][0]["writable"].asBool());
+    EXPECT_TRUE(conf["volumes"][0]["generic"].asBool());
+    EXPECT_FALSE(conf["dock_host"].asBool());
+
+    // More volumes are added beside the entries already there, which keep what they say.
+    conf["volumes"][0]["writable"] = false;
+    ASSERT_TRUE(Json::toFile(conf, ZARN_VOLUMES_CONF));
+    std::string error;
+    ASSERT_TRUE(ZARNHostVolumesInit(3, error)) << error;
+    EXPECT_TRUE(ZARNIsDir("/volume2"));
+    EXPECT_TRUE(ZARNIsDir("/volume3"));
+    ASSERT_TRUE(Json::fromFile(conf, ZARN_VOLUMES_CONF));
+    ASSERT_EQ(conf["volumes"].size(), 3u);
+    EXPECT_FALSE(conf["volumes"][0]["writable"].asBool());
+    EXPECT_EQ(conf["volumes"][2]["path"].asString(), "/volume3");
+
+    // Running host-init again keeps the file as it is.
+    const std::string before = readFile(ZARN_VOLUMES_CONF);
+    ASSERT_TRUE(ZARNHostInit(error)) << error;
+    EXPECT_EQ(readFile(ZARN_VOLUMES_CONF), before);
+    EXPECT_FALSE(ZARNHostVolumesInit(0, error));
+}
+
+TEST_F(VolumesTest, EnumerationFollowsFoldersAndConf) {
+    makeVolume("/volume2");
+    makeVolume("/volume10");
+    makeVolume("/volume0");
+    makeVolume("/volumeX");
+    makeVolume("/volume02");
+    writeFile("/volume3", "not a folder");
+    writeConf(R"({"volumes": [{"path": "/volume2", "generic": false},
+                              {"path": "/volume10", "created": false}]})");
+
+    std::vector<ZARNMountVolInfo> all;
+    EXPECT_EQ(ZARNMountVolAllEnum(0, ZARN_VOL_KIND_INTERNAL | ZARN_VOL_KIND_EXTERNAL,
+                                  ZARN_VOL_ENUM_ALL, all),
+              3);
+    EXPECT_EQ(Ids(all), (std::vector<int>{1, 2, 10}));
+    EXPECT_EQ(all[0].path, "/volume1");
+    EXPECT_FALSE(all[1].generic);
+    EXPECT_FALSE(all[2].created);
+
+    std::vector<ZARNMountVolInfo> generic;
+    EXPECT_EQ(ZARNMountVolAllEnum(0, 3, 0, generic), 1);
+    EXPECT_EQ(Ids(generic), (std::vector<int>{1}));
+
+    std::vector<ZARNMountVolInfo> external;
+    EXPECT_EQ(ZARNMountVolAllEnum(0, ZARN_VOL_KIND_EXTERNAL, ZARN_VOL_ENUM_ALL, external), 0);
+
+    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
+    ASSERT_TRUE(ZARNRemoveTree("/volume2"));
+    ASSERT_TRUE(ZARNRemoveTree("/volume10"));
+    EXPECT_EQ(ZARNMountVolAllEnum(0, 3, ZARN_VOL_ENUM_ALL, all), 0);
+    EXPECT_TRUE(all.empty());
+}
+
+TEST_F(VolumesTest, MountInfoAndAttributes) {
+    makeVolume("/volume2");
+    writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 123456},
+                              {"path": "/volume2", "crashed": true, "generic": false}]})");
+
+    ZARNMountVolInfo info;
+    ASSERT_EQ(ZARNMountVolInfoGet("/volume1/@appstore/demo", &info), 0);
+    EXPECT_EQ(info.id, 1);
+    EXPECT_EQ(info.path, "/volume1");
+    EXPECT_TRUE(info.writable);
+    EXPECT_TRUE(info.created);
+    EXPECT_EQ(info.freeBytes, 123456u);
+    EXPECT_LE(info.totalBytes, 123456u);
+    ZARNMountVolInfoFree(&info);
+    EXPECT_EQ(info.id, 0);
+
+    ASSERT_EQ(ZARNMountVolInfoGet("/volume2", &info), 0);
+    EXPECT_FALSE(info.writable);  // crashed volumes are read-only
+    EXPECT_TRUE(info.crashed);
+
+    EXPECT_EQ(ZARNMountVolInfoGet("/tmp", &info), -1);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_EQ(ZARNMountVolInfoGet("/volume9", &info), -1);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_UNKNOWN);
+    EXPECT_EQ(ZARNMountVolInfoGet(nullptr, &info), -1);
+
+    unsigned int attr = 0;
+    ASSERT_EQ(ZARNVolumeAttributeGet("/volume1", &attr), 0);
+    EXPECT_EQ(attr, ZARN_VOL_ATTR_GENERIC | ZARN_VOL_ATTR_WRITABLE | ZARN_VOL_ATTR_CREATED);
+    ASSERT_EQ(ZARNVolumeAttributeGet("/volume2/x", &attr), 0);
+    EXPECT_EQ(attr, ZARN_VOL_ATTR_CREATED | ZARN_VOL_ATTR_CRASHED);
+    EXPECT_EQ(ZARNVolumeAttributeGet("/volume7", &attr), -1);
+    EXPECT_EQ(ZARNVolumeAttributeGet("/volume1", nullptr), -1);
+
+    EXPECT_FALSE(VLIBCIsDockHost());
+    writeConf(R"({"dock_host": true})");
+    EXPECT_TRUE(VLIBCIsDockHost());
+    writeConf("not json");
+    EXPECT_FALSE(VLIBCIsDockHost());
+    // A broken file leaves every volume with its defaults.
+    ASSERT_EQ(ZARNMountVolInfoGet("/volume2", &info), 0);
+    EXPECT_TRUE(info.writable);
+}
+
+TEST_F(VolumesTest, AvailablePicksFirstVolumeWithRoom) {
+    makeVolume("/volume2");
+    makeVolume("/volume3");
+    writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 1000},
+                              {"path": "/volume2", "space_cap": 5000},
+                              {"path": "/volume3", "generic": false, "space_cap": 90000}]})");
+    ZARNMountVolInfo info;
+    unsigned int status = 99;
+    EXPECT_EQ(VolumeAvailGet(1000, &info, &status, 0), 1);
+    EXPECT_EQ(info.path, "/volume1");
+    EXPECT_EQ(VolumeAvailGet(1001, &info, &status, 0), 2);
+    EXPECT_EQ(info.path, "/volume2");
+
+    // Only generic volumes in mode 0: none has room.
+    EXPECT_EQ(VolumeAvailGet(6000, &info, &status, 0), 0);
+    EXPECT_EQ(status, ZARN_VOL_AVAIL_HAS_VOLUME | ZARN_VOL_AVAIL_NO_SPACE);
+    EXPECT_EQ(info.path, "/volume1");
+    // Every volume in the wider mode.
+    EXPECT_EQ(VolumeAvailGet(6000, &info, &status, ZARN_VOL_ENUM_ALL), 3);
+
+    // A volume being created is shown as such.
+    writeConf(R"({"volumes": [{"path": "/volume1", "created": false},
+                              {"path": "/volume2", "writable": false},
+                              {"path": "/volume3", "generic": false}]})");
+    EXPECT_EQ(VolumeAvailGet(10, &info, &status, 0), 0);
+    EXPECT_EQ(status, ZARN_VOL_AVAIL_HAS_VOLUME);
+    EXPECT_EQ(info.path, "/volume1");
+    EXPECT_FALSE(info.created);
+
+    // Nothing but read-only or crashed volumes is an error of its own.
+    writeConf(R"({"volumes": [{"path": "/volume1", "crashed": true},
+                              {"path": "/volume2", "writable": false},
+                              {"path": "/volume3", "generic": false}]})");
+    EXPECT_EQ(VolumeAvailGet(10, &info, &status, 0), -1);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_READONLY);
+
+    // No generic volume at all.
+    writeConf(R"({"volumes": [{"path": "/volume1", "generic": false},
+                              {"path": "/volume2", "generic": false},
+                              {"path": "/volume3", "generic": false}]})");
+    EXPECT_EQ(VolumeAvailGet(10, &info, &status, 0), 0);
+    EXPECT_EQ(status, 0u);
+    EXPECT_EQ(VolumeAvailGet(10, &info, nullptr, 0), -1);
+}
+
+TEST_F(VolumesTest, PathParsing) {
+    std::string volume;
+    EXPECT_EQ(VolumePathParse("/volume3/a/b", volume), 0);
+    EXPECT_EQ(volume, "/volume3");
+    EXPECT_EQ(VolumePathParse("/volume12", volume), 0);
+    EXPECT_EQ(volume, "/volume12");
+    for (const char* bad : {"/volume", "/volume1x", "/volume01", "/volume0", "volume1",
+                            "/tmp/volume1", "/usr/local/packages/a", ""}) {
+        std::string out = "kept";
+        EXPECT_EQ(VolumePathParse(bad, out), -1) << bad;
+        EXPECT_EQ(out, "kept") << bad;
+    }
+    EXPECT_EQ(VolumePathParse(nullptr, volume), -1);
+
+    // The extended form follows links and wants an existing volume.
+    makeVolume("/volume2/@appstore/demo");
+    ASSERT_EQ(ZARNFSMkdirP("/var/packages/demo", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    ASSERT_TRUE(ZARNSymlink("/volume2/@appstore/demo", "/var/packages/demo/target"));
+    EXPECT_EQ(VolumePathParseEx("/var/packages/demo/target", volume), 0);
+    EXPECT_EQ(volume, "/volume2");
+    EXPECT_EQ(VolumePathParseEx("/volume1/@appstore", volume), 0);
+    EXPECT_EQ(volume, "/volume1");
+    EXPECT_EQ(VolumePathParseEx("/volume5/@appstore", volume), -1);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_UNKNOWN);
+    EXPECT_EQ(VolumePathParseEx("relative/path", volume), -1);
+
+    char buf[64];
+    EXPECT_EQ(ZARNShareTmpPathGet("/volume2", buf, sizeof(buf)), 0);
+    EXPECT_STREQ(buf, "/volume2/@tmp");
+    EXPECT_EQ(ZARNShareTmpPathGet("/volume2/@appstore", buf, sizeof(buf)), 0);
+    EXPECT_STREQ(buf, "/volume2/@tmp");
+    EXPECT_EQ(ZARNShareTmpPathGet("/volume2", buf, 8), -1);
+    EXPECT_EQ(ZARNShareTmpPathGet("/tmp", buf, sizeof(buf)), -1);
+}
+
+TEST_F(VolumesTest, FileSystemInfoTellsBrokenVolumes) {
+    makeVolume("/volume2");
+    writeConf(R"({"volumes": [{"path": "/volume2", "crashed": true, "space_cap": 777}]})");
+    ZARNFSInfo info;
+    EXPECT_EQ(FSInfoGet("/volume1", &info), 1);
+    EXPECT_EQ(info.status & ZARN_FS_STATUS_NOT_WORKING, 0u);
+    EXPECT_GT(info.freeBytes, 0u);
+    FSInfoFree(&info);
+    EXPECT_EQ(FSInfoGet("/volume2", &info), 1);
+    EXPECT_NE(info.status & ZARN_FS_STATUS_NOT_WORKING, 0u);
+    EXPECT_EQ(info.freeBytes, 777u);
+    FSInfoFree(&info);
+    EXPECT_EQ(info.status, 0u);
+    EXPECT_EQ(FSInfoGet("/volume4", &info), 0);
+    EXPECT_EQ(FSInfoGet("/tmp", &info), -1);
+    EXPECT_EQ(FSInfoGet(nullptr, &info), -1);
+}
+
+TEST_F(VolumesTest, StatfsAppliesTheLongestCap) {
+    ZARNStatfsInfo real;
+    ASSERT_TRUE(ZARNStatfs("/tmp", real));
+    EXPECT_GT(real.blockSize, 0u);
+    EXPECT_GE(real.freeBlocks, real.availBlocks);
+
+    writeConf(R"({"space_caps": {"/": 5000, "/tmp": 3000},
+                  "volumes": [{"path": "/volume1", "space_cap": 4000}]})");
+    ZARNStatfsInfo st;
+    ASSERT_TRUE(ZARNStatfs("/tmp/lock", st));
+    EXPECT_EQ(st.blockSize * st.availBlocks, 3000u);
+    ASSERT_TRUE(ZARNStatfs("/var", st));
+    EXPECT_EQ(st.blockSize * st.availBlocks, 5000u);
+    EXPECT_EQ(st.blockSize * st.freeBlocks, 5000u);
+    ASSERT_TRUE(ZARNStatfs("/volume1", st));
+    EXPECT_EQ(st.blockSize * st.availBlocks, 4000u);
+    // "/tmpx" is not inside "/tmp".
+    ASSERT_EQ(ZARNFSMkdirP("/tmpx", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    ASSERT_TRUE(ZARNStatfs("/tmpx", st));
+    EXPECT_EQ(st.blockSize * st.availBlocks, 5000u);
+
+    EXPECT_FALSE(ZARNStatfs("/no/such/place", st));
+    EXPECT_FALSE(ZARNStatfs("relative", st));
+}

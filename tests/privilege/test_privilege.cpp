@@ -1,0 +1,533 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "pkgutils/relpath.h"
+#include "platform/accounts.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/json.h"
+#include "platform/process.h"
+#include "privilege/privilege.h"
+#include "privilege/revise_executable.h"
+#include "privilege/revise_tool.h"
+#include "privilege/walker.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool::Privilege;
+using ZARNPackageTool::Util::ReplaceVariables;
+
+namespace {
+
+Json::Value Parse(const std::string& text) {
+    Json::Value value;
+    EXPECT_TRUE(Json::fromString(value, text)) << text;
+    return value;
+}
+
+mode_t ModeOf(const std::string& logical) {
+    struct stat st = {};
+    EXPECT_TRUE(ZARNLstat(logical, st)) << logical;
+    return st.st_mode & 07777;
+}
+
+// Counts the walker calls and answers with a fixed result.
+class CountingWalker : public IWalker {
+public:
+    explicit CountingWalker(int answer) : answer_(answer) {}
+    int walk(Json::Value const& element) override {
+        seen.push_back(element);
+        return answer_;
+    }
+    std::vector<Json::Value> seen;
+
+private:
+    int answer_;
+};
+
+}  // namespace
+
+class PrivilegeTest : public TempRootTest {
+protected:
+    // A package being installed: staging folder with its payload, scripts and conf.
+    const std::string staging = "/volume1/@tmp/pkginstall";
+
+    void writeConf(const std::string& dir, const std::string& text) {
+        writeFile(dir + "/conf/privilege", text);
+    }
+};
+
+TEST_F(PrivilegeTest, TranslateAndDefaultIdentity) {
+    EXPECT_EQ(TranslateIdentity("root"), IDENTITY_ROOT);
+    EXPECT_EQ(TranslateIdentity("system"), IDENTITY_SYSTEM);
+    EXPECT_EQ(TranslateIdentity("package"), IDENTITY_PACKAGE);
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_EQ(TranslateIdentity("Root"), IDENTITY_NONE);
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_EQ(TranslateIdentity(""), IDENTITY_NONE);
+    EXPECT_EQ(TranslateIdentity("admin"), IDENTITY_NONE);
+
+    EXPECT_EQ(GetDefaultIdentity(Parse("{}")), IDENTITY_PACKAGE);
+    EXPECT_EQ(GetDefaultIdentity(Parse("[]")), IDENTITY_PACKAGE);
+    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": "root"})")), IDENTITY_PACKAGE);
+    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": {"run-as": 3}})")), IDENTITY_PACKAGE);
+    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": {"run-as": "root"}})")), IDENTITY_ROOT);
+    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": {"run-as": "system"}})")), IDENTITY_SYSTEM);
+    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": {"run-as": "admin"}})")), IDENTITY_NONE);
+}
+
+TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
+    std::string path;
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_FALSE(GetConfPath("pkga", path));
+    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    // Without conf/privilege there is no account name, not even the package's.
+    EXPECT_EQ(GetUserName("pkga", ""), "");
+    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    Config config;
+    EXPECT_TRUE(ReadConfig("pkga", "", config));
+    EXPECT_FALSE(config.present);
+
+    writeConf("/var/packages/pkga", "{}");
+    ASSERT_TRUE(GetConfPath("pkga", path));
+    EXPECT_EQ(path, "/var/packages/pkga/conf/privilege");
+    EXPECT_EQ(GetUserName("pkga", ""), "pkga");
+    ASSERT_TRUE(ReadConfig("pkga", "", config));
+    EXPECT_TRUE(config.present);
+    EXPECT_EQ(config.username, "pkga");
+    EXPECT_EQ(config.groupname, "pkga");
+    EXPECT_EQ(config.joinGroupname, "");
+    EXPECT_EQ(config.defaultIdentity, IDENTITY_PACKAGE);
+
+    // Empty or non-string names fall back to the package name without an error.
+    writeConf(staging, R"({"username": "", "groupname": 7, "join-groupname": "users",
+                          "defaults": {"run-as": "system"}})");
+    EXPECT_EQ(GetUserName("pkgb", staging), "pkgb");
+    ASSERT_TRUE(ReadConfig("pkgb", staging, config));
+    EXPECT_EQ(config.groupname, "pkgb");
+    EXPECT_EQ(config.joinGroupname, "users");
+    EXPECT_EQ(config.defaultIdentity, IDENTITY_SYSTEM);
+    writeConf(staging, R"({"username": "svc-user"})");
+    EXPECT_EQ(GetUserName("pkgb", staging), "svc-user");
+
+    // A file that is no JSON.
+    writeConf(staging, "{ not json");
+    EXPECT_EQ(GetUserName("pkgb", staging), "");
+    EXPECT_EQ(VLIBCErrGet(), 0x0a00);
+    EXPECT_NE(logText().find("Failed to read " + staging + "/conf/privilege ("), std::string::npos);
+    EXPECT_FALSE(ReadConfig("pkgb", staging, config));
+
+    EXPECT_EQ(GetUserName("", ""), "");
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_FALSE(GetConfPathFrom("", path));
+}
+
+TEST_F(PrivilegeTest, TraverseAndCtrlScriptWalker) {
+    CountingWalker walker(WALK_CONTINUE);
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_FALSE(TraversePrivilege(Parse("{}"), "", walker));
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    // Missing lists and lists of the wrong type are no failure.
+    EXPECT_TRUE(TraversePrivilege(Parse("[]"), "tool", walker));
+    EXPECT_TRUE(TraversePrivilege(Parse("{}"), "tool", walker));
+    EXPECT_TRUE(TraversePrivilege(Parse(R"({"tool": {"a": 1}})"), "tool", walker));
+    EXPECT_TRUE(walker.seen.empty());
+    // Elements that are not objects are skipped without a word.
+    EXPECT_TRUE(
+        TraversePrivilege(Parse(R"({"tool": [1, {"a": 1}, "x", {"b": 2}]})"), "tool", walker));
+    ASSERT_EQ(walker.seen.size(), 2u);
+    EXPECT_TRUE(walker.seen[1].isMember("b"));
+    CountingWalker found(WALK_FOUND);
+    EXPECT_TRUE(TraversePrivilege(Parse(R"({"t": [{"a": 1}, {"b": 2}]})"), "t", found));
+    EXPECT_EQ(found.seen.size(), 1u);
+    CountingWalker failed(WALK_FAILED);
+    EXPECT_FALSE(TraversePrivilege(Parse(R"({"t": [{"a": 1}, {"b": 2}]})"), "t", failed));
+    EXPECT_EQ(failed.seen.size(), 1u);
+
+    const Json::Value config = Parse(R"({"ctrl-script": [
+        {"action": "preinst", "run-as": "root"},
+        {"action": "status", "run-as": "system"},
+        {"action": "status", "run-as": "package"},
+        {"action": "log", "run-as": "nobody"},
+        {"action": "broken"},
+        {"action": "postinst", "run-as": "package"}]})");
+    CtrlScriptWalker status("status");
+    EXPECT_TRUE(TraversePrivilege(config, "ctrl-script", status));
+    EXPECT_EQ(status.GetIdentity(), IDENTITY_SYSTEM);  // the first entry wins
+    CtrlScriptWalker preinst("preinst");
+    EXPECT_TRUE(TraversePrivilege(config, "ctrl-script", preinst));
+    EXPECT_EQ(preinst.GetIdentity(), IDENTITY_ROOT);
+    CtrlScriptWalker log("log");
+    EXPECT_FALSE(TraversePrivilege(config, "ctrl-script", log));
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    // A damaged element ahead of the match fails the search.
+    CtrlScriptWalker postinst("postinst");
+    EXPECT_FALSE(TraversePrivilege(config, "ctrl-script", postinst));
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    CtrlScriptWalker caseDiffers("PreInst");
+    EXPECT_FALSE(TraversePrivilege(config, "ctrl-script", caseDiffers));
+    CtrlScriptWalker none("start");
+    EXPECT_TRUE(TraversePrivilege(Parse(R"({"ctrl-script": [{"action": "a", "run-as": "root"}]})"),
+                                  "ctrl-script", none));
+    EXPECT_EQ(none.GetIdentity(), IDENTITY_NONE);
+}
+
+TEST_F(PrivilegeTest, SetIdentityLeavesRunnerWhenNothingApplies) {
+    const std::vector<std::string> idCmd = {"/usr/bin/id", "-u"};
+    const std::string self = std::to_string(geteuid()) + "\n";
+
+    // No conf/privilege: success with an untouched runner.
+    ZARNUtils::ProcessRunner plain(idCmd);
+    EXPECT_TRUE(SetIdentity(plain, "pkga", "status", ""));
+    plain.captureOutput();
+    ASSERT_EQ(plain.run(), 0);
+    EXPECT_EQ(plain.getStdout(), self);
+
+    // "root" for the action, and an unknown default word with no matching entry.
+    writeConf("/var/packages/pkga",
+              R"({"defaults": {"run-as": "admin"},
+                  "ctrl-script": [{"action": "preinst", "run-as": "root"}]})");
+    for (const char* action : {"preinst", "status"}) {
+        ZARNUtils::ProcessRunner runner(idCmd);
+        EXPECT_TRUE(SetIdentity(runner, "pkga", action, "")) << action;
+        runner.captureOutput();
+        ASSERT_EQ(runner.run(), 0);
+        EXPECT_EQ(runner.getStdout(), self) << action;
+    }
+
+    ZARNUtils::ProcessRunner bad(idCmd);
+    EXPECT_FALSE(SetIdentity(bad, "", "status", ""));
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    writeConf(staging, R"({"ctrl-script": [{"action": "status", "run-as": "everyone"}]})");
+    EXPECT_FALSE(SetIdentity(bad, "pkga", "status", staging));
+    EXPECT_NE(logText().find("Failed to traverse " + staging + "/conf/privilege [0x0D00"),
+              std::string::npos);
+    writeConf(staging, "[1, 2");
+    EXPECT_FALSE(SetIdentity(bad, "pkga", "status", staging));
+}
+
+TEST_F(PrivilegeTest, SetIdentityRefusesUnknownAccount) {
+    // The package's account was never made: the script must not run as the caller instead.
+    writeConf("/var/packages/ghost", R"({"username": "ghostuser"})");
+    ZARNUtils::ProcessRunner runner({"/usr/bin/id", "-u"});
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_FALSE(SetIdentity(runner, "ghost", "status", ""));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_USER_NOT_FOUND);
+    runner.setRuntimeIdentity("ghostuser", true).captureOutput();
+    EXPECT_EQ(runner.run(), -1);
+    EXPECT_EQ(runner.getStdout(), "");
+}
+
+TEST_F(PrivilegeTest, ClearSetUGidBit) {
+    writeFile("/tmp/script", "#!/bin/sh\n", 0755);
+    ASSERT_EQ(ZARNChmod("/tmp/script", 06755), true);
+    ASSERT_TRUE(ClearSetUGidBit("/tmp/script"));
+    EXPECT_EQ(ModeOf("/tmp/script"), 0755u);
+    ASSERT_EQ(ZARNChmod("/tmp/script", 01640), true);
+    ASSERT_TRUE(ClearSetUGidBit("/tmp/script"));
+    EXPECT_EQ(ModeOf("/tmp/script"), 01640u);
+
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_FALSE(ClearSetUGidBit("/tmp/missing"));
+    EXPECT_EQ(VLIBCErrGet(), 0x0700);
+    EXPECT_FALSE(ClearSetUGidBit("/tmp"));
+    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    // A link is never followed to the file it names.
+    writeFile("/etc/target", "x");
+    ASSERT_EQ(ZARNChmod("/etc/target", 04755), true);
+    ASSERT_TRUE(ZARNSymlink("/etc/target", "/tmp/link"));
+    EXPECT_FALSE(ClearSetUGidBit("/tmp/link"));
+    EXPECT_EQ(VLIBCErrGet(), 0x0900);
+    EXPECT_EQ(ModeOf("/etc/target"), 04755u);
+}
+
+TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
+    writeFile(staging + "/scripts/preinst", "#!/bin/sh\n", 0755);
+    writeFile(staging + "/scripts/start-stop-status", "#!/bin/sh\n", 0755);
+    writeFile(staging + "/scripts/other", "#!/bin/sh\n", 0755);
+    for (const char* script : {"preinst", "start-stop-status", "other"}) {
+        ASSERT_EQ(ZARNChmod(staging + "/scripts/" + script, 06755), true);
+    }
+    ASSERT_TRUE(ReviseFileAttr("pkga", staging, false));
+    EXPECT_EQ(ModeOf(staging + "/scripts/preinst"), 0755u);
+    EXPECT_EQ(ModeOf(staging + "/scripts/start-stop-status"), 0755u);
+    // Only the seven control scripts are looked at.
+    EXPECT_EQ(ModeOf(staging + "/scripts/other"), 06755u);
+
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_FALSE(ReviseFileAttr("", staging, false));
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+
+    // A script that is a link leading out of the package stops everything.
+    writeFile("/etc/outside", "x");
+    ASSERT_EQ(ZARNChmod("/etc/outside", 04755), true);
+    ASSERT_TRUE(ZARNSymlink("/etc/outside", staging + "/scripts/postinst"));
+    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
+    EXPECT_NE(logText().find("Failed to revise scripts of pkga [0x"), std::string::npos);
+    EXPECT_EQ(ModeOf("/etc/outside"), 04755u);
+}
+
+TEST_F(PrivilegeTest, ReviseFileAttrRefusesBadConfigBeforeAccounts) {
+    const std::string passwdBefore = readFile("/etc/passwd");
+    const std::string groupBefore = readFile("/etc/group");
+    ASSERT_FALSE(passwdBefore.empty());
+
+    writeConf(staging, "this is not json");
+    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
+    EXPECT_NE(logText().find("Failed to read " + staging + "/conf/privilege"), std::string::npos);
+
+    writeConf(staging, R"({"username": "root"})");
+    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
+    EXPECT_NE(logText().find("User root is reservered for system"), std::string::npos);
+    writeConf(staging, R"({"username": "daemon"})");
+    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
+    EXPECT_NE(logText().find("User daemon is reservered for system"), std::string::npos);
+    writeConf(staging, R"({"username": "admin"})");
+    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
+
+    writeConf(staging, R"({"username": "pkga", "groupname": "administrators"})");
+    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
+    EXPECT_NE(logText().find("Group administrators is reservered for system"), std::string::npos);
+    writeConf(staging, R"({"groupname": "system"})");
+    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
+
+    // Nothing was changed on the accounts.
+    EXPECT_EQ(readFile("/etc/passwd"), passwdBefore);
+    EXPECT_EQ(readFile("/etc/group"), groupBefore);
+}
+
+TEST_F(PrivilegeTest, Accounts) {
+    uid_t uid = 7;
+    gid_t gid = 7;
+    ASSERT_EQ(ZARNUserGetUGID("root", &uid, &gid), 0);
+    EXPECT_EQ(uid, 0u);
+    EXPECT_EQ(gid, 0u);
+    ASSERT_EQ(ZARNGroupGetGID("system", &gid), 0);
+    EXPECT_EQ(gid, 1u);
+    ASSERT_EQ(ZARNGroupGetGID("users", &gid), 0);
+    EXPECT_EQ(gid, 100u);
+    ASSERT_EQ(ZARNGroupGetGID("administrators", &gid), 0);
+    EXPECT_EQ(gid, 101u);
+    EXPECT_LT(ZARNUserGetUGID("nosuchuser", &uid, nullptr), 0);
+    EXPECT_EQ(VLIBCErrGet(), 0x1d00);
+    EXPECT_LT(ZARNGroupGetGID("nosuchgroup", &gid), 0);
+    EXPECT_EQ(VLIBCErrGet(), 0x1800);
+
+    EXPECT_NE(ZARNUserIsReserved("root", 0), 0);
+    EXPECT_NE(ZARNUserIsReserved("admin", static_cast<uid_t>(-1)), 0);
+    EXPECT_NE(ZARNUserIsReserved("pkga", 999), 0);
+    EXPECT_EQ(ZARNUserIsReserved("pkga", 1000), 0);
+    EXPECT_EQ(ZARNUserIsReserved("pkga", static_cast<uid_t>(-1)), 0);
+    EXPECT_NE(ZARNGroupIsReserved("users", 100), 0);
+    EXPECT_NE(ZARNGroupIsReserved("system", static_cast<gid_t>(-1)), 0);
+    EXPECT_EQ(ZARNGroupIsReserved("pkga", static_cast<gid_t>(-1)), 0);
+
+    ZARNGroupRecord* record = nullptr;
+    ASSERT_EQ(ZARNGroupGet("administrators", &record), 0);
+    ASSERT_NE(record, nullptr);
+    EXPECT_STREQ(record->name, "administrators");
+    ASSERT_NE(record->members, nullptr);
+    ASSERT_NE(record->members[0], nullptr);
+    EXPECT_STREQ(record->members[0], "admin");
+    EXPECT_EQ(record->members[1], nullptr);
+    ZARNGroupFree(record);
+    record = nullptr;
+    EXPECT_LT(ZARNGroupGet("nosuchgroup", &record), 0);
+    EXPECT_EQ(VLIBCErrGet(), 0x1800);
+    EXPECT_EQ(record, nullptr);
+    std::vector<std::string> members;
+    ASSERT_EQ(ZARNGroupListMember("administrators", members), 0);
+    EXPECT_EQ(members, std::vector<std::string>{"admin"});
+
+    // Names that the account tools could read as options are refused before any tool runs.
+    EXPECT_LT(ZARNLocalAccountUserPrepareForPkg("-o", "pkga", "/var/packages/x/target"), 0);
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_LT(ZARNLocalAccountUserPrepareForPkg("pkga", "a:b", "/var/packages/x/target"), 0);
+    EXPECT_LT(ZARNLocalAccountUserPrepareForPkg("pkga", "pkga", "relative"), 0);
+
+    ZARNRuntimeIdentity identity;
+    ASSERT_EQ(ZARNRuntimeIdentityGet("admin", true, identity), 0);
+    EXPECT_EQ(identity.uid, 1024u);
+    EXPECT_EQ(identity.gid, 100u);
+    EXPECT_NE(std::find(identity.groups.begin(), identity.groups.end(), 101u),
+              identity.groups.end());
+    ASSERT_EQ(ZARNRuntimeIdentityGet("admin", false, identity), 0);
+    EXPECT_EQ(identity.gid, 1u);
+    EXPECT_NE(std::find(identity.groups.begin(), identity.groups.end(), 100u),
+              identity.groups.end());
+    EXPECT_LT(ZARNRuntimeIdentityGet("nosuchuser", true, identity), 0);
+}
+
+TEST_F(PrivilegeTest, ResolveRelPath) {
+    using ZARN::PkgUtils::IsLegalRelPath;
+    using ZARN::PkgUtils::ResolveRelPath;
+    const std::string top = staging + "/package";
+    writeFile(top + "/bin/tool", "x", 0755);
+    writeFile(staging + "/secret", "x");
+    writeFile("/etc/shadow", "root:*:1::::::\n", 0600);
+    ASSERT_TRUE(ZARNSymlink("tool", top + "/bin/alias"));
+    ASSERT_TRUE(ZARNSymlink("/etc/shadow", top + "/bin/shadow"));
+    ASSERT_TRUE(ZARNSymlink("../../secret", top + "/bin/up"));
+    ASSERT_TRUE(ZARNSymlink("/etc", top + "/etcdir"));
+    ASSERT_TRUE(ZARNSymlink("/etc/shadow", top + "/abs-link"));
+
+    EXPECT_TRUE(IsLegalRelPath(top, "bin/tool"));
+    EXPECT_TRUE(IsLegalRelPath(top, "./bin//tool"));
+    EXPECT_FALSE(IsLegalRelPath(top, ""));
+    EXPECT_FALSE(IsLegalRelPath(top, "."));
+    EXPECT_FALSE(IsLegalRelPath(top, "/etc/shadow"));
+    EXPECT_FALSE(IsLegalRelPath(top, "../../etc/shadow"));
+    EXPECT_FALSE(IsLegalRelPath(top, "bin/../../x"));
+    EXPECT_FALSE(IsLegalRelPath("", "bin/tool"));
+
+    std::string full;
+    ASSERT_TRUE(ResolveRelPath(top, "bin/tool", full));
+    EXPECT_EQ(full, top + "/bin/tool");
+    ASSERT_TRUE(ResolveRelPath(top, "bin/alias", full));
+    EXPECT_EQ(full, top + "/bin/tool");
+    // A missing tail is joined as it stands, for the caller's open to report.
+    ASSERT_TRUE(ResolveRelPath(top, "bin/none/more", full));
+    EXPECT_EQ(full, top + "/bin/none/more");
+    for (const char* bad : {"../../etc/shadow", "/etc/shadow", "bin/shadow", "bin/up",
+                            "etcdir/shadow", "abs-link", "bin/../../secret"}) {
+        EXPECT_FALSE(ResolveRelPath(top, bad, full)) << bad;
+        EXPECT_TRUE(full.empty()) << bad;
+    }
+    // A link straight to the machine's own file.
+    ASSERT_EQ(symlink("/etc/passwd", phys(top + "/machine2").c_str()), 0);
+    EXPECT_FALSE(ResolveRelPath(top, "machine2", full));
+}
+
+TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
+    const std::string top = staging + "/package";
+    writeFile(top + "/bin/tool", "x", 0755);
+    writeFile("/etc/shadow", "root:*:1::::::\n", 0600);
+    ASSERT_TRUE(ZARNSymlink("/etc/shadow", top + "/shadowlink"));
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    ExeWalker exe(top, uid, gid);
+    ToolWalker tool(top, uid, gid);
+    EXPECT_EQ(exe.GetTopDir(), top);
+    EXPECT_EQ(exe.GetPkgUid(), uid);
+    EXPECT_EQ(tool.GetPkgGid(), gid);
+
+    auto exeResult = [&](const std::string& text) {
+        VLIBCErrSet(ZARN_ERR_NONE);
+        return TraversePrivilege(Parse(R"({"executable": [)" + text + "]}"), "executable", exe);
+    };
+    auto toolResult = [&](const std::string& text) {
+        VLIBCErrSet(ZARN_ERR_NONE);
+        return TraversePrivilege(Parse(R"({"tool": [)" + text + "]}"), "tool", tool);
+    };
+    EXPECT_FALSE(exeResult(R"({"relpath": "bin/tool"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    EXPECT_FALSE(exeResult(R"({"relpath": 5, "run-as": "root"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    EXPECT_FALSE(exeResult(R"({"relpath": "bin", "run-as": "root"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    EXPECT_FALSE(exeResult(R"({"relpath": "bin/none", "run-as": "root"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0x0700);
+    EXPECT_FALSE(exeResult(R"({"relpath": "bin/tool", "run-as": "admin"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    EXPECT_FALSE(exeResult(R"({"relpath": "../../etc/shadow", "run-as": "package"})"));
+    EXPECT_NE(logText().find("Failed to resolve ../../etc/shadow [0x"), std::string::npos);
+    EXPECT_FALSE(exeResult(R"({"relpath": "shadowlink", "run-as": "package"})"));
+    EXPECT_NE(logText().find("Failed to resolve shadowlink [0x"), std::string::npos);
+    // Numbers among the elements are skipped.
+    EXPECT_TRUE(exeResult(R"(3, {"relpath": "bin/tool", "run-as": "package"})"));
+
+    EXPECT_FALSE(toolResult(R"({"relpath": "bin/tool", "user": "root", "group": "root"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    EXPECT_FALSE(toolResult(
+        R"({"relpath": "bin/tool", "user": "system", "group": "root", "permission": "0755"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    EXPECT_FALSE(toolResult(
+        R"({"relpath": "bin/tool", "user": "", "group": "root", "permission": "0755"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    EXPECT_FALSE(toolResult(
+        R"({"relpath": "bin/tool", "user": "package", "group": "system", "permission": "0755"})"));
+    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    for (const char* perm : {"0789", "755", "07555", "7777", "6777", "4775", "", "+755", " 755"}) {
+        EXPECT_FALSE(toolResult(std::string(R"({"relpath": "bin/tool", "user": "package", )") +
+                                R"("group": "package", "permission": ")" + perm + "\"}"))
+            << perm;
+        EXPECT_EQ(VLIBCErrGet(), 0x4000) << perm;
+        EXPECT_EQ(ModeOf(top + "/bin/tool"), 0755u) << perm;
+    }
+    EXPECT_NE(logText().find("Failed to revise " + top + "/bin/tool [0x4000"), std::string::npos);
+    EXPECT_FALSE(toolResult(R"({"relpath": "shadowlink", "user": "package", "group": "package",
+                                "permission": "0777"})"));
+    EXPECT_EQ(ModeOf("/etc/shadow"), 0600u);
+    EXPECT_TRUE(toolResult(
+        R"({"relpath": "bin/tool", "user": "package", "group": "package", "permission": "0750"})"));
+    EXPECT_EQ(ModeOf(top + "/bin/tool"), 0750u);
+}
+
+TEST_F(PrivilegeTest, TmpFolder) {
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_EQ(GetTmpFolderPath("", "/volume1"), "");
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_EQ(GetTmpFolderPath("pkga", "/volume2"), "/volume2/@tmp/zarnpkg.tmp/pkga");
+    EXPECT_EQ(GetTmpFolderPath("pkga", "/usr/local/packages"),
+              "/usr/local/packages/@tmp/zarnpkg.tmp/pkga");
+    EXPECT_EQ(GetTmpFolderPath("pkga", "/srv"), "");
+    EXPECT_EQ(GetTmpFolderPath("pkga", nullptr), "");  // no target link
+
+    ASSERT_EQ(0, ZARNFSMkdirP("/var/packages/pkga", 0, 0, -1, -1, 0755));
+    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/pkga", "/var/packages/pkga/target"));
+    EXPECT_EQ(GetTmpFolderPath("pkga", nullptr), "/volume1/@tmp/zarnpkg.tmp/pkga");
+    // The head of a target under /usr/local/packages is "/usr": no folder.
+    ASSERT_EQ(0, ZARNFSMkdirP("/var/packages/pkgb", 0, 0, -1, -1, 0755));
+    ASSERT_TRUE(ZARNSymlink("/usr/local/packages/@appstore/pkgb", "/var/packages/pkgb/target"));
+    EXPECT_EQ(GetTmpFolderPath("pkgb", nullptr), "");
+
+    EXPECT_FALSE(CreateTmpFolder("", "/volume1/@tmp/x"));
+    EXPECT_FALSE(CreateTmpFolder("pkga", ""));
+    // A conf/privilege naming an account that doesn't exist.
+    const std::string path = GetTmpFolderPath("pkga", nullptr);
+    writeConf("/var/packages/pkga", R"({"username": "ghost"})");
+    EXPECT_FALSE(CreateTmpFolder("pkga", path));
+    EXPECT_NE(logText().find("Failed to get id of ghost [0x1D00"), std::string::npos);
+    writeConf("/var/packages/pkga", "nope");
+    EXPECT_FALSE(CreateTmpFolder("pkga", path));
+    EXPECT_NE(logText().find("Failed to get username of pkga [0x0A00"), std::string::npos);
+}
+
+TEST_F(PrivilegeTest, ReplaceVariables) {
+    Json::Value target;
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_FALSE(ReplaceVariables(Parse("[]"), target));
+    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+
+    const Json::Value dict = Parse(
+        R"({"A": true, "B": false, "name": "pkg", "port": 8080, "n": null, "o": {}, "l": [],
+            "loop": "{{loop}}"})");
+    target = Parse(R"({
+        "flag": "{{A}}", "off": "{{B}}", "mixed": "x{{A}}", "text": "run {{name}} on {{port}}",
+        "plain": "nothing", "num": 3, "nested": {"list": ["{{MISSING}}", "a", "{{name}}"]},
+        "stray": "a}}b", "obj": "{{o}}", "null": null, "self": "{{loop}}/{{loop}}"})");
+    ASSERT_TRUE(ReplaceVariables(dict, target));
+    EXPECT_TRUE(target["flag"].isBool());
+    EXPECT_TRUE(target["flag"].asBool());
+    EXPECT_TRUE(target["off"].isBool());
+    EXPECT_FALSE(target["off"].asBool());
+    EXPECT_FALSE(target.isMember("mixed"));  // a bool is not put into text
+    EXPECT_EQ(target["text"].asString(), "run pkg on 8080");
+    EXPECT_EQ(target["plain"].asString(), "nothing");
+    EXPECT_EQ(target["num"].asInt(), 3);
+    EXPECT_EQ(Json::toCompactString(target["nested"]["list"]), R"(["a","pkg"])");
+    EXPECT_FALSE(target.isMember("stray"));
+    EXPECT_FALSE(target.isMember("obj"));
+    EXPECT_FALSE(target.isMember("null"));
+    // A value holding its own marker ends up with markers and goes.
+    EXPECT_FALSE(target.isMember("self"));
+
+    Json::Value list = Parse(R"(["{{MISSING}}", "a"])");
+    ASSERT_TRUE(ReplaceVariables(Parse("{}"), list));
+    EXPECT_EQ(Json::toCompactString(list), R"(["a"])");
+}

@@ -1,0 +1,306 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/accounts.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/process.h"
+#include "privilege/privilege.h"
+#include "support/temproot.h"
+
+using namespace ZARNPackageTool::Privilege;
+
+namespace {
+
+struct Owner {
+    uid_t uid = 0;
+    gid_t gid = 0;
+    mode_t mode = 0;
+};
+
+Owner OwnerOf(const std::string& logical) {
+    struct stat st = {};
+    EXPECT_TRUE(ZARNLstat(logical, st)) << logical;
+    return Owner{st.st_uid, st.st_gid, static_cast<mode_t>(st.st_mode & 07777)};
+}
+
+std::vector<std::string> Words(const std::string& text) {
+    std::istringstream in(text);
+    std::vector<std::string> words;
+    std::string word;
+    while (in >> word) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+bool Contains(const std::vector<std::string>& words, const std::string& word) {
+    return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+}  // namespace
+
+class PrivilegeRootTest : public TempRootTest {
+protected:
+    const std::string staging = "/volume1/@tmp/pkginstall";
+    const std::string top = staging + "/package";
+
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "needs root: makes accounts and changes the owners of files";
+        }
+        TempRootTest::SetUp();
+    }
+
+    // A payload with a few files, a relative link and a set-ID script.
+    void makeStaging(const std::string& conf) {
+        writeFile(top + "/data/file", "data");
+        writeFile(top + "/bin/sysexe", "#!/bin/sh\n", 0755);
+        writeFile(top + "/bin/rootexe", "#!/bin/sh\n", 0755);
+        writeFile(top + "/bin/helper", "#!/bin/sh\n", 0755);
+        ASSERT_TRUE(ZARNSymlink("../data/file", top + "/bin/link"));
+        writeFile(staging + "/scripts/preinst", "#!/bin/sh\n", 0755);
+        ASSERT_TRUE(ZARNChmod(staging + "/scripts/preinst", 06755));
+        writeFile(staging + "/conf/privilege", conf);
+    }
+
+    // Runs a program with the identity SetIdentity gives for the action; its standard output.
+    std::string runAs(const std::string& name, const std::string& action,
+                      std::vector<std::string> argv) {
+        ZARNUtils::ProcessRunner runner(std::move(argv));
+        EXPECT_TRUE(SetIdentity(runner, name, action, "")) << action;
+        runner.captureOutput();
+        EXPECT_EQ(runner.run(), 0) << action << ": " << runner.getStderr();
+        return runner.getStdout();
+    }
+};
+
+TEST_F(PrivilegeRootTest, ReviseFileAttrAndScriptIdentityAsRoot) {
+    const std::string conf = R"({
+        "join-groupname": "users",
+        "ctrl-script": [{"action": "preinst", "run-as": "root"},
+                        {"action": "status", "run-as": "system"}],
+        "executable": [{"relpath": "bin/sysexe", "run-as": "system"},
+                       {"relpath": "bin/rootexe", "run-as": "root"}],
+        "tool": [{"relpath": "bin/helper", "user": "root", "group": "package",
+                  "permission": "4750"}]})";
+    makeStaging(conf);
+    ASSERT_TRUE(ReviseFileAttr("pkga", staging, false)) << logText();
+
+    // The account: made in the root's files with an id outside the system's range.
+    ZARNUserRecord user;
+    ASSERT_EQ(ZARNUserGet("pkga", user), 0);
+    gid_t groupGid = 0;
+    ASSERT_EQ(ZARNGroupGetGID("pkga", &groupGid), 0);
+    EXPECT_GE(user.uid, 1000u);
+    EXPECT_EQ(user.gid, groupGid);
+    EXPECT_GE(groupGid, 1000u);
+    EXPECT_EQ(user.home, "/var/packages/pkga/target");
+    std::vector<std::string> members;
+    ASSERT_EQ(ZARNGroupListMember("users", members), 0);
+    EXPECT_TRUE(Contains(members, "pkga"));
+
+    // Default owner over the whole tree, links themselves included.
+    Owner file = OwnerOf(top + "/data/file");
+    EXPECT_EQ(file.uid, user.uid);
+    EXPECT_EQ(file.gid, groupGid);
+    Owner link = OwnerOf(top + "/bin/link");
+    EXPECT_EQ(link.uid, user.uid);
+    EXPECT_EQ(OwnerOf(top).uid, user.uid);
+    // "system" gives group 1; "root" gives root; a tool keeps the owner and mode it names.
+    Owner sysexe = OwnerOf(top + "/bin/sysexe");
+    EXPECT_EQ(sysexe.uid, user.uid);
+    EXPECT_EQ(sysexe.gid, 1u);
+    Owner rootexe = OwnerOf(top + "/bin/rootexe");
+    EXPECT_EQ(rootexe.uid, 0u);
+    EXPECT_EQ(rootexe.gid, 0u);
+    Owner helper = OwnerOf(top + "/bin/helper");
+    EXPECT_EQ(helper.uid, 0u);
+    EXPECT_EQ(helper.gid, groupGid);
+    EXPECT_EQ(helper.mode, 04750u);
+    // Set-ID bits of the scripts are gone.
+    EXPECT_EQ(OwnerOf(staging + "/scripts/preinst").mode, 0755u);
+
+    // Again: the account is kept, the user is not added to the group twice.
+    const std::string groupText = readFile("/etc/group");
+    ASSERT_TRUE(ReviseFileAttr("pkga", staging, false)) << logText();
+    EXPECT_EQ(readFile("/etc/group"), groupText);
+    uid_t again = 0;
+    ASSERT_EQ(ZARNUserGetUGID("pkga", &again, nullptr), 0);
+    EXPECT_EQ(again, user.uid);
+
+    // The scripts run for real under the identity of their action.
+    writeFile("/var/packages/pkga/conf/privilege", conf);
+    const std::string uid = std::to_string(user.uid);
+    const std::string gid = std::to_string(groupGid);
+    EXPECT_EQ(runAs("pkga", "postinst", {"/usr/bin/id", "-u"}), uid + "\n");
+    EXPECT_EQ(runAs("pkga", "postinst", {"/usr/bin/id", "-g"}), gid + "\n");
+    std::vector<std::string> groups = Words(runAs("pkga", "postinst", {"/usr/bin/id", "-G"}));
+    EXPECT_TRUE(Contains(groups, gid));
+    EXPECT_TRUE(Contains(groups, "100"));  // joined "users"
+    EXPECT_FALSE(Contains(groups, "0"));
+
+    EXPECT_EQ(runAs("pkga", "status", {"/usr/bin/id", "-u"}), uid + "\n");
+    EXPECT_EQ(runAs("pkga", "status", {"/usr/bin/id", "-g"}), "1\n");
+    groups = Words(runAs("pkga", "status", {"/usr/bin/id", "-G"}));
+    EXPECT_TRUE(Contains(groups, gid));
+    EXPECT_FALSE(Contains(groups, "0"));
+
+    EXPECT_EQ(runAs("pkga", "preinst", {"/usr/bin/id", "-u"}), "0\n");
+
+    const std::vector<std::string> env = Words(runAs("pkga", "postinst", {"/usr/bin/env"}));
+    EXPECT_TRUE(Contains(env, "HOME=/var/packages/pkga/target"));
+    EXPECT_TRUE(Contains(env, "USER=pkga"));
+    EXPECT_TRUE(Contains(env, "LOGNAME=pkga"));
+
+    // The library's own process never changed identity.
+    EXPECT_EQ(geteuid(), 0u);
+    EXPECT_EQ(getegid(), 0u);
+
+    // Without conf/privilege the private temporary folder belongs to root; with it, to the
+    // package's account.
+    const std::string rootTmp = GetTmpFolderPath("nopriv", "/volume1");
+    ASSERT_TRUE(CreateTmpFolder("nopriv", rootTmp)) << logText();
+    Owner rootTmpOwner = OwnerOf(rootTmp);
+    EXPECT_EQ(rootTmpOwner.uid, 0u);
+    EXPECT_EQ(rootTmpOwner.gid, 0u);
+    EXPECT_EQ(rootTmpOwner.mode, 0700u);
+    const std::string tmp = GetTmpFolderPath("pkga", "/volume1");
+    ASSERT_TRUE(CreateTmpFolder("pkga", tmp)) << logText();
+    Owner tmpOwner = OwnerOf(tmp);
+    EXPECT_EQ(tmpOwner.uid, user.uid);
+    EXPECT_EQ(tmpOwner.gid, groupGid);
+    EXPECT_EQ(tmpOwner.mode, 0700u);
+}
+
+TEST_F(PrivilegeRootTest, DefaultOwnersAsRoot) {
+    // "system": the package's user with group 1 over the tree.
+    makeStaging(R"({"username": "svcuser", "groupname": "svcgroup",
+                    "defaults": {"run-as": "system"}})");
+    ASSERT_TRUE(ReviseFileAttr("pkgb", staging, false)) << logText();
+    uid_t uid = 0;
+    gid_t gid = 0;
+    ASSERT_EQ(ZARNUserGetUGID("svcuser", &uid, &gid), 0);
+    gid_t svcGid = 0;
+    ASSERT_EQ(ZARNGroupGetGID("svcgroup", &svcGid), 0);
+    EXPECT_EQ(gid, svcGid);
+    EXPECT_LT(ZARNUserGetUGID("pkgb", nullptr, nullptr), 0);
+    Owner file = OwnerOf(top + "/data/file");
+    EXPECT_EQ(file.uid, uid);
+    EXPECT_EQ(file.gid, 1u);
+
+    // "root": the owner stays as it was.
+    ASSERT_TRUE(ZARNRemoveTree(staging));
+    makeStaging(R"({"defaults": {"run-as": "root"}})");
+    ASSERT_TRUE(ZARNChown(top + "/data/file", 4321, 4322));
+    ASSERT_TRUE(ReviseFileAttr("pkgc", staging, false)) << logText();
+    file = OwnerOf(top + "/data/file");
+    EXPECT_EQ(file.uid, 4321u);
+    EXPECT_EQ(file.gid, 4322u);
+    EXPECT_EQ(ZARNUserGetUGID("pkgc", nullptr, nullptr), 0);  // the account is made all the same
+
+    // Ownership skipped: the account is prepared, the files stay.
+    ASSERT_TRUE(ZARNRemoveTree(staging));
+    makeStaging("{}");
+    ASSERT_TRUE(ReviseFileAttr("pkgd", staging, true)) << logText();
+    EXPECT_EQ(ZARNUserGetUGID("pkgd", nullptr, nullptr), 0);
+    EXPECT_EQ(OwnerOf(top + "/data/file").uid, 0u);
+    EXPECT_EQ(OwnerOf(staging + "/scripts/preinst").mode, 0755u);
+
+    // An unknown default identity fails the owner step.
+    ASSERT_TRUE(ZARNRemoveTree(staging));
+    makeStaging(R"({"defaults": {"run-as": "admin"}})");
+    EXPECT_FALSE(ReviseFileAttr("pkge", staging, false));
+    EXPECT_NE(logText().find("Failed to set default owner of pkge [0x4000"), std::string::npos);
+    EXPECT_EQ(OwnerOf(top + "/data/file").uid, 0u);
+
+    // An existing account is adjusted to the package's group and home.
+    ASSERT_TRUE(ZARNRemoveTree(staging));
+    makeStaging(R"({"username": "pkgd", "groupname": "pkgdgrp"})");
+    ASSERT_TRUE(ReviseFileAttr("pkgf", staging, false)) << logText();
+    ZARNUserRecord user;
+    ASSERT_EQ(ZARNUserGet("pkgd", user), 0);
+    gid_t newGid = 0;
+    ASSERT_EQ(ZARNGroupGetGID("pkgdgrp", &newGid), 0);
+    EXPECT_EQ(user.gid, newGid);
+    EXPECT_EQ(user.home, "/var/packages/pkgf/target");
+
+    // A group to join that doesn't exist.
+    ASSERT_TRUE(ZARNRemoveTree(staging));
+    makeStaging(R"({"join-groupname": "nosuchgroup"})");
+    EXPECT_FALSE(ReviseFileAttr("pkgg", staging, false));
+    EXPECT_NE(logText().find("ZARNGroupGet [nosuchgroup] failed [0x1800"), std::string::npos);
+    EXPECT_NE(logText().find("Failed to add package user 'pkgg' to group 'nosuchgroup'"),
+              std::string::npos);
+}
+
+TEST_F(PrivilegeRootTest, BadInputNeverLeavesThePackageAsRoot) {
+    // Files outside the package that a hostile conf/privilege aims at: one in the root and the
+    // machine's own.
+    writeFile("/etc/shadow", "root:*:1::::::\n", 0640);
+    const Owner rootShadow = OwnerOf("/etc/shadow");
+    struct stat machineBefore = {};
+    ASSERT_EQ(lstat("/etc/shadow", &machineBefore), 0);
+
+    const std::vector<std::string> confs = {
+        R"({"tool": [{"relpath": "../../etc/shadow", "user": "package", "group": "package",
+                      "permission": "0777"}]})",
+        R"({"tool": [{"relpath": "shadowlink", "user": "package", "group": "package",
+                      "permission": "0777"}]})",
+        R"({"tool": [{"relpath": "machinelink", "user": "package", "group": "package",
+                      "permission": "0777"}]})",
+        R"({"executable": [{"relpath": "../../../../etc/shadow", "run-as": "package"}]})",
+        R"({"executable": [{"relpath": "/etc/shadow", "run-as": "package"}]})",
+        R"({"executable": [{"relpath": "shadowlink", "run-as": "package"}]})",
+        R"({"executable": [{"relpath": "etcdir/shadow", "run-as": "package"}]})",
+        R"({"tool": [{"relpath": "bin/helper", "user": "package", "group": "package",
+                      "permission": "7777"}]})",
+        R"({"tool": [{"relpath": "bin/helper", "user": "package", "group": "package",
+                      "permission": "0789"}]})",
+        R"({"tool": [{"relpath": "bin/helper", "user": "package", "group": "package",
+                      "permission": 755}]})",
+        R"({"executable": [{"relpath": ["bin/helper"], "run-as": "package"}]})",
+    };
+    for (const std::string& conf : confs) {
+        ASSERT_TRUE(ZARNRemoveTree(staging));
+        makeStaging(conf);
+        ASSERT_TRUE(ZARNSymlink("/etc/shadow", top + "/shadowlink"));
+        ASSERT_TRUE(ZARNSymlink("/etc", top + "/etcdir"));
+        ASSERT_EQ(symlink("/etc/shadow", phys(top + "/machinelink").c_str()), 0);
+        EXPECT_FALSE(ReviseFileAttr("pkgbad", staging, false)) << conf;
+        EXPECT_NE(logText().find("Failed to override default of pkgbad [0x"), std::string::npos)
+            << conf;
+        // The package's own helper keeps a sane mode.
+        EXPECT_EQ(OwnerOf(top + "/bin/helper").mode, 0755u) << conf;
+    }
+    const Owner after = OwnerOf("/etc/shadow");
+    EXPECT_EQ(after.uid, rootShadow.uid);
+    EXPECT_EQ(after.gid, rootShadow.gid);
+    EXPECT_EQ(after.mode, rootShadow.mode);
+    struct stat machineAfter = {};
+    ASSERT_EQ(lstat("/etc/shadow", &machineAfter), 0);
+    EXPECT_EQ(machineAfter.st_uid, machineBefore.st_uid);
+    EXPECT_EQ(machineAfter.st_gid, machineBefore.st_gid);
+    EXPECT_EQ(machineAfter.st_mode, machineBefore.st_mode);
+    EXPECT_EQ(machineAfter.st_ctim.tv_sec, machineBefore.st_ctim.tv_sec);
+    EXPECT_EQ(machineAfter.st_ctim.tv_nsec, machineBefore.st_ctim.tv_nsec);
+    EXPECT_NE(logText().find("Failed to resolve ../../etc/shadow [0x"), std::string::npos);
+    EXPECT_NE(logText().find("Failed to revise " + top + "/bin/helper [0x4000"), std::string::npos);
+
+    // Reserved accounts are refused before the account files change.
+    const std::string passwd = readFile("/etc/passwd");
+    for (const char* conf :
+         {R"({"username": "root"})", R"({"username": "nobody"})", R"({"groupname": "users"})"}) {
+        ASSERT_TRUE(ZARNRemoveTree(staging));
+        makeStaging(conf);
+        EXPECT_FALSE(ReviseFileAttr("pkgres", staging, false)) << conf;
+    }
+    EXPECT_EQ(readFile("/etc/passwd"), passwd);
+    EXPECT_LT(ZARNUserGetUGID("pkgres", nullptr, nullptr), 0);
+}
