@@ -42,11 +42,13 @@ int CmdList(CliContext& ctx) {
               [](const PackageInfo& a, const PackageInfo& b) { return a.name < b.name; });
     Json::Value packages(Json::arrayValue);
     std::string text;
+    const PackageManager::BreakerSnapshot breakers = PackageManager::makeBreakerSnapshot(records);
     for (const auto& info : records) {
         PackageManager query;
+        query.useBreakerSnapshot(breakers);
         int status = query.getPkgStatus(info.name);
         int rough = 0;
-        bool known = query.getPkgRoughStatus(info.name, rough);
+        bool known = PackageManager::roughStatusOf(status, info.name, rough);
         Json::Value entry(Json::objectValue);
         entry["package"] = info.name;
         entry["version"] = info.version;

@@ -46,9 +46,8 @@ int CmdStatus(CliContext& ctx) {
     }
     const int status = pm.getPkgStatus(name);
     const unsigned int result = pm.getResult();
-    PackageManager roughQuery;
     int rough = 0;
-    const bool known = roughQuery.getPkgRoughStatus(name, rough);
+    const bool known = PackageManager::roughStatusOf(status, name, rough);
 
     Json::Value out(Json::objectValue);
     out["package"] = name;

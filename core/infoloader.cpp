@@ -174,7 +174,10 @@ bool PMSCheckName(const char* name, const char* forbidden) {
 
 bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const char* lang,
                             bool langGiven, unsigned long long mask, bool* missing) {
-    info = PackageInfo();
+    // Scans hand in fresh records (with `missing`); spare them the reset.
+    if (missing == nullptr) {
+        info = PackageInfo();
+    }
     const std::string infoPath = dir + "/INFO";
     if (missing != nullptr) {
         *missing = false;

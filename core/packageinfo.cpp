@@ -62,6 +62,12 @@ void PackageInfoExtra::copy(const PackageInfoExtra& other) {
     t.install_replace_force_packages = o.install_replace_force_packages;
 }
 
+void PackageInfoExtra::dropUncopiedFields() {
+    const PackageInfoExtraPrivate defaults;
+    d_->exclude_model = defaults.exclude_model;
+    d_->use_deprecated_replace_mechanism = defaults.use_deprecated_replace_mechanism;
+}
+
 OSVersionNumbers PMSGetOSMinVer(const PackageInfo& info) {
     return info.extra.get()->os_min_ver;
 }

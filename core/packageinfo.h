@@ -79,6 +79,8 @@ public:
     ~PackageInfoExtra();
 
     void copy(const PackageInfoExtra& other);
+    // Gives the record the state that a copy of it has (containers of records hold copies).
+    void dropUncopiedFields();
     PackageInfoExtraPrivate* get() { return d_; }
     const PackageInfoExtraPrivate* get() const { return d_; }
 

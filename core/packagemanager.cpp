@@ -18,6 +18,7 @@ struct PackageManagerPrivate {
     unsigned int intParam = 0;
     std::map<std::string, std::string> mapParams;
     PackageInfo packageInfo;
+    PackageManager::BreakerSnapshot breakers;
 };
 
 namespace {
@@ -121,6 +122,28 @@ const PackageInfo* PackageManager::getPackageInfoData() const {
 }
 PackageInfo* PackageManager::getPackageInfoData() {
     return &d_->packageInfo;
+}
+
+PackageManager::BreakerSnapshot PackageManager::makeBreakerSnapshot(
+    const std::vector<PackageInfo>& records) {
+    auto breakers = std::make_shared<std::map<std::string, PackageInfo>>();
+    for (const auto& info : records) {
+        if (!info.extra.get()->install_break_packages.empty()) {
+            breakers->emplace(info.name, info);
+        }
+    }
+    return breakers;
+}
+
+void PackageManager::useBreakerSnapshot(BreakerSnapshot snapshot) {
+    d_->breakers = std::move(snapshot);
+}
+
+bool PackageManager::isBrokenByInstalled(const PackageBasicInfo& pkg) {
+    if (d_->breakers) {
+        return IsBrokenByOtherPkg(pkg, nullptr, *d_->breakers);
+    }
+    return IsBrokenByOtherPkg(pkg, nullptr, nullptr);
 }
 
 void PackageManager::setSkipUpgradeCheck(bool skip) {

@@ -132,12 +132,20 @@ public:
     bool arePackagesInstallAndStart(const DepPkgVector& deps, Json::Value& missing,
                                     std::string& names, const char* language);
 
+    // Status queries over many packages share one registry scan: the installed packages that
+    // break others (loaded with PKG_MASK_PARSE_BREAK), instead of a scan per query.
+    using BreakerSnapshot = std::shared_ptr<const std::map<std::string, PackageInfo>>;
+    static BreakerSnapshot makeBreakerSnapshot(const std::vector<PackageInfo>& records);
+    void useBreakerSnapshot(BreakerSnapshot snapshot);
+
     // Package status (core/status.cpp).
     std::string getServiceScript(const std::string& name, PackageInfo& info);
     bool getServiceStatus(const std::string& name, bool& running, bool useScript, bool strict);
     bool getServiceStatus(const std::string& name, bool& running, bool useScript);
     int getPkgStatus(const std::string& name);
     bool getPkgRoughStatus(const std::string& name, int& rough);
+    // The rough status of a status that getPkgStatus gave, without asking again.
+    static bool roughStatusOf(int status, const std::string& name, int& rough);
     bool isStarted(const std::string& name, bool strict);
     bool isStarted(const std::string& name);
     unsigned int checkServiceStarted(unsigned int mask);
@@ -178,6 +186,9 @@ public:
     static void parseService(unsigned int mask, Json::Value& out);
 
 private:
+    // Whether `pkg` is broken by an installed package, through the snapshot when one is set.
+    bool isBrokenByInstalled(const PackageBasicInfo& pkg);
+
     std::string logFilePath_;
     std::unique_ptr<PackageManagerPrivate> d_;
 };

@@ -5,6 +5,8 @@
 
 #include <fcntl.h>
 
+#include <thread>
+
 #include "core/infoloader.h"
 #include "core/packagemanager.h"
 #include "lifecycle/script_mask.h"
@@ -43,6 +45,42 @@ struct ScanLanguage {
     bool given;
     std::string text;
 };
+
+enum class FolderLoad : char { Loaded, NoInfo, Bad };
+
+// Loads the INFO of each folder under `root` into the records[first + i], which must be fresh.
+// Large registries are split over two threads: the scan waits on the file system and parses,
+// and a listing of thousands of packages halves its wait.
+std::vector<FolderLoad> LoadFolders(const std::string& root,
+                                    const std::vector<std::string>& folders,
+                                    const ScanLanguage& lang, unsigned long long mask,
+                                    std::vector<PackageInfo>& records, size_t first) {
+    constexpr size_t kParallelFrom = 512;
+    std::vector<FolderLoad> states(folders.size(), FolderLoad::NoInfo);
+    auto load = [&](size_t begin, size_t end) {
+        for (size_t i = begin; i < end; ++i) {
+            bool missing = false;
+            PackageInfo& record = records[first + i];
+            if (PMSLoadPKGInfoFileImpl(root + "/" + folders[i], record, lang.get(), lang.given,
+                                       mask, &missing)) {
+                // Loaded in place rather than copied in, yet listings hold what a copy holds.
+                record.extra.dropUncopiedFields();
+                states[i] = FolderLoad::Loaded;
+            } else {
+                states[i] = missing ? FolderLoad::NoInfo : FolderLoad::Bad;
+            }
+        }
+    };
+    if (folders.size() < kParallelFrom || std::thread::hardware_concurrency() < 2) {
+        load(0, folders.size());
+        return states;
+    }
+    const size_t half = folders.size() / 2;
+    std::thread helper(load, 0, half);
+    load(half, folders.size());
+    helper.join();
+    return states;
+}
 
 }  // namespace
 
@@ -110,16 +148,17 @@ void PMSUnlockFile(int fd) {
 std::vector<std::string> PackageManager::enumPackages(const std::set<std::string>& volumes,
                                                       unsigned long long mask) {
     std::vector<std::string> out;
-    ScanLanguage lang(nullptr);
-    for (const auto& name : RegistryFolders(PKG_REGISTRY_DIR)) {
-        PackageInfo info;
-        const std::string dir = PMSRegistryDir(name);
-        bool missing = false;
-        if (!PMSLoadPKGInfoFileImpl(dir, info, lang.get(), false, mask, &missing)) {
+    const std::vector<std::string> folders = RegistryFolders(PKG_REGISTRY_DIR);
+    std::vector<PackageInfo> records(folders.size());
+    const std::vector<FolderLoad> states =
+        LoadFolders(PKG_REGISTRY_DIR, folders, ScanLanguage(nullptr), mask, records, 0);
+    for (size_t i = 0; i < folders.size(); ++i) {
+        if (states[i] != FolderLoad::Loaded) {
             continue;
         }
         std::string target;
-        if (!volumes.empty() && ZARNReadLink(dir + "/target", target) && !target.empty()) {
+        if (!volumes.empty() && ZARNReadLink(PMSRegistryDir(folders[i]) + "/target", target) &&
+            !target.empty()) {
             bool onVolume = false;
             for (std::string vol : volumes) {
                 if (vol.empty() || vol.back() != '/') {
@@ -131,7 +170,7 @@ std::vector<std::string> PackageManager::enumPackages(const std::set<std::string
                 continue;
             }
         }
-        out.push_back(name);
+        out.push_back(folders[i]);
     }
     return out;
 }
@@ -177,18 +216,24 @@ bool PackageManager::enumPackageInfoByPath(const char* path, std::vector<Package
         setResult(PKG_ERR_ENUM);
         return false;
     }
-    ScanLanguage language(lang);
-    out.reserve(out.size() + folders.size());
-    for (const auto& name : folders) {
-        const std::string dir = std::string(path) + "/" + name;
-        PackageInfo info;
-        bool missing = false;
-        if (PMSLoadPKGInfoFileImpl(dir, info, language.get(), language.given, mask, &missing)) {
-            out.push_back(std::move(info));
-        } else if (!missing) {
-            bad.push_back(name);
+    // Records are loaded in place; the rare folders without one are taken out afterwards.
+    const size_t first = out.size();
+    out.resize(first + folders.size());
+    const std::vector<FolderLoad> states =
+        LoadFolders(path, folders, ScanLanguage(lang), mask, out, first);
+    size_t kept = first;
+    for (size_t i = 0; i < folders.size(); ++i) {
+        if (states[i] == FolderLoad::Bad) {
+            bad.push_back(folders[i]);
+        }
+        if (states[i] == FolderLoad::Loaded) {
+            if (kept != first + i) {
+                out[kept] = out[first + i];
+            }
+            ++kept;
         }
     }
+    out.resize(kept);
     if (!bad.empty()) {
         Json::Value names(Json::arrayValue);
         for (const auto& b : bad) {

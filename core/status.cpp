@@ -107,7 +107,7 @@ bool PackageManager::getServiceStatus(const std::string& name, bool& running, bo
     if (!CanPackageStartInThisFirmware(info)) {
         goto tail;
     }
-    if (IsBrokenByOtherPkg(PackageBasicInfo(info.name, info.version), nullptr, nullptr)) {
+    if (isBrokenByInstalled(PackageBasicInfo(info.name, info.version))) {
         setResult(PKG_ERR_BROKEN_BY_OTHER);
         goto tail;
     }
@@ -220,7 +220,10 @@ int PackageManager::getPkgStatus(const std::string& name) {
 }
 
 bool PackageManager::getPkgRoughStatus(const std::string& name, int& rough) {
-    const int status = getPkgStatus(name);
+    return roughStatusOf(getPkgStatus(name), name, rough);
+}
+
+bool PackageManager::roughStatusOf(int status, const std::string& name, int& rough) {
     switch (status) {
         case 0:
             rough = 3;

@@ -291,13 +291,16 @@ bool PackageManager::areDependentPackageStop(const std::string& name, const char
                                              std::string& names) {
     names.clear();
     std::vector<std::string> shown;
-    for (const auto& info : ScanInstalled(language, kDepMaskOrder)) {
+    const std::vector<PackageInfo> records = ScanInstalled(language, kDepMaskOrder);
+    const BreakerSnapshot breakers = makeBreakerSnapshot(records);
+    for (const auto& info : records) {
         if (!DependsOn(info, name)) {
             continue;
         }
         bool counts = !info.startable;
         if (!counts) {
             PackageManager query;
+            query.useBreakerSnapshot(breakers);
             bool running = false;
             counts = query.getServiceStatus(info.name, running, true) && running;
         }

@@ -42,8 +42,9 @@ std::vector<PackageInfo> ScanInstalled(unsigned long long mask) {
 
 // Whether a package counts as running for the order of its dependants: started, or caught
 // between states by its job.
-bool IsActiveByStatus(const std::string& name) {
+bool IsActiveByStatus(const std::string& name, const PackageManager::BreakerSnapshot& breakers) {
     PackageManager query;
+    query.useBreakerSnapshot(breakers);
     if (query.isStarted(name, true)) {
         return true;
     }
@@ -152,6 +153,7 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
 
     // Only packages that the walk can reach matter, so the running state, which costs a status
     // query, is asked of those alone; the walk over the others would find nothing anyway.
+    const PackageManager::BreakerSnapshot breakers = makeBreakerSnapshot(records);
     enum Activity : char { kUnknown, kActive, kInactive };
     std::vector<char> activity(records.size(), kUnknown);
     auto isActive = [&](size_t i) {
@@ -160,7 +162,7 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
             if (!active && byEnabledFlag) {
                 active = PMSCheckEnabledFile(PMSRegistryDir(records[i].name).c_str());
             } else if (!active) {
-                active = IsActiveByStatus(records[i].name);
+                active = IsActiveByStatus(records[i].name, breakers);
             }
             activity[i] = active ? kActive : kInactive;
         }
@@ -321,8 +323,10 @@ bool PackageManager::areDependencyPkgStarting(const std::string& name) {
         ZLOGERR("failed to get dependency for %s", name.c_str());
         list.assign(1, name);
     }
+    const BreakerSnapshot breakers = makeBreakerSnapshot(ScanInstalled(kDepMaskBreak));
     for (const auto& p : list) {
         PackageManager query;
+        query.useBreakerSnapshot(breakers);
         bool running = false;
         if (!query.getServiceStatus(p, running, false) && query.getResult() == PKG_ERR_JOB_ERROR) {
             return true;

@@ -9,6 +9,7 @@
 
 #include "core/packagemanager.h"
 #include "core/registry.h"
+#include "platform/files.h"
 #include "platform/locks.h"
 #include "support/temproot.h"
 
@@ -191,4 +192,43 @@ TEST_F(Registry, PlainFileLocks) {
     PMSUnlockFile(-1);
     EXPECT_LT(PMSLockFile(nullptr, true), 0);
     EXPECT_LT(PMSLockFile("/no/such/dir/l", true), 0);
+}
+
+// Large registries are loaded in parallel; the listing must still follow the directory order,
+// report every bad folder, skip folders without INFO, and hold copies of the records.
+TEST_F(Registry, LargeScanMatchesFolderByFolderLoads) {
+    for (int i = 0; i < 700; ++i) {
+        const std::string name = "p" + std::to_string(i);
+        if (i % 97 == 5) {
+            writeFile("/var/packages/" + name + "/scripts/x", "");  // no INFO
+        } else if (i % 89 == 7) {
+            writeFile("/var/packages/" + name + "/INFO", "package=\"" + name + "\"\n");  // bad
+        } else {
+            addPackage(name, "", "exclude_model=\"m" + std::to_string(i) + "\"\n");
+        }
+    }
+    std::vector<ZARNDirEntry> entries;
+    ASSERT_TRUE(ZARNListDir("/var/packages", entries));
+    std::vector<std::string> expected;
+    std::vector<std::string> expectedBad;
+    for (const auto& e : entries) {
+        PackageInfo info;
+        if (PMSLoadPKGInfoFile("/var/packages/" + e.name, info, nullptr, PKG_MASK_ALL)) {
+            expected.push_back(info.name);
+            EXPECT_FALSE(PMSGetExcludeModels(info).empty());
+        } else if (IsFileExists("/var/packages/" + e.name + "/INFO")) {
+            expectedBad.push_back(e.name);
+        }
+    }
+    PackageManager pm;
+    std::vector<PackageInfo> records;
+    std::vector<std::string> bad;
+    EXPECT_FALSE(pm.enumPackageInfoByPath("/var/packages", records, bad, nullptr, PKG_MASK_ALL));
+    EXPECT_EQ(bad, expectedBad);
+    ASSERT_EQ(records.size(), expected.size());
+    for (size_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(records[i].name, expected[i]);
+        EXPECT_TRUE(PMSGetExcludeModels(records[i]).empty()) << records[i].name;
+    }
+    EXPECT_EQ(pm.enumPackages(static_cast<const char*>(nullptr), PKG_MASK_ALL), expected);
 }

@@ -193,6 +193,17 @@ TEST_F(Status, BrokenStates) {
     EXPECT_FALSE(pm.getServiceStatus("victim", running, true));
     EXPECT_EQ(pm.getResult(), PKG_ERR_BROKEN_BY_OTHER);
     EXPECT_EQ(status("victim"), 0x96);
+
+    // A shared scan of the breakers gives the same answers as a scan per query.
+    std::vector<PackageInfo> records;
+    pm.enumPackageInfo(records, nullptr, PKG_MASK_ALL);
+    const PackageManager::BreakerSnapshot breakers = PackageManager::makeBreakerSnapshot(records);
+    EXPECT_EQ(breakers->size(), 1u);
+    for (const auto& info : records) {
+        PackageManager shared;
+        shared.useBreakerSnapshot(breakers);
+        EXPECT_EQ(shared.getPkgStatus(info.name), status(info.name)) << info.name;
+    }
 }
 
 TEST_F(Status, NoControlScript) {
