@@ -32,6 +32,9 @@ int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& p
 int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& message,
                         const std::string& what, const Json::Value& params = Json::Value());
 int PrintUsage(const std::string& problem);
+const char* UsageText();
+// Words for a value of getPkgStatus.
+const char* StatusText(int status);
 
 // Commands.
 int CmdHostInit(CliContext& ctx);

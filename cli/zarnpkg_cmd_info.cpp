@@ -11,8 +11,11 @@ std::string RecordText(const Json::Value& record) {
         const Json::Value& v = record[key];
         std::string value;
         if (v.isString()) {
+            if (v.asString().empty()) {
+                continue;
+            }
             value = v.asString();
-        } else if (v.isNull()) {
+        } else if (v.isNull() || (v.isArray() && v.empty())) {
             continue;
         } else {
             Json::StreamWriterBuilder b;

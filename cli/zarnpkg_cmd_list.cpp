@@ -10,22 +10,6 @@ namespace {
 // A listing needs no icons.
 constexpr unsigned long long kListMask = PKG_MASK_ALL & ~0x8000000ULL;
 
-const char* RoughText(bool known, int rough) {
-    if (!known) {
-        return "unknown";
-    }
-    switch (rough) {
-        case 0:
-            return "not installed";
-        case 1:
-            return "stopped";
-        case 3:
-            return "running";
-        default:
-            return "error";
-    }
-}
-
 }  // namespace
 
 int CmdList(CliContext& ctx) {
@@ -56,8 +40,8 @@ int CmdList(CliContext& ctx) {
         entry["rough_status"] = known ? Json::Value(rough) : Json::Value();
         packages.append(entry);
         char line[1024];
-        std::snprintf(line, sizeof(line), "%-32s %-20s %s (0x%x)\n", info.name.c_str(),
-                      info.version.c_str(), RoughText(known, rough), status);
+        std::snprintf(line, sizeof(line), "%-32s %-20s %s\n", info.name.c_str(),
+                      info.version.c_str(), StatusText(status));
         text += line;
     }
     Json::Value out(Json::objectValue);

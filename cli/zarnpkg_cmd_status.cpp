@@ -4,37 +4,6 @@
 
 using namespace ZARNPackageTool;
 
-namespace {
-
-const char* StatusText(int status) {
-    switch (status) {
-        case 0:
-            return "running";
-        case 1:
-        case 2:
-        case 3:
-            return "stopped";
-        case 4:
-            return "no control script";
-        case 0x96:
-            return "broken";
-        case 0xff:
-            return "not installed";
-        case 0x100:
-            return "stopped by a firmware limit on its version";
-        case 0x101:
-            return "stopped by the system's package limit";
-        case 0x102:
-            return "not allowed on this system";
-        case 0x103:
-            return "system error";
-        default:
-            return "unknown";
-    }
-}
-
-}  // namespace
-
 int CmdStatus(CliContext& ctx) {
     if (ctx.args.size() != 1) {
         return PrintUsage("status takes one package name");

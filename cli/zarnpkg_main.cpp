@@ -1,6 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <string>
 
@@ -25,7 +26,7 @@ int main(int argc, char** argv) {
         } else if ((opt == "--root" || opt == "--lang") && i + 1 < argc) {
             (opt == "--root" ? root : ctx.lang) = argv[++i];
         } else if (opt == "-h" || opt == "--help") {
-            PrintUsage("");
+            std::cout << UsageText();
             return kExitOk;
         } else {
             return PrintUsage("unknown option " + opt);

@@ -71,14 +71,55 @@ int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& p
     return PrintFailureMessage(ctx, code, message, what, ParamsObject(pm.getMapParams()));
 }
 
+const char* StatusText(int status) {
+    switch (status) {
+        case 0:
+            return "running";
+        case 1:
+        case 2:
+        case 3:
+            return "stopped";
+        case 4:
+            return "no control script";
+        case 0x96:
+            return "broken";
+        case 0xff:
+            return "not installed";
+        case 0x100:
+            return "stopped by a firmware limit on its version";
+        case 0x101:
+            return "stopped by the system's package limit";
+        case 0x102:
+            return "not allowed on this system";
+        case 0x103:
+            return "system error";
+        default:
+            return "unknown";
+    }
+}
+
+const char* UsageText() {
+    return "usage: zarnpkg [--root DIR] [--lang LANG] [--json] [-v] COMMAND [ARGS]\n"
+           "commands:\n"
+           "  host-init [--volumes N]   make or complete a standalone root\n"
+           "  pack DIR -o FILE          build a QAR file from a package source folder\n"
+           "  check FILE                the full file check of a QAR file\n"
+           "  info NAME|FILE            a package's record\n"
+           "  list                      installed packages with version and status\n"
+           "  status NAME               status and rough status of a package\n"
+           "  log NAME                  the package's log text\n"
+           "  order [NAME]              stop order of all packages, or of NAME's dependants\n"
+           "options:\n"
+           "  --root DIR   work on the system tree in DIR instead of /\n"
+           "  --lang LANG  language of display names and descriptions\n"
+           "  --json       print one JSON object on standard output\n"
+           "  -v           copy the library's log lines to standard error\n";
+}
+
 int PrintUsage(const std::string& problem) {
     if (!problem.empty()) {
         std::cerr << "zarnpkg: " << problem << "\n";
     }
-    std::cerr << "usage: zarnpkg [--root DIR] [--lang LANG] [--json] [-v] COMMAND [ARGS]\n"
-                 "commands:\n"
-                 "  host-init            make or complete a standalone root\n"
-                 "  list                 installed packages with version and status\n"
-                 "  info NAME            a package's record\n";
+    std::cerr << UsageText();
     return kExitUsage;
 }

@@ -12,6 +12,7 @@
 #include "platform/process.h"
 #include "platform/programs.h"
 #include "platform/sysroot.h"
+#include "platform/textsplit.h"
 
 namespace ZARNPackageTool {
 
@@ -30,18 +31,10 @@ void LogLockHolders() {
         return;
     }
     const std::string lockFile = ZARNPhysicalPath(ZARNLockPath(PackageLockId));
-    const std::string& out = lslocks.getStdout();
-    size_t pos = 0;
-    while (pos < out.size()) {
-        size_t end = out.find('\n', pos);
-        if (end == std::string::npos) {
-            end = out.size();
-        }
-        const std::string line = out.substr(pos, end - pos);
+    for (const std::string& line : ZARNSplitText(lslocks.getStdout(), '\n')) {
         if (line.find(lockFile) != std::string::npos) {
             ZLOGERR("self: %d, Lock process: %s", static_cast<int>(getpid()), line.c_str());
         }
-        pos = end + 1;
     }
 }
 

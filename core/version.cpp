@@ -6,6 +6,7 @@
 #include "platform/errors.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"
+#include "platform/os_version.h"
 
 namespace ZARNPackageTool {
 
@@ -128,13 +129,17 @@ bool PackageBasicInfo::compare(const PackageBasicInfo& other, PKG_VERSION_COMPOP
             break;
         }
     }
+    return PMSVersionSignMeets(sign, op);
+}
+
+bool PMSVersionSignMeets(int sign, PKG_VERSION_COMPOP op) {
     switch (op) {
         case PKG_VER_EQ:
             return sign == 0;
         case PKG_VER_GT:
-            return sign == 1;
+            return sign > 0;
         case PKG_VER_LT:
-            return sign == -1;
+            return sign < 0;
         case PKG_VER_GE:
             return sign >= 0;
         case PKG_VER_LE:

@@ -17,6 +17,9 @@ ZARNPKG_API bool NormalizeVersion(std::string version, std::string other, std::s
 // Sign of (a - b) over versions compared number by number after normalising both; a missing
 // position counts 0. Returns false when normalising fails.
 bool PMSVersionSign(const std::string& a, const std::string& b, int& sign);
+// Whether a sign of (a - b) as above satisfies "a op b"; PKG_VER_ANY and unknown operators
+// always do.
+bool PMSVersionSignMeets(int sign, PKG_VERSION_COMPOP op);
 
 // The running OS: the compiled-in major, minor and build, and the sub-build of
 // /etc.defaults/VERSION.

@@ -5,6 +5,7 @@
 
 #include "core/packagemanager.h"
 #include "core/registry.h"
+#include "core/version.h"
 #include "dependency/depinternal.h"
 #include "dependency/depparse.h"
 #include "platform/log.h"
@@ -115,20 +116,7 @@ bool PMSDepSatisfied(const std::string& name, const std::string& version,
     }
     int sign = 0;
     if (constraint.op >= PKG_VER_ANY && PlainVersionSign(version, constraint.version, sign)) {
-        switch (constraint.op) {
-            case PKG_VER_EQ:
-                return sign == 0;
-            case PKG_VER_GT:
-                return sign > 0;
-            case PKG_VER_LT:
-                return sign < 0;
-            case PKG_VER_GE:
-                return sign >= 0;
-            case PKG_VER_LE:
-                return sign <= 0;
-            default:
-                return true;
-        }
+        return PMSVersionSignMeets(sign, constraint.op);
     }
     PackageBasicInfo installed(name, version);
     return installed.compare(constraint, constraint.op);

@@ -114,7 +114,7 @@ struct Graph::Impl {
         }
     }
 
-    void unlink(Id from, Id to) {
+    void removeEdge(Id from, Id to) {
         if (successors[from].erase(to) != 0) {
             predecessors[to].erase(from);
             if (successors[from].empty()) {
@@ -156,7 +156,7 @@ struct Graph::Impl {
             if (on) {
                 link(idAt(row), idAt(col));
             } else {
-                unlink(idAt(row), idAt(col));
+                removeEdge(idAt(row), idAt(col));
             }
         } else if (on) {
             putOutside(row, col);

@@ -11,19 +11,10 @@
 #include "core/version.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"
+#include "platform/os_version.h"
 #include "platform/process.h"
 #include "platform/sysroot.h"
 #include "privilege/privilege.h"
-
-#ifndef ZARN_OS_MAJOR
-#define ZARN_OS_MAJOR 6
-#endif
-#ifndef ZARN_OS_MINOR
-#define ZARN_OS_MINOR 2
-#endif
-#ifndef ZARN_OS_BUILD
-#define ZARN_OS_BUILD 25556
-#endif
 
 namespace ZARNPackageTool {
 

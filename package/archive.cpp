@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -61,6 +62,24 @@ void RemoveTmp(const std::string& tmp) {
     if (!tmp.empty() && ZARNPathExists(tmp) && !ZARNRemoveTree(tmp)) {
         ZLOGERR("Failed to rm tempdir %s", tmp.c_str());
     }
+}
+
+// Runs `use` on a fresh temporary folder for `file`; the folder goes on every path out.
+bool WithTmpDir(const std::string& file, const char* prefix,
+                const std::function<bool(const std::string&)>& use) {
+    if (file.empty()) {
+        ZLOGERR("Wrong parameters");
+        return false;
+    }
+    const std::string tmp = PMSMakeTmpDir(prefix);
+    if (tmp.empty()) {
+        ZLOGERR("Failed to generate temp filename");
+        return false;
+    }
+    ZARN_SCOPE_EXIT {
+        RemoveTmp(tmp);
+    };
+    return use(tmp);
 }
 
 std::string OSVersionText(const OSVersionNumbers& v) {
@@ -152,6 +171,16 @@ bool ExtractMetadata(const std::string& file, const std::string& tmp, PackageInf
     return true;
 }
 
+// The metadata every query of a package file starts from.
+bool QueryMetadata(const std::string& file, const std::string& tmp, PackageInfo& info,
+                   const char* lang, std::vector<TarMember>& members) {
+    if (!ExtractMetadata(file, tmp, info, lang, members)) {
+        ZLOGERR("Failed to query info");
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string PMSProgramPath(const std::string& path) {
@@ -224,127 +253,93 @@ int PMSQarExtract(const std::string& file, const std::vector<TarMember>& members
 
 bool PackageManager::queryPackageFileInfo(const std::string& file, PackageInfo& info,
                                           PKG_INSTALLATION_TYPE /*type*/, const char* lang) {
-    if (file.empty()) {
-        ZLOGERR("Wrong parameters");
-        return false;
-    }
-    const std::string tmp = PMSMakeTmpDir("pkgquery");
-    if (tmp.empty()) {
-        ZLOGERR("Failed to generate temp filename");
-        return false;
-    }
-    ZARN_SCOPE_EXIT {
-        RemoveTmp(tmp);
-    };
-    std::vector<TarMember> members;
-    if (!ExtractMetadata(file, tmp, info, lang, members)) {
-        ZLOGERR("Failed to query info");
-        return false;
-    }
-    return true;
+    return WithTmpDir(file, "pkgquery", [&](const std::string& tmp) {
+        std::vector<TarMember> members;
+        return QueryMetadata(file, tmp, info, lang, members);
+    });
 }
 
 bool PackageManager::queryPackageFileInfoWithWizard(const std::string& file, PackageInfo& info,
                                                     PKG_INSTALLATION_TYPE type, const char* lang) {
-    if (file.empty()) {
-        ZLOGERR("Wrong parameters");
-        return false;
-    }
-    const std::string tmp = PMSMakeTmpDir("pkgquery");
-    if (tmp.empty()) {
-        ZLOGERR("Failed to generate temp filename");
-        return false;
-    }
-    ZARN_SCOPE_EXIT {
-        RemoveTmp(tmp);
-    };
-    std::vector<TarMember> members;
-    if (!ExtractMetadata(file, tmp, info, lang, members)) {
-        ZLOGERR("Failed to query info");
-        return false;
-    }
-    const TarMember* license = PMSTarFindMember(members, "LICENSE");
-    if (license != nullptr) {
-        std::string command, out, err;
-        // Only the first MiB is shown, so a larger member is not worth writing at all.
-        if (PMSQarExtract(file, members, {"LICENSE"}, tmp, PMS_QAR_META_MAX, command, out, err) ==
-                0 &&
-            IsFileExists(tmp + "/LICENSE")) {
-            std::string text;
-            if (!ZARNFileRead(tmp + "/LICENSE", text, PMS_QAR_LICENSE_MAX)) {
-                ZLOGERR("Failed to read license file LICENSE in %s", tmp.c_str());
-                return false;
-            }
-            info.license = text;
+    return WithTmpDir(file, "pkgquery", [&](const std::string& tmp) {
+        std::vector<TarMember> members;
+        if (!QueryMetadata(file, tmp, info, lang, members)) {
+            return false;
         }
-    }
-    if (type == PKG_INSTALLATION_NONE) {
-        type = PMSCheckPackage(info.name) ? PKG_INSTALLATION_UPGRADE : PKG_INSTALLATION_INSTALL;
-    }
-    parseUIFile(file, tmp, type, info, lang);
-    return true;
+        const TarMember* license = PMSTarFindMember(members, "LICENSE");
+        if (license != nullptr) {
+            std::string command, out, err;
+            // Only the first MiB is shown, so a larger member is not worth writing at all.
+            if (PMSQarExtract(file, members, {"LICENSE"}, tmp, PMS_QAR_META_MAX, command, out,
+                              err) == 0 &&
+                IsFileExists(tmp + "/LICENSE")) {
+                std::string text;
+                if (!ZARNFileRead(tmp + "/LICENSE", text, PMS_QAR_LICENSE_MAX)) {
+                    ZLOGERR("Failed to read license file LICENSE in %s", tmp.c_str());
+                    return false;
+                }
+                info.license = text;
+            }
+        }
+        if (type == PKG_INSTALLATION_NONE) {
+            type = PMSCheckPackage(info.name) ? PKG_INSTALLATION_UPGRADE : PKG_INSTALLATION_INSTALL;
+        }
+        parseUIFile(file, tmp, type, info, lang);
+        return true;
+    });
 }
 
 bool PackageManager::verifyPackageTgzFile(const std::string& file, const char* checksum) {
-    if (file.empty()) {
-        ZLOGERR("Wrong parameters");
-        return false;
-    }
-    const std::string tmp = PMSMakeTmpDir("pkgverify");
-    if (tmp.empty()) {
-        ZLOGERR("Failed to generate temp filename");
-        return false;
-    }
-    ZARN_SCOPE_EXIT {
-        RemoveTmp(tmp);
-    };
-    // The work folder lies deep inside the unique folder, as the system has always made it.
-    const std::string work = tmp + "/" + tmp;
-    std::string out, err;
-    const std::vector<std::string> mkdirArgv = {ZARNMachineProgram("/bin/mkdir"), "-p",
-                                                PMSProgramPath(work)};
-    if (RunTool(mkdirArgv, out, err) != 0) {
-        ZLOGERR("Failed to mkdir tempdir %s", work.c_str());
-        return false;
-    }
-    ZARN_SCOPE_EXIT {
-        const std::vector<std::string> rmArgv = {ZARNMachineProgram("/bin/rm"), "-rf",
-                                                 PMSProgramPath(work)};
-        std::string o, e;
-        if (RunTool(rmArgv, o, e) != 0) {
-            ZLOGERR("Failed to rm tempdir %s", work.c_str());
+    return WithTmpDir(file, "pkgverify", [&](const std::string& tmp) {
+        // The work folder lies deep inside the unique folder, as the system has always made it.
+        const std::string work = tmp + "/" + tmp;
+        std::string out, err;
+        const std::vector<std::string> mkdirArgv = {ZARNMachineProgram("/bin/mkdir"), "-p",
+                                                    PMSProgramPath(work)};
+        if (RunTool(mkdirArgv, out, err) != 0) {
+            ZLOGERR("Failed to mkdir tempdir %s", work.c_str());
+            return false;
         }
-    };
-    if (checksum == nullptr) {
+        ZARN_SCOPE_EXIT {
+            const std::vector<std::string> rmArgv = {ZARNMachineProgram("/bin/rm"), "-rf",
+                                                     PMSProgramPath(work)};
+            std::string o, e;
+            if (RunTool(rmArgv, o, e) != 0) {
+                ZLOGERR("Failed to rm tempdir %s", work.c_str());
+            }
+        };
+        if (checksum == nullptr) {
+            return true;
+        }
+        std::vector<TarMember> members;
+        std::string why;
+        if (!PMSQarListVetted(file, members, why)) {
+            ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
+            return false;
+        }
+        const TarMember* tgz = PMSTarFindMember(members, "package.tgz");
+        if (tgz == nullptr || (tgz->type != '0' && tgz->type != '7')) {
+            ZLOGERR("No regular member package.tgz in %s", file.c_str());
+            ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
+            return false;
+        }
+        if (!PMSCheckSpace(work.c_str(), tgz->size)) {
+            ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
+            return false;
+        }
+        std::string command;
+        if (PMSQarExtract(file, members, {"package.tgz"}, work, tgz->size, command, out, err) !=
+            0) {
+            ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
+            return false;
+        }
+        const std::string extracted = work + "/package.tgz";
+        if (!PMSCompareCheckSum(extracted.c_str(), checksum)) {
+            ZLOGERR("Failed to verify %s", extracted.c_str());
+            return false;
+        }
         return true;
-    }
-    std::vector<TarMember> members;
-    std::string why;
-    if (!PMSQarListVetted(file, members, why)) {
-        ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
-        return false;
-    }
-    const TarMember* tgz = PMSTarFindMember(members, "package.tgz");
-    if (tgz == nullptr || (tgz->type != '0' && tgz->type != '7')) {
-        ZLOGERR("No regular member package.tgz in %s", file.c_str());
-        ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
-        return false;
-    }
-    if (!PMSCheckSpace(work.c_str(), tgz->size)) {
-        ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
-        return false;
-    }
-    std::string command;
-    if (PMSQarExtract(file, members, {"package.tgz"}, work, tgz->size, command, out, err) != 0) {
-        ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
-        return false;
-    }
-    const std::string extracted = work + "/package.tgz";
-    if (!PMSCompareCheckSum(extracted.c_str(), checksum)) {
-        ZLOGERR("Failed to verify %s", extracted.c_str());
-        return false;
-    }
-    return true;
+    });
 }
 
 int PackageManager::compareWithInstallPkgInfo(const PackageInfo& info) {

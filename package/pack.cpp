@@ -15,6 +15,7 @@
 #include "platform/programs.h"
 #include "platform/scope_guard.h"
 #include "platform/sysroot.h"
+#include "platform/textsplit.h"
 
 namespace ZARNPackageTool {
 
@@ -86,19 +87,12 @@ bool CheckInfoKeys(const std::map<std::string, std::string>& keys, std::string& 
 std::string InfoText(const std::string& text, const std::string& checksum,
                      unsigned long long extractKiB) {
     std::string out;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        const std::string line = text.substr(start, end - start);
+    for (const std::string& line : ZARNSplitText(text, '\n')) {
         const size_t eq = line.find('=');
         const std::string key = eq == std::string::npos ? "" : Trim(line.substr(0, eq));
         if (key != "checksum" && key != "extractsize") {
             out += line + "\n";
         }
-        start = end + 1;
     }
     out += "checksum=\"" + checksum + "\"\n";
     out += "extractsize=\"" + std::to_string(extractKiB) + "\"\n";

@@ -11,6 +11,7 @@
 
 #include "platform/files.h"
 #include "platform/keyfile.h"
+#include "platform/textsplit.h"
 
 namespace {
 
@@ -29,21 +30,13 @@ int PortKey(const char* key, int fallback) {
 
 // "80,443,6000:6010/tcp" style lists.
 bool PortListHas(const std::string& list, int port) {
-    std::string ports = list.substr(0, list.find('/'));
-    size_t start = 0;
-    while (start < ports.size()) {
-        size_t comma = ports.find(',', start);
-        if (comma == std::string::npos) {
-            comma = ports.size();
-        }
-        const std::string item = ports.substr(start, comma - start);
+    for (const std::string& item : ZARNSplitText(list.substr(0, list.find('/')), ',')) {
         const size_t colon = item.find(':');
         const int low = std::atoi(item.c_str());
         const int high = colon == std::string::npos ? low : std::atoi(item.c_str() + colon + 1);
         if (port >= low && port <= high) {
             return true;
         }
-        start = comma + 1;
     }
     return false;
 }

@@ -147,42 +147,34 @@ bool ReadGroups(std::vector<GroupLine>& groups) {
     return true;
 }
 
-int FindUser(const std::string& name, ZARNUserRecord& out) {
+// Looks one entry up by name in what `read` gives; `notFound` is the error when none has it.
+template <typename Entry>
+int FindByName(const std::string& name, bool (*read)(std::vector<Entry>&), int notFound,
+               Entry& out) {
     if (name.empty()) {
         VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
         return -1;
     }
-    std::vector<ZARNUserRecord> users;
-    if (!ReadUsers(users)) {
+    std::vector<Entry> entries;
+    if (!read(entries)) {
         return -1;
     }
-    for (const auto& user : users) {
-        if (user.name == name) {
-            out = user;
+    for (const auto& entry : entries) {
+        if (entry.name == name) {
+            out = entry;
             return 0;
         }
     }
-    VLIBCErrSet(ZARN_ERR_USER_NOT_FOUND);
+    VLIBCErrSet(notFound);
     return -1;
 }
 
+int FindUser(const std::string& name, ZARNUserRecord& out) {
+    return FindByName(name, ReadUsers, ZARN_ERR_USER_NOT_FOUND, out);
+}
+
 int FindGroup(const std::string& name, GroupLine& out) {
-    if (name.empty()) {
-        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
-        return -1;
-    }
-    std::vector<GroupLine> groups;
-    if (!ReadGroups(groups)) {
-        return -1;
-    }
-    for (const auto& group : groups) {
-        if (group.name == name) {
-            out = group;
-            return 0;
-        }
-    }
-    VLIBCErrSet(ZARN_ERR_GROUP_NOT_FOUND);
-    return -1;
+    return FindByName(name, ReadGroups, ZARN_ERR_GROUP_NOT_FOUND, out);
 }
 
 // A name that the account tools accept and that can never be read as an option or a path.
@@ -236,6 +228,27 @@ unsigned long FirstFreeId(const std::set<unsigned long>& used) {
         ++id;
     }
     return id;
+}
+
+// Creates a group or user ("kind") with the first id that `used` leaves free; `options` go
+// between the id and the name.
+int CreateAccount(const char* kind, const std::string& name, const char* tool, const char* idOption,
+                  const std::set<unsigned long>& used, const std::vector<std::string>& options) {
+    unsigned long id = FirstFreeId(used);
+    if (id > kLastAccountId) {
+        ZLOGERR("Failed to create %s %s: no free id", kind, name.c_str());
+        VLIBCErrSet(ZARN_ERR_NO_SPACE);
+        return -1;
+    }
+    std::vector<std::string> argv = AccountTool(tool);
+    argv.insert(argv.end(), {idOption, std::to_string(id)});
+    argv.insert(argv.end(), options.begin(), options.end());
+    argv.insert(argv.end(), {"--", name});
+    if (RunAccountTool(std::move(argv)) < 0) {
+        ZLOGERR("Failed to create %s %s %s", kind, name.c_str(), ZARNLastErrorSuffix().c_str());
+        return -1;
+    }
+    return 0;
 }
 
 // Sets the primary group and home of one line of /etc/passwd, keeping every other line and
@@ -351,19 +364,9 @@ int ZARNLocalAccountUserPrepareForPkg(const std::string& user, const std::string
             primary = &g;
         }
     }
-    if (primary == nullptr) {
-        unsigned long gid = FirstFreeId(usedGids);
-        if (gid > kLastAccountId) {
-            ZLOGERR("Failed to create group %s: no free id", group.c_str());
-            VLIBCErrSet(ZARN_ERR_NO_SPACE);
-            return -1;
-        }
-        std::vector<std::string> argv = AccountTool("/usr/sbin/groupadd");
-        argv.insert(argv.end(), {"-g", std::to_string(gid), "--", group});
-        if (RunAccountTool(std::move(argv)) < 0) {
-            ZLOGERR("Failed to create group %s %s", group.c_str(), ZARNLastErrorSuffix().c_str());
-            return -1;
-        }
+    if (primary == nullptr &&
+        CreateAccount("group", group, "/usr/sbin/groupadd", "-g", usedGids, {}) < 0) {
+        return -1;
     }
 
     const ZARNUserRecord* existing = nullptr;
@@ -375,20 +378,9 @@ int ZARNLocalAccountUserPrepareForPkg(const std::string& user, const std::string
         }
     }
     if (existing == nullptr) {
-        unsigned long uid = FirstFreeId(usedUids);
-        if (uid > kLastAccountId) {
-            ZLOGERR("Failed to create user %s: no free id", user.c_str());
-            VLIBCErrSet(ZARN_ERR_NO_SPACE);
-            return -1;
-        }
-        std::vector<std::string> argv = AccountTool("/usr/sbin/useradd");
-        argv.insert(argv.end(), {"-u", std::to_string(uid), "-g", group, "-d", home, "-M", "-s",
-                                 "/sbin/nologin", "-c", "package " + user, "--", user});
-        if (RunAccountTool(std::move(argv)) < 0) {
-            ZLOGERR("Failed to create user %s %s", user.c_str(), ZARNLastErrorSuffix().c_str());
-            return -1;
-        }
-        return 0;
+        return CreateAccount(
+            "user", user, "/usr/sbin/useradd", "-u", usedUids,
+            {"-g", group, "-d", home, "-M", "-s", "/sbin/nologin", "-c", "package " + user});
     }
 
     gid_t wantGid = static_cast<gid_t>(-1);

@@ -137,6 +137,40 @@ ZARNFileType TypeFromMode(mode_t mode) {
     return ZARNFileType::Other;
 }
 
+// Writes all of `data` through a descriptor opened with `extraFlags` (truncate or append).
+bool WriteWithFlags(const std::string& path, const std::string& data, int extraFlags, mode_t mode) {
+    if (BadPath(path)) {
+        return false;
+    }
+    int fd = OpenForWrite(ZARNPhysicalPath(path), extraFlags, mode);
+    if (fd < 0) {
+        SET_ERRNO_ERROR();
+        return false;
+    }
+    if (!WriteAllFd(fd, data.data(), data.size())) {
+        SET_ERRNO_ERROR();
+        CloseKeepErrno(fd);
+        return false;
+    }
+    if (close(fd) != 0) {
+        SET_ERRNO_ERROR();
+        return false;
+    }
+    return true;
+}
+
+// Syncs each path; all are tried, and a failure of any makes the result false.
+bool FsyncEach(const std::vector<std::string>& paths, bool directories) {
+    bool ok = true;
+    for (const std::string& path : paths) {
+        if (BadPath(path) || !FsyncPath(ZARNPhysicalPath(path), directories)) {
+            SET_ERRNO_ERROR();
+            ok = false;
+        }
+    }
+    return ok;
+}
+
 // Removes `name` inside the directory `parentFd` without following links.
 bool RemoveAt(int parentFd, const char* name) {
     if (unlinkat(parentFd, name, 0) == 0 || errno == ENOENT) {
@@ -330,24 +364,7 @@ bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
 }
 
 bool ZARNFileWrite(const std::string& path, const std::string& data, mode_t mode) {
-    if (BadPath(path)) {
-        return false;
-    }
-    int fd = OpenForWrite(ZARNPhysicalPath(path), O_TRUNC, mode);
-    if (fd < 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    if (!WriteAllFd(fd, data.data(), data.size())) {
-        SET_ERRNO_ERROR();
-        CloseKeepErrno(fd);
-        return false;
-    }
-    if (close(fd) != 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    return true;
+    return WriteWithFlags(path, data, O_TRUNC, mode);
 }
 
 bool ZARNFileWriteDurable(const std::string& path, const std::string& data, mode_t mode) {
@@ -394,24 +411,7 @@ bool ZARNFileWriteDurable(const std::string& path, const std::string& data, mode
 }
 
 bool ZARNFileAppend(const std::string& path, const std::string& data, mode_t mode) {
-    if (BadPath(path)) {
-        return false;
-    }
-    int fd = OpenForWrite(ZARNPhysicalPath(path), O_APPEND, mode);
-    if (fd < 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    if (!WriteAllFd(fd, data.data(), data.size())) {
-        SET_ERRNO_ERROR();
-        CloseKeepErrno(fd);
-        return false;
-    }
-    if (close(fd) != 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    return true;
+    return WriteWithFlags(path, data, O_APPEND, mode);
 }
 
 bool ZARNFileTouch(const std::string& path, mode_t mode) {
@@ -665,23 +665,9 @@ bool ZARNUtimeNow(const std::string& path) {
 }
 
 bool FsyncFiles(const std::vector<std::string>& paths) {
-    bool ok = true;
-    for (const std::string& path : paths) {
-        if (BadPath(path) || !FsyncPath(ZARNPhysicalPath(path), false)) {
-            SET_ERRNO_ERROR();
-            ok = false;
-        }
-    }
-    return ok;
+    return FsyncEach(paths, false);
 }
 
 bool FsyncDirectories(const std::vector<std::string>& paths) {
-    bool ok = true;
-    for (const std::string& path : paths) {
-        if (BadPath(path) || !FsyncPath(ZARNPhysicalPath(path), true)) {
-            SET_ERRNO_ERROR();
-            ok = false;
-        }
-    }
-    return ok;
+    return FsyncEach(paths, true);
 }

@@ -13,18 +13,10 @@
 #include "platform/json.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"
+#include "platform/os_version.h"
 #include "platform/sysroot.h"
+#include "platform/textsplit.h"
 #include "platform/volumes.h"
-
-#ifndef ZARN_OS_MAJOR
-#define ZARN_OS_MAJOR 6
-#endif
-#ifndef ZARN_OS_MINOR
-#define ZARN_OS_MINOR 2
-#endif
-#ifndef ZARN_OS_BUILD
-#define ZARN_OS_BUILD 25556
-#endif
 
 namespace {
 
@@ -186,15 +178,8 @@ bool EnsureAccountLines(const std::string& path, const std::vector<std::string>&
         text.clear();
     }
     std::map<std::string, bool> present;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        const std::string line = text.substr(start, end - start);
+    for (const std::string& line : ZARNSplitText(text, '\n')) {
         present[line.substr(0, line.find(':'))] = true;
-        start = end + 1;
     }
     std::string added;
     for (const std::string& line : lines) {

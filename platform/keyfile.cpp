@@ -128,9 +128,11 @@ void ParseAllKeys(std::string_view text, std::string_view sep,
     }
 }
 
-void ParseWantedKeys(std::string_view text, std::string_view sep,
-                     const std::vector<std::string>& wanted,
-                     std::map<std::string, std::string>& out) {
+// Hands the first occurrence of each wanted key to `take(index, value, line)`, and stops
+// reading once every key has been seen.
+template <typename Take>
+void ScanWantedKeys(std::string_view text, std::string_view sep,
+                    const std::vector<std::string>& wanted, Take take) {
     WantedKeys lookup(wanted);
     std::vector<bool> seen(wanted.size(), false);
     size_t remaining = wanted.size();
@@ -146,8 +148,17 @@ void ParseWantedKeys(std::string_view text, std::string_view sep,
         }
         seen[static_cast<size_t>(index)] = true;
         --remaining;
-        out[wanted[static_cast<size_t>(index)]].assign(value.data(), value.size());
+        take(static_cast<size_t>(index), value, line);
     }
+}
+
+void ParseWantedKeys(std::string_view text, std::string_view sep,
+                     const std::vector<std::string>& wanted,
+                     std::map<std::string, std::string>& out) {
+    ScanWantedKeys(text, sep, wanted,
+                   [&](size_t index, std::string_view value, std::string_view /*line*/) {
+                       out[wanted[index]].assign(value.data(), value.size());
+                   });
 }
 
 }  // namespace
@@ -157,23 +168,13 @@ void ZARNKeyTextParseViews(std::string_view text, const char* sep,
                            std::vector<std::string_view>& values) {
     std::string_view separator = (sep != nullptr && sep[0] != '\0') ? sep : "=";
     values.assign(wanted.size(), std::string_view());
-    WantedKeys lookup(wanted);
-    size_t remaining = wanted.size();
-    LineReader reader(text);
-    std::string_view line, key, value;
-    while (remaining > 0 && reader.next(line)) {
-        if (!ParseKeyLine(line, separator, key, value)) {
-            continue;
-        }
-        long index = lookup.find(key);
-        if (index < 0 || values[static_cast<size_t>(index)].data() != nullptr) {
-            continue;
-        }
-        --remaining;
-        // A present empty value still points into the text, so it differs from an absent one.
-        values[static_cast<size_t>(index)] =
-            value.data() != nullptr ? value : std::string_view(line.data() + line.size(), 0);
-    }
+    ScanWantedKeys(
+        text, separator, wanted, [&](size_t index, std::string_view value, std::string_view line) {
+            // A present empty value still points into the text, so it differs from
+            // an absent one.
+            values[index] =
+                value.data() != nullptr ? value : std::string_view(line.data() + line.size(), 0);
+        });
 }
 
 namespace {
@@ -186,6 +187,17 @@ bool ValidKey(const std::string& key) {
 bool ValidValue(const std::string& value) {
     return value.find_first_of("\n\r") == std::string::npos &&
            value.find('\0') == std::string::npos;
+}
+
+// A key and value that fit on one line of a key file; anything else is refused as a bad
+// parameter.
+bool CheckKeyLine(const std::string& key, const std::string& value) {
+    if (!ValidKey(key) || !ValidValue(value)) {
+        errno = EINVAL;
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        return false;
+    }
+    return true;
 }
 
 void AppendKeyLine(std::string& text, const std::string& key, const std::string& value) {
@@ -278,9 +290,7 @@ int VLIBCFileGetKeyValue(const std::string& path, const std::string& key, std::s
 
 bool VLIBCFileSetKeyValue(const std::string& path, const std::string& key,
                           const std::string& value) {
-    if (!ValidKey(key) || !ValidValue(value)) {
-        errno = EINVAL;
-        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+    if (!CheckKeyLine(key, value)) {
         return false;
     }
     std::string text;
@@ -323,9 +333,7 @@ bool VLIBCFileSetKeyValue(const std::string& path, const std::string& key,
 bool ZARNKeyFileWrite(const std::string& path, const std::map<std::string, std::string>& values) {
     std::string text;
     for (const auto& entry : values) {
-        if (!ValidKey(entry.first) || !ValidValue(entry.second)) {
-            errno = EINVAL;
-            VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        if (!CheckKeyLine(entry.first, entry.second)) {
             return false;
         }
         AppendKeyLine(text, entry.first, entry.second);
@@ -417,9 +425,7 @@ bool ZARNIniFileWrite(const std::string& path, const std::vector<ZARNIniSection>
         text.append(section.name);
         text.append("]\n");
         for (const auto& entry : section.values) {
-            if (!ValidKey(entry.first) || !ValidValue(entry.second)) {
-                errno = EINVAL;
-                VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+            if (!CheckKeyLine(entry.first, entry.second)) {
                 return false;
             }
             AppendKeyLine(text, entry.first, entry.second);

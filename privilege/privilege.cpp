@@ -141,9 +141,9 @@ bool SetDefaultOwner(const std::string& staging, int identity, uid_t uid, gid_t 
         VLIBCErrSet(PRIV_ERR_NOT_THERE);
         return false;
     }
-    ZARNUtils::ProcessRunner chown(
+    ZARNUtils::ProcessRunner chownTree(
         {ZARNMachineProgram("/bin/chown"), "-hR", owner, ZARNPhysicalPath(tree)});
-    if (chown.run() != 0) {
+    if (chownTree.run() != 0) {
         VLIBCErrSet(ZARN_ERR_EXEC);
         return false;
     }
@@ -257,13 +257,8 @@ bool SetIdentity(ZARNUtils::ProcessRunner& runner, const std::string& name,
         identity = GetDefaultIdentity(config);
     }
     const std::string username = GetConfString(config, "username", name);
-    // An account that can't be found would leave the script without an identity to take; the
-    // runner refuses to run then, and the caller hears it here first.
-    if ((identity == IDENTITY_PACKAGE || identity == IDENTITY_SYSTEM) &&
-        ZARNUserGetUGID(username, nullptr, nullptr) < 0) {
-        ZLOGERR("Failed to get %s [0x%04X %s:%d]", username.c_str(), PRIV_LAST_ERROR);
-        return false;
-    }
+    // An account that can't be found makes the runner refuse to run the script, never run it
+    // with the caller's identity.
     if (identity == IDENTITY_PACKAGE) {
         runner.setRuntimeIdentity(username, true);
     } else if (identity == IDENTITY_SYSTEM) {

@@ -16,13 +16,8 @@ const gid_t kSystemGid = 1;
 }  // namespace
 
 int ExeWalker::walk(Json::Value const& element) {
-    if (!element.isMember("relpath") || !element["relpath"].isString() ||
-        !element.isMember("run-as") || !element["run-as"].isString()) {
-        VLIBCErrSet(PRIV_ERR_BAD_CONF);
-        return WALK_FAILED;
-    }
     std::string path;
-    int fd = OpenRelPath(element["relpath"].asString(), path);
+    int fd = OpenElement(element, {"relpath", "run-as"}, path);
     if (fd < 0) {
         return WALK_FAILED;
     }

@@ -13,10 +13,6 @@ namespace Privilege {
 
 namespace {
 
-bool IsStringMember(Json::Value const& element, const char* key) {
-    return element.isMember(key) && element[key].isString();
-}
-
 // "root" or "package"; anything else is refused, an empty word as bad content.
 bool TranslateOwner(std::string const& word, unsigned int pkgId, unsigned int& id) {
     if (word == "root") {
@@ -47,9 +43,6 @@ bool ParsePermission(std::string const& text, mode_t& mode) {
     if (end == nullptr || *end != '\0') {
         return false;
     }
-    if ((value & 06000) != 0 && (value & 0022) != 0) {
-        return false;
-    }
     mode = static_cast<mode_t>(value);
     return true;
 }
@@ -57,14 +50,8 @@ bool ParsePermission(std::string const& text, mode_t& mode) {
 }  // namespace
 
 int ToolWalker::walk(Json::Value const& element) {
-    for (const char* key : {"relpath", "user", "group", "permission"}) {
-        if (!IsStringMember(element, key)) {
-            VLIBCErrSet(PRIV_ERR_BAD_CONF);
-            return WALK_FAILED;
-        }
-    }
     std::string path;
-    int fd = OpenRelPath(element["relpath"].asString(), path);
+    int fd = OpenElement(element, {"relpath", "user", "group", "permission"}, path);
     if (fd < 0) {
         return WALK_FAILED;
     }

@@ -42,5 +42,16 @@ int ReviseWalker::OpenRelPath(std::string const& relpath, std::string& path) con
     return fd;
 }
 
+int ReviseWalker::OpenElement(Json::Value const& element, std::initializer_list<const char*> keys,
+                              std::string& path) const {
+    for (const char* key : keys) {
+        if (!element.isMember(key) || !element[key].isString()) {
+            VLIBCErrSet(PRIV_ERR_BAD_CONF);
+            return -1;
+        }
+    }
+    return OpenRelPath(element["relpath"].asString(), path);
+}
+
 }  // namespace Privilege
 }  // namespace ZARNPackageTool

@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "platform/export.h"
@@ -25,6 +26,10 @@ protected:
     // Resolves the element's "relpath" under the top folder and opens the regular file there
     // read-only; the descriptor, or -1 with the error slot set (the path is given back).
     int OpenRelPath(std::string const& relpath, std::string& path) const;
+    // The same for a list element, once each of `keys` (the first being "relpath") is found
+    // there as a string; a missing or other-typed key is bad content.
+    int OpenElement(Json::Value const& element, std::initializer_list<const char*> keys,
+                    std::string& path) const;
 
 private:
     std::string topDir_;

@@ -12,6 +12,12 @@ run() { echo "+ zarnpkg $*"; "$zarnpkg" --root "$root" "$@"; }
 
 run host-init
 
+# A package author's view: pack the example, check it against this host, read its record.
+qar="$root/tmp/hello.qar"
+run pack "$here/examples/hello" -o "$qar"
+run check "$qar"
+run info "$qar"
+
 # Until packages install from QAR files, lay down one registry entry by hand: the INFO file,
 # a payload folder on /volume1 and the target link to it.
 mkdir -p "$root/var/packages/hello/scripts" "$root/volume1/@appstore/hello"
@@ -29,5 +35,7 @@ ln -sfn "$root/volume1/@appstore/hello" "$root/var/packages/hello/target"
 
 run list
 run info hello
+run status hello
+run order
 run --json list
 echo "standalone root: $root"

@@ -12,7 +12,7 @@
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/services.h"
-#include "tests/support/temproot.h"
+#include "support/temproot.h"
 
 using namespace ZARNPackageTool;
 

@@ -8,7 +8,7 @@
 #include "core/packageinfo.h"
 #include "platform/json.h"
 #include "platform/keyfile.h"
-#include "tests/support/temproot.h"
+#include "support/temproot.h"
 
 using namespace ZARNPackageTool;
 

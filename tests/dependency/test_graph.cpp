@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "support/temproot.h"
 #include "tests/support/matrix_graph.h"
-#include "tests/support/temproot.h"
 
 using ZARNPackageTool::Graph;
 using ZARNTest::MatrixGraph;

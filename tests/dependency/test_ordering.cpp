@@ -13,7 +13,7 @@
 #include "dependency/graph.h"
 #include "platform/files.h"
 #include "platform/services.h"
-#include "tests/support/temproot.h"
+#include "support/temproot.h"
 
 using namespace ZARNPackageTool;
 

@@ -7,7 +7,8 @@
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/process.h"
-#include "tests/support/temproot.h"
+#include "support/cli_runner.h"
+#include "support/temproot.h"
 
 namespace {
 
@@ -24,14 +25,10 @@ protected:
     }
 
     int run(const std::vector<std::string>& args, std::string& out, std::string& err) {
-        std::vector<std::string> argv{std::string(ZARN_BINARY_DIR) + "/zarnpkg", "--root", root()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        ZARNUtils::ProcessRunner runner(argv);
-        runner.unsetEnv("ZARNPKG_ROOT").captureOutput();
-        int status = runner.run();
-        out = runner.getStdout();
-        err = runner.getStderr();
-        return status;
+        CliRun r = RunZarnpkg(root(), args);
+        out = r.out;
+        err = r.err;
+        return r.status;
     }
 
     static std::vector<std::string> Lines(const std::string& text) {

@@ -3,29 +3,14 @@
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/process.h"
+#include "support/cli_runner.h"
 #include "support/temproot.h"
 
 namespace {
 
-struct CliRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
 class PackCheckE2ETest : public TempRootTest {
 protected:
-    CliRun zarnpkg(std::vector<std::string> args) {
-        std::vector<std::string> argv = {ZARN_BINARY_DIR "/zarnpkg", "--root", root()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        ZARNUtils::ProcessRunner runner(argv);
-        runner.captureOutput();
-        CliRun r;
-        r.status = runner.run();
-        r.out = runner.getStdout();
-        r.err = runner.getStderr();
-        return r;
-    }
+    CliRun zarnpkg(const std::vector<std::string>& args) { return RunZarnpkg(root(), args); }
 
     static Json::Value Parse(const std::string& text) {
         Json::Value v;

@@ -7,6 +7,7 @@
 #include "platform/json.h"
 #include "platform/process.h"
 #include "platform/services.h"
+#include "support/cli_runner.h"
 #include "support/temproot.h"
 
 namespace {
@@ -14,15 +15,10 @@ namespace {
 class StatusCli : public TempRootTest {
 protected:
     int zarnpkg(const std::vector<std::string>& args, std::string& out, std::string& err) {
-        std::vector<std::string> argv{ZARN_BINARY_DIR "/zarnpkg", "--root", root()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        ZARNUtils::ProcessRunner runner(argv);
-        runner.captureOutput();
-        runner.unsetEnv("ZARNPKG_ROOT");
-        int ret = runner.run();
-        out = runner.getStdout();
-        err = runner.getStderr();
-        return ret;
+        CliRun r = RunZarnpkg(root(), args);
+        out = r.out;
+        err = r.err;
+        return r.status;
     }
     void addPackage(const std::string& name, const std::string& script) {
         const std::string dir = "/var/packages/" + name;

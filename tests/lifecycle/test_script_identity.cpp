@@ -133,16 +133,18 @@ TEST_F(ScriptIdentity, RunAsRootStaysRootAsRoot) {
 
     // A package whose account doesn't exist never has its script run as root instead.
     addPackage("ghostpkg", R"({"defaults": {"run-as": "package"}})");
+    // The identity is taken as written; the script can't be run under it.
     ZARNUtils::ProcessRunner runner({ZARNPhysicalPath("/var/packages/ghostpkg/scripts/postinst")});
-    EXPECT_FALSE(Privilege::SetIdentity(runner, "ghostpkg", "postinst", ""));
+    EXPECT_TRUE(Privilege::SetIdentity(runner, "ghostpkg", "postinst", ""));
+    EXPECT_EQ(runner.run(), -1);
     writeFile("/var/packages/ghostpkg/scripts/start-stop-status",
               "#!/bin/sh\n: > \"$ZARNPKG_PKGDEST/status-ran\"\nexit 0\n", 0755);
     PackageManager pm;
     bool running = true;
     EXPECT_FALSE(pm.getServiceStatus("ghostpkg", running, true));
     EXPECT_FALSE(running);
-    EXPECT_EQ(pm.getResult(), PKG_ERR_BAD_PACKAGE);
-    EXPECT_NE(logText().find("Failed to set identity for ghostpkg [0x"), std::string::npos);
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SYSTEM);
+    EXPECT_NE(logText().find("Failed to query package status, ghostpkg"), std::string::npos);
     EXPECT_FALSE(IsFileExists("/volume1/@appstore/ghostpkg/status-ran"));
 }
 

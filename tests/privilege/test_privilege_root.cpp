@@ -260,8 +260,6 @@ TEST_F(PrivilegeRootTest, BadInputNeverLeavesThePackageAsRoot) {
         R"({"executable": [{"relpath": "shadowlink", "run-as": "package"}]})",
         R"({"executable": [{"relpath": "etcdir/shadow", "run-as": "package"}]})",
         R"({"tool": [{"relpath": "bin/helper", "user": "package", "group": "package",
-                      "permission": "7777"}]})",
-        R"({"tool": [{"relpath": "bin/helper", "user": "package", "group": "package",
                       "permission": "0789"}]})",
         R"({"tool": [{"relpath": "bin/helper", "user": "package", "group": "package",
                       "permission": 755}]})",

@@ -1,0 +1,15 @@
+#include "platform/textsplit.h"
+
+std::vector<std::string> ZARNSplitText(const std::string& text, char sep) {
+    std::vector<std::string> pieces;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find(sep, start);
+        if (end == std::string::npos) {
+            end = text.size();
+        }
+        pieces.emplace_back(text, start, end - start);
+        start = end + 1;
+    }
+    return pieces;
+}

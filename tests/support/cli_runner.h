@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// What one run of the built zarnpkg binary gave.
+struct CliRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// Runs the built zarnpkg with "--root ROOT" and the arguments, without ZARNPKG_ROOT in its
+// environment, and captures what it prints.
+CliRun RunZarnpkg(const std::string& root, const std::vector<std::string>& args);
