@@ -46,6 +46,8 @@ int CmdCheck(CliContext& ctx) {
     const char* lang = ctx.language() != nullptr ? ctx.language() : "enu";
     if (CheckPackageFileInfoImpl(lang, file.c_str(), displayName, code, detail, info)) {
         Json::Value out(Json::objectValue);
+        out["code"] = static_cast<unsigned int>(PKG_ERR_SUCCESS);
+        out["message"] = PMSFileCheckMessage(code, detail, displayName);
         return PrintSuccess(ctx, out,
                             ctx.args[0] + ": " + (displayName.empty() ? info.name : displayName) +
                                 " " + info.version + " can be installed");

@@ -41,8 +41,7 @@ int CmdInfo(CliContext& ctx) {
         // A package file: its record as read from the archive.
         if (!pm.queryPackageFileInfo(file, info, PKG_INSTALLATION_NONE, ctx.language()) ||
             info.name.empty()) {
-            Json::Value message(Json::arrayValue);
-            message.append("pkgmgr:broken_package");
+            const Json::Value message = PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), name);
             return PrintFailureMessage(ctx, PKG_ERR_BROKEN, message,
                                        name + " is no readable package file");
         }

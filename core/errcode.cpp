@@ -41,15 +41,21 @@ bool IsFilled(const Json::Value& value) {
     return !ListText(value).empty() || (value.isObject() && !value.empty());
 }
 
+// A number member of the detail; a member of another type or out of range gives `def`.
+int IntMember(const Json::Value& detail, const char* name, int def) {
+    const Json::Value& v = detail[name];
+    return v.isInt() ? v.asInt() : def;
+}
+
 // An OS bound as the file check prints it; the detail is either an object with "major",
 // "minor", "build", "nano" or the version text "major.minor-build[-nano]".
 std::string OSBoundText(const Json::Value& detail, int defaultNano) {
     int major = 0, minor = 0, build = 0, nano = defaultNano;
     if (detail.isObject()) {
-        major = detail.get("major", 0).asInt();
-        minor = detail.get("minor", 0).asInt();
-        build = detail.get("build", 0).asInt();
-        nano = detail.get("nano", defaultNano).asInt();
+        major = IntMember(detail, "major", 0);
+        minor = IntMember(detail, "minor", 0);
+        build = IntMember(detail, "build", 0);
+        nano = IntMember(detail, "nano", defaultNano);
     } else if (detail.isString()) {
         int n = 0;
         if (std::sscanf(detail.asCString(), "%d.%d-%d-%d", &major, &minor, &build, &n) == 4) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -96,6 +97,20 @@ bool IsNo(Value v) {
 
 std::string Str(Value v) {
     return v != nullptr ? std::string(*v) : std::string();
+}
+
+// The name check over the whole value: a NUL byte would end the C string and hide the rest.
+bool CheckNameValue(Value v, const char* forbidden) {
+    return v->find('\0') == std::string_view::npos && PMSCheckName(Str(v).c_str(), forbidden);
+}
+
+// Kilobytes to bytes, saturating where the product leaves the range.
+long long KilobytesToBytes(long long kilobytes) {
+    long long bytes = 0;
+    if (__builtin_mul_overflow(kilobytes, 1024LL, &bytes)) {
+        return kilobytes < 0 ? LLONG_MIN : LLONG_MAX;
+    }
+    return bytes;
 }
 
 std::vector<std::string> Blanks(Value v) {
@@ -215,7 +230,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
                 VLIBCErrGet());
         return false;
     }
-    if (!PMSCheckName(Str(name).c_str(), ":/<>=|")) {
+    if (!CheckNameValue(name, ":/<>=|")) {
         ZLOGERR("key [%s] %s is illegal", "package", Str(name).c_str());
         return false;
     }
@@ -353,7 +368,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     }
 
     if (Value v = GetNonEmpty(hash, "kosuidir")) {
-        if (!PMSCheckName(Str(v).c_str(), ":/")) {
+        if (!CheckNameValue(v, ":/")) {
             ZLOGERR("key [%s] %s is illegal", "kosuidir", Str(v).c_str());
             return false;
         }
@@ -439,7 +454,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         }
     }
     if (Value v = Get(hash, "extractsize")) {
-        info.extractsize = std::strtoll(Str(v).c_str(), nullptr, 10) * 1024;
+        info.extractsize = KilobytesToBytes(std::strtoll(Str(v).c_str(), nullptr, 10));
     }
     if (mask & kMaskInstallType) {
         if (Value v = Get(hash, "install_type")) {

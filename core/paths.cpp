@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "core/packageinfo.h"
 #include "core/packagemanager.h"
@@ -265,7 +266,9 @@ std::string PMSMakeTmpDir(const char* prefix) {
 
 bool PMSCreateDownloadTmpDir(const char* volume, const char* name, unsigned long long size,
                              std::string& out) {
-    if (name == nullptr || name[0] == '\0') {
+    // The name comes from a package server: it must stay one folder below the download place.
+    if (name == nullptr || name[0] == '\0' || std::strchr(name, '/') != nullptr ||
+        std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) {
         VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
         return false;
     }
@@ -357,7 +360,11 @@ bool PMSSavePackageDefVolPath(const char* path) {
 
 bool PMSCheckVolStatus(const char* path, unsigned long long size) {
     std::string volume;
-    if (path == nullptr || VolumePathParse(path, volume) != 0) {
+    if (path == nullptr) {
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        return false;
+    }
+    if (VolumePathParse(path, volume) != 0) {
         return false;
     }
     ZARNMountVolInfo info;
@@ -401,7 +408,10 @@ bool IsAnyGenericVolumeExists() {
 }
 
 bool PackageManager::CheckVolume(const char* file, const PackageInfo& info) {
+    // Callers read the reason from the library error: every false below leaves its own, never
+    // one that an earlier call left behind.
     if (file == nullptr) {
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
         return false;
     }
     struct stat st;
@@ -418,6 +428,7 @@ bool PackageManager::CheckVolume(const char* file, const PackageInfo& info) {
     } else if (system) {
         if (!ZARNIsDir(PMS_SYSTEM_INSTALL_PATH)) {
             ZLOGERR("Failed to get system volumne");
+            VLIBCErrSet(ZARN_ERR_NO_FILE);
             return false;
         }
         if (!PMSCheckSpace(PMS_SYSTEM_INSTALL_PATH, need)) {

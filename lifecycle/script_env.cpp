@@ -215,6 +215,9 @@ void PMSPrepareScriptEnv(const PackageInfo& info, ZARNUtils::ProcessRunner& runn
     plan.push_back(Optional("ZARNPKG_USERNAME", userName, false));
     plan.push_back(Optional("ZARNPKG_TEMP_LOGFILE", logFile ? logFile->c_str() : nullptr, true));
 
+    // The last wizard's names go first, so that a name it shared with a package variable can't
+    // take that variable away from this runner.
+    DropWizardEnv(&runner);
     for (const auto& [name, value] : plan) {
         if (value) {
             runner.setEnv(name, *value);
@@ -231,7 +234,6 @@ void PMSPrepareScriptEnv(const PackageInfo& info, ZARNUtils::ProcessRunner& runn
         runner.unsetEnv("ZARNPKG_ROOT");
     }
 
-    DropWizardEnv(&runner);
     if (wizardValues == nullptr || !wizardValues->isObject()) {
         return;
     }

@@ -36,7 +36,6 @@ bool IsTrue(const Json::Value& v) {
 
 struct Grant {
     std::string grant;
-    bool advanced = false;
 };
 
 }  // namespace
@@ -51,6 +50,9 @@ void PMSSetAppPrivilege(const char* user, const std::string& apps, const char* l
     }
     std::vector<std::string> order;
     std::map<std::string, Grant> recorded;
+    // The advanced mark comes from any group that lets the application take privileges, also
+    // one whose grant isn't configurable; it counts for the applications that get recorded.
+    std::set<std::string> advanced;
     for (const auto& app : PMSExplodeString(apps, " ")) {
         for (const auto& groupName : config.getMemberNames()) {
             const Json::Value& group = config[groupName];
@@ -68,8 +70,8 @@ void PMSSetAppPrivilege(const char* user, const std::string& apps, const char* l
                 }
                 recorded[app].grant = grant.asString();
             }
-            if (IsTrue(entry["advanceGrantPrivilege"]) && recorded.count(app) != 0) {
-                recorded[app].advanced = true;
+            if (IsTrue(entry["advanceGrantPrivilege"])) {
+                advanced.insert(app);
             }
         }
     }
@@ -83,7 +85,7 @@ void PMSSetAppPrivilege(const char* user, const std::string& apps, const char* l
     }
     for (const auto& app : order) {
         const Grant& g = recorded[app];
-        if (g.advanced) {
+        if (advanced.count(app) != 0) {
             VLIBAppPrivGroupAddOne(kAdminGroup, app);
             if (g.grant == "all") {
                 std::string suffix;

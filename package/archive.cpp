@@ -88,6 +88,16 @@ std::string OSVersionText(const OSVersionNumbers& v) {
     return buf;
 }
 
+// The bound as the file check hands it on: the sub-build is added when it isn't the default, so
+// that the message can name the update.
+std::string OSBoundDetail(const OSVersionNumbers& v, int nano, int defaultNano) {
+    std::string text = OSVersionText(v);
+    if (nano != defaultNano) {
+        text += "-" + std::to_string(nano);
+    }
+    return text;
+}
+
 // Size of a member and of everything below it when it is a folder.
 unsigned long long SizeUnder(const std::vector<TarMember>& members, const std::string& name) {
     unsigned long long total = 0;
@@ -517,12 +527,12 @@ bool CheckPackageFileInfoImpl(const char* lang, const char* file, std::string& d
     const int os = PMSComparePackageAndOSVersion(info);
     if (os == 1) {
         code = PKG_ERR_OS_TOO_NEW;
-        detail = OSVersionText(PMSGetOSMaxVer(info));
+        detail = OSBoundDetail(PMSGetOSMaxVer(info), PMSGetOSMaxVerNano(info), 99999);
         return false;
     }
     if (os == -1) {
         code = PKG_ERR_OS_TOO_OLD;
-        detail = OSVersionText(PMSGetOSMinVer(info));
+        detail = OSBoundDetail(PMSGetOSMinVer(info), PMSGetOSMinVerNano(info), 0);
         return false;
     }
     // 8. Architecture and model.

@@ -23,6 +23,8 @@ constexpr unsigned long long kBlock = 512;
 constexpr unsigned long long kMaxExtendedHeader = 1024 * 1024;
 // An archive of a package has a few hundred members; this stops header floods.
 constexpr size_t kMaxMembers = 200000;
+// No member of a real archive comes near this; it keeps offset sums far from overflow.
+constexpr unsigned long long kMaxMemberSize = 1ULL << 62;
 
 bool ReadAt(int fd, unsigned long long offset, char* buf, size_t len) {
     size_t done = 0;
@@ -141,6 +143,17 @@ bool ParsePax(const std::string& data, std::map<std::string, std::string>& out) 
     return true;
 }
 
+// GNU tar takes the real name and size of a sparse member from these keys ("GNU.sparse.name"),
+// so the name in the header would not be the name that is written. Packages have no sparse files.
+bool HasSparseKey(const std::map<std::string, std::string>& pax) {
+    for (const auto& entry : pax) {
+        if (entry.first.compare(0, 11, "GNU.sparse.") == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::vector<std::string> Components(const std::string& path) {
     std::vector<std::string> parts;
     size_t start = 0;
@@ -222,7 +235,8 @@ TarScanStatus ScanImpl(ReadFn readAt, unsigned long long fileSize, std::vector<T
             return members.empty() ? TarScanStatus::NotTar : TarScanStatus::BadHeader;
         }
         unsigned long long size = 0;
-        if (!Number(block + 124, 12, size)) {
+        // Sizes near 2^64 would wrap the offset arithmetic below and desynchronise the walk.
+        if (!Number(block + 124, 12, size) || size > kMaxMemberSize) {
             why = "bad size field at offset " + std::to_string(offset);
             return TarScanStatus::BadHeader;
         }
@@ -250,6 +264,10 @@ TarScanStatus ScanImpl(ReadFn readAt, unsigned long long fileSize, std::vector<T
                     why = "bad pax header";
                     return TarScanStatus::BadHeader;
                 }
+                if (HasSparseKey(pax)) {
+                    why = "sparse member";
+                    return TarScanStatus::BadHeader;
+                }
                 havePending = true;
             } else if (type == 'L' || type == 'K') {
                 (type == 'L' ? longName : longLink) = Field(data.data(), data.size());
@@ -263,7 +281,8 @@ TarScanStatus ScanImpl(ReadFn readAt, unsigned long long fileSize, std::vector<T
                     why = "bad pax header";
                     return TarScanStatus::BadHeader;
                 }
-                if (global.count("path") || global.count("linkpath") || global.count("size")) {
+                if (global.count("path") || global.count("linkpath") || global.count("size") ||
+                    HasSparseKey(global)) {
                     why = "global header renames members";
                     return TarScanStatus::BadHeader;
                 }
@@ -304,8 +323,9 @@ TarScanStatus ScanImpl(ReadFn readAt, unsigned long long fileSize, std::vector<T
         p = pax.find("size");
         if (p != pax.end()) {
             char* end = nullptr;
+            errno = 0;
             size = std::strtoull(p->second.c_str(), &end, 10);
-            if (end == p->second.c_str() || *end != '\0') {
+            if (end == p->second.c_str() || *end != '\0' || errno != 0 || size > kMaxMemberSize) {
                 why = "bad pax size";
                 return TarScanStatus::BadHeader;
             }

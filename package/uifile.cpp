@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <exception>
 
 #include "core/infoloader.h"
 #include "core/packagemanager.h"
@@ -83,8 +84,19 @@ bool PMReadUIFileContent(const std::string& path, Json::Value& out) {
         return false;
     }
     Json::Reader reader;
-    if (!reader.parse(text, out)) {
-        ZLOGERR("%s: %s", path.c_str(), reader.getFormattedErrorMessages().c_str());
+    bool parsed = false;
+    std::string problem;
+    try {
+        parsed = reader.parse(text, out);
+        problem = reader.getFormattedErrorMessages();
+    } catch (const std::exception& e) {
+        // The reader throws on nesting beyond its stack limit; a package file must not end us.
+        problem = e.what();
+    }
+    if (!parsed) {
+        // Half a parse is no wizard: the caller goes on to the next candidate.
+        out = Json::Value();
+        ZLOGERR("%s: %s", path.c_str(), problem.c_str());
         return false;
     }
     if (!out.isArray()) {

@@ -507,6 +507,12 @@ int ZARNRuntimeIdentityGet(const std::string& user, bool primaryOwnGroup,
     if (FindUser(user, record) < 0) {
         return -1;
     }
+    // setresuid and setresgid read -1 as "keep the current id": a child would stay root.
+    if (record.uid == static_cast<uid_t>(-1) || record.gid == static_cast<gid_t>(-1)) {
+        ZLOGERR("Failed to take the identity of %s: bad id in %s", user.c_str(), kPasswdPath);
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        return -1;
+    }
     std::vector<gid_t> member;
     if (ZARNUserListGroupIds(user, member) < 0) {
         return -1;
@@ -525,7 +531,9 @@ int ZARNRuntimeIdentityGet(const std::string& user, bool primaryOwnGroup,
     add(identity.gid);
     add(record.gid);
     for (gid_t gid : member) {
-        add(gid);
+        if (gid != static_cast<gid_t>(-1)) {
+            add(gid);
+        }
     }
     return 0;
 }

@@ -25,6 +25,11 @@ int AddOne(const char* kind, const std::string& who, const std::string& app) {
         VLIBCErrSet(ZARN_ERR_IO);
         return -1;
     }
+    // A store damaged by hand is left as it is rather than overwritten.
+    if (store.isMember(kind) && !store[kind].isObject()) {
+        VLIBCErrSet(ZARN_ERR_IO);
+        return -1;
+    }
     Json::Value& list = store[kind][app];
     if (!list.isArray()) {
         list = Json::Value(Json::arrayValue);

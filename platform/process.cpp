@@ -17,6 +17,7 @@
 #include "platform/accounts.h"
 #include "platform/errors.h"
 #include "platform/log.h"
+#include "platform/sysroot.h"
 
 extern char** environ;
 
@@ -340,7 +341,10 @@ ProcessRunner& ProcessRunner::setRuntimeIdentity(const std::string& user, bool f
     }
     impl_->identityRefused = false;
     setIdentity(identity.uid, identity.gid, identity.groups);
-    setEnv("HOME", identity.home);
+    // HOME is handed to the program, so it is the machine's path of the account's home.
+    setEnv("HOME", identity.home.empty() || identity.home[0] != '/'
+                       ? identity.home
+                       : ZARNPhysicalPath(identity.home));
     setEnv("USER", identity.user);
     setEnv("LOGNAME", identity.user);
     return *this;

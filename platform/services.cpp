@@ -16,6 +16,10 @@ bool LoadServiceList(Json::Value& list) {
     if (!Json::fromFile(services, kServicesFile)) {
         return false;
     }
+    if (!services.isObject()) {
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        return false;
+    }
     list = services["services"];
     if (!list.isArray()) {
         VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);

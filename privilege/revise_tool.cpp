@@ -27,8 +27,8 @@ bool TranslateOwner(std::string const& word, unsigned int pkgId, unsigned int& i
     return false;
 }
 
-// Exactly four octal digits. A set-ID bit together with write access for group or others
-// would let anyone change what runs with the file's identity, so that mode is refused too.
+// Exactly four octal digits, set-ID and sticky bits included. Signs and blanks that strtoul
+// would pass over are refused as well.
 bool ParsePermission(std::string const& text, mode_t& mode) {
     if (text.size() != 4) {
         return false;

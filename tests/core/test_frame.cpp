@@ -107,6 +107,19 @@ TEST(Frame, MessageKeyMappings) {
               "6.2-0042 (update 3)");
     EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_OLD, Json::Value("6.3-7-0"), "")[1].asString(),
               "6.3-0007");
+    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_OLD, Json::Value("6.2-25556-3"), "")[1].asString(),
+              "6.2-25556 (update 3)");
+    // Members of the wrong type or range give numbers of 0, never an exception.
+    Json::Value hostile;
+    hostile["major"] = "6";
+    hostile["minor"] = Json::arrayValue;
+    hostile["build"] = 1e30;
+    hostile["nano"] = Json::Value::UInt64(1) << 40;
+    EXPECT_NO_THROW(msg = PMSFileCheckMessage(PKG_ERR_OS_TOO_NEW, hostile, ""));
+    EXPECT_EQ(msg[1].asString(), "0.0-0000");
+    hostile["curVersion"]["x"] = 1;
+    EXPECT_NO_THROW(msg = PMSFileCheckMessage(PKG_ERR_DOWNGRADE, hostile, ""));
+    EXPECT_EQ(msg[0].asString(), "pkgmgr:downgrade_version");
     EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), "")[0].asString(),
               "pkgmgr:pkgmgr_file_not_package");
     EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_SIGN_NOT_MAKER, Json::Value(), "")[0].asString(),

@@ -174,6 +174,15 @@ TEST_F(PathsTest, DownloadFolderAndSweep) {
     ASSERT_TRUE(PMSCreateDownloadTmpDir("", "other", 0, out));
     EXPECT_EQ(out, "/volume1/@tmp/@zarnpkg/@download/other");
     EXPECT_FALSE(PMSCreateDownloadTmpDir(nullptr, nullptr, 0, out));
+    // A name from a server never leads out of the download folder.
+    for (const char* bad : {"..", ".", "../../../../etc/evil", "a/b"}) {
+        out = "kept";
+        EXPECT_FALSE(PMSCreateDownloadTmpDir(nullptr, bad, 0, out)) << bad;
+        EXPECT_EQ(out, "kept");
+        EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    }
+    EXPECT_FALSE(ZARNPathExists("/etc/evil"));
+    EXPECT_FALSE(ZARNPathExists("/volume1/@tmp/@zarnpkg/@download/a"));
 
     // Old downloads on a volume are the volume's business: no sweep there.
     writeFile("/volume1/@tmp/@zarnpkg/@download/old.qar", "old");
@@ -283,7 +292,9 @@ TEST_F(PathsTest, DefaultVolume) {
 }
 
 TEST_F(PathsTest, VolumeStatusAndCounts) {
+    VLIBCErrSet(ZARN_ERR_NO_SPACE);
     EXPECT_FALSE(PMSCheckVolStatus(nullptr, 0));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
     EXPECT_FALSE(PMSCheckVolStatus("/tmp", 0));
     EXPECT_FALSE(PMSCheckVolStatus("/volume9", 0));
     EXPECT_EQ(logText().find("Failed to get volume info"), std::string::npos);
@@ -315,7 +326,9 @@ TEST_F(PathsTest, CheckVolumeForAPackageFile) {
     info.name = "demo";
     writeFile("/tmp/demo.qar", std::string(4096, 'q'));
 
+    VLIBCErrSet(ZARN_ERR_NO_SPACE);
     EXPECT_FALSE(pm.CheckVolume(nullptr, info));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
     EXPECT_FALSE(pm.CheckVolume("/tmp/missing.qar", info));
     EXPECT_NE(logText().find("Failed to get status of /tmp/missing.qar"), std::string::npos);
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", info));
@@ -343,8 +356,10 @@ TEST_F(PathsTest, CheckVolumeForAPackageFile) {
     writeConf(R"({"space_caps": {"/usr/local/packages": 10489856}})");
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", sys));
     ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
+    VLIBCErrSet(ZARN_ERR_NO_VOLUME);
     EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", sys));
     EXPECT_NE(logText().find("Failed to get system volumne"), std::string::npos);
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
 
     // A dock host tests its one volume.
     makeDir("/volume1");

@@ -5,6 +5,7 @@
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;
+using namespace std::string_literals;
 
 namespace {
 
@@ -133,6 +134,18 @@ TEST_F(Records, HostileInfoText) {
     // A 1 MiB line and bytes that aren't UTF-8.
     ASSERT_TRUE(load(base + "displayname=\"" + std::string(1 << 20, '\xff') + "\"\n", info));
     EXPECT_EQ(info.displayname.size(), size_t(1) << 20);
+
+    // A NUL byte must not hide the rest of a name from the name check.
+    EXPECT_FALSE(load("package=\"ok\0/../../etc\"\nversion=\"1\"\n"s, info, "enu", 0));
+    EXPECT_NE(logText().find("key [package] "), std::string::npos);
+    EXPECT_FALSE(load(base + "kosuidir=\"ui\0/x\"\n"s, info));
+    // An extract size beyond the range of bytes saturates instead of wrapping negative.
+    ASSERT_TRUE(load(base + "extractsize=\"99999999999999999999\"\n", info));
+    EXPECT_GT(info.extractsize, 0);
+    ASSERT_TRUE(load(base + "extractsize=\"9007199254740993\"\n", info));
+    EXPECT_GT(info.extractsize, 0);
+    ASSERT_TRUE(load(base + "extractsize=\"-2\"\n", info));
+    EXPECT_EQ(info.extractsize, -2048);
 }
 
 TEST_F(Records, JsonMapping) {

@@ -160,6 +160,9 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     // In the first boot after an upgrade the lock is not waited for, and the holder is logged.
     writeFile("/var/.UpgradeBootup", "");
     EXPECT_TRUE(PackageManager::ExLock(0));
+    EXPECT_NE(logText().find("self: " + std::to_string(getpid()) + ", Lock process: "),
+              std::string::npos)
+        << logText();
     int status = 0;
     waitpid(holder, &status, 0);
     EXPECT_EQ(WEXITSTATUS(status), 0);

@@ -194,6 +194,17 @@ TEST_F(Status, BrokenStates) {
     EXPECT_EQ(pm.getResult(), PKG_ERR_BROKEN_BY_OTHER);
     EXPECT_EQ(status("victim"), 0x96);
 
+    // A conf/privilege that can't be read: the status script never runs.
+    addPackage("badpriv", 0);
+    enable("badpriv");
+    jobRuns("badpriv");
+    writeFile("/var/packages/badpriv/conf/privilege", "{ not json");
+    EXPECT_FALSE(pm.getServiceStatus("badpriv", running, true));
+    EXPECT_FALSE(running);
+    EXPECT_EQ(pm.getResult(), PKG_ERR_BAD_PACKAGE);
+    EXPECT_NE(logText().find("Failed to set identity for badpriv [0x0A00"), std::string::npos);
+    EXPECT_EQ(status("badpriv"), 3);
+
     // A shared scan of the breakers gives the same answers as a scan per query.
     std::vector<PackageInfo> records;
     pm.enumPackageInfo(records, nullptr, PKG_MASK_ALL);
@@ -256,6 +267,19 @@ TEST_F(Status, HostServices) {
               R"({"services":[{"name":"ssh-shell","enabled":true,"running":true},)"
               R"({"name":"pgsql","enabled":true,"running":false}]})");
     EXPECT_EQ(pm.checkServiceStarted(0x8 | 0x10), 0x10u);
+
+    // A services file of the wrong shape counts as unreadable.
+    for (const char* text : {"[1, 2]", R"("services")", "7"}) {
+        writeFile("/etc/zarnhost/services.json", text);
+        std::vector<std::string> names;
+        EXPECT_FALSE(VLIBServiceEnum(names)) << text;
+        EXPECT_EQ(VLIBServiceIsEnabled("ssh-shell"), -1) << text;
+        EXPECT_EQ(VLIBServiceIsRunning("pgsql"), -1) << text;
+        EXPECT_EQ(pm.checkServiceStarted(0x10), 0x10u) << text;
+        EXPECT_EQ(pm.checkServiceStarted(std::set<std::string>{"pgsql"}),
+                  std::set<std::string>{"pgsql"})
+            << text;
+    }
 }
 
 }  // namespace

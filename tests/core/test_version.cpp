@@ -236,6 +236,13 @@ garbage="[["1.0""
     EXPECT_FALSE(pm.IsPkgUnavailable(offered, {}));
     offered.extra.get()->ctl_install = false;
     EXPECT_TRUE(pm.IsPkgUnavailable(offered, {}));
+    // The factory allow list lets a package that is not installable be offered all the same.
+    writeFile("/etc.defaults/zarninfo.conf",
+              readFile("/etc.defaults/zarninfo.conf") + "pkg_install_allow_list=\"other plain\"\n");
+    EXPECT_FALSE(pm.IsPkgUnavailable(offered, {}));
+    offered.name = "free";
+    offered.version = "1.0";
+    EXPECT_TRUE(pm.IsPkgUnavailable(offered, {}));
     Json::Value js;
     js["version"] = "1.0";
     EXPECT_TRUE(pm.IsPkgUnavailable(js, {}));

@@ -214,6 +214,13 @@ TEST_F(Ordering, DependantsOfOnePackage) {
     addPackage("g", "f");
     EXPECT_TRUE(order("b", false, true, &ok).empty());
     EXPECT_FALSE(ok);
+
+    // A folder whose INFO names another package has no record of its own name: the order is
+    // just the name, so that a stop still reaches it.
+    writeFile("/var/packages/alias/INFO",
+              "package=\"renamed\"\nversion=\"1\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
+    EXPECT_EQ(order("alias", false, true, &ok), Names{"alias"});
+    EXPECT_TRUE(ok);
 }
 
 TEST_F(Ordering, FiltersByRunningStateAndEnabledFlag) {

@@ -33,6 +33,8 @@ TEST_F(PackCheckE2ETest, PackCheckAndInfoOfTheExample) {
     EXPECT_EQ(0, r.status);
     Json::Value v = Parse(r.out);
     EXPECT_TRUE(v["success"].asBool());
+    EXPECT_EQ(0, v["code"].asInt());
+    EXPECT_EQ(Json::Value(Json::arrayValue), v["message"]);
 
     r = zarnpkg({"--json", "info", qar});
     ASSERT_EQ(0, r.status) << r.err;
@@ -69,7 +71,10 @@ TEST_F(PackCheckE2ETest, FailuresAndUsage) {
 
     r = zarnpkg({"--json", "info", phys("/tmp/junk.qar")});
     EXPECT_EQ(1, r.status);
-    EXPECT_FALSE(Parse(r.out)["success"].asBool());
+    v = Parse(r.out);
+    EXPECT_FALSE(v["success"].asBool());
+    EXPECT_EQ(0x96, v["code"].asInt());
+    EXPECT_EQ("pkgmgr:pkgmgr_file_not_package", v["message"][0].asString());
 
     writeFile("/tmp/src/INFO", "version=\"1\"\n");
     writeFile("/tmp/src/package/f", "x");

@@ -188,6 +188,18 @@ TEST_F(ScriptEnv, WizardValuesComeAndGo) {
     Env none = childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, &notObject, nullptr,
                         nullptr, nullptr);
     EXPECT_FALSE(has(none, "WIZ"));
+
+    // A wizard name that is also a package variable: the wizard wins for its own action, and
+    // the next action still gets the package's value.
+    Json::Value shadowing(Json::objectValue);
+    shadowing["ZARNPKG_PKGVER"] = "9.9";
+    EXPECT_EQ(childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, &shadowing, nullptr,
+                       nullptr, nullptr)["ZARNPKG_PKGVER"],
+              "9.9");
+    Env after = childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, nullptr, nullptr,
+                         nullptr, nullptr);
+    EXPECT_EQ(after["ZARNPKG_PKGVER"], "2.1-0003");
+    EXPECT_EQ(after["ZARNPKG_PKGNAME"], "w");
 }
 
 TEST_F(ScriptEnv, PrepareEnvAndCleanAll) {

@@ -44,7 +44,7 @@ protected:
         writeFile(dir + "/conf/privilege", privilege);
         writeFile(dir + "/scripts/postinst",
                   "#!/bin/sh\necho \"uid=$(id -u)\"\necho \"gid=$(id -g)\"\n"
-                  "echo \"groups=$(id -G)\"\n",
+                  "echo \"groups=$(id -G)\"\necho \"home=$HOME\"\n",
                   0755);
     }
 
@@ -103,6 +103,8 @@ TEST_F(ScriptIdentity, ScriptRunsAsThePackageAccountAsRoot) {
     EXPECT_EQ(value(log, "uid"), std::to_string(uid)) << log;
     EXPECT_EQ(value(log, "gid"), std::to_string(gid)) << log;
     EXPECT_EQ(words(value(log, "groups")), expectedGroups) << log;
+    // The account's home reaches the script as the machine's path.
+    EXPECT_EQ(value(log, "home"), phys("/var/packages/idpkg/target")) << log;
 
     // "system" keeps the user and takes group 1 as the primary group.
     addPackage("syspkg", R"({"defaults": {"run-as": "system"}})");

@@ -129,6 +129,12 @@ TEST_F(ScriptLog, PackageLogFromTheControlScript) {
     EXPECT_EQ(pm.getResult(), PKG_ERR_SYSTEM);
     EXPECT_NE(logText().find("Failed to query package status, talky"), std::string::npos);
 
+    writeFile(dir + "/conf/privilege", R"({"ctrl-script": [{"action": "log"}]})");
+    EXPECT_EQ(pm.getPackageLog("talky"), "");
+    EXPECT_EQ(pm.getResult(), PKG_ERR_BAD_PACKAGE);
+    EXPECT_NE(logText().find("Failed to set identity for talky [0x4000"), std::string::npos);
+    ASSERT_TRUE(ZARNUnlink(dir + "/conf/privilege"));
+
     ASSERT_TRUE(ZARNUnlink(dir + "/scripts/start-stop-status"));
     EXPECT_EQ(pm.getPackageLog("talky"), "");
     EXPECT_EQ(pm.getResult(), PKG_ERR_NO_SCRIPT);

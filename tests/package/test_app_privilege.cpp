@@ -96,4 +96,24 @@ TEST_F(AppPrivilege, TheInstallingUser) {
     EXPECT_EQ(VLIBGroupIsAdminGroupMem("carol", 0), 0);
 }
 
+TEST_F(AppPrivilege, MarksAcrossGroupsAndDamagedStore) {
+    // One group marks the application as advanced without a grant of its own; another records
+    // it: the grant goes to the group, not to each administrator.
+    writeFile("/usr/zarn/zarnman/webman/3rdparty/split/config", R"({
+        ".a": {"App.Split": {"grantPrivilege": "all", "configablePrivilege": false,
+                             "advanceGrantPrivilege": true}},
+        ".b": {"App.Split": {"grantPrivilege": "local"}}})");
+    PMSSetAppPrivilege(nullptr, "App.Split", nullptr);
+    Json::Value s = store();
+    EXPECT_TRUE(holds(s["groups"]["App.Split"], "administrators"));
+    EXPECT_FALSE(s["users"].isMember("App.Split"));
+
+    // A store whose lists are of the wrong type is refused, not overwritten.
+    writeFile(ZARN_APP_PRIVILEGE_FILE, R"({"users": 5, "groups": ["x"]})");
+    EXPECT_LT(VLIBAppPrivUserAddOne("bob", "App.Plain"), 0);
+    EXPECT_LT(VLIBAppPrivGroupAddOne("administrators", "App.Plain"), 0);
+    PMSSetAppPrivilege("alice", "App.Plain App.Advanced", nullptr);
+    EXPECT_EQ(readFile(ZARN_APP_PRIVILEGE_FILE), R"({"users": 5, "groups": ["x"]})");
+}
+
 }  // namespace

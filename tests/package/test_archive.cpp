@@ -203,6 +203,21 @@ TEST_F(ArchiveTest, WizardCandidatesLanguageLinksAndScripts) {
     ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/wizlink.qar", linked, PKG_INSTALLATION_NONE,
                                                   "fre"));
     EXPECT_EQ(Json::Value("fre"), linked.wizard[0]["items"][0]["defaultValue"]);
+
+    // A language file that isn't JSON at all gives way to the plain one; one nested too deep for
+    // the reader neither ends the query nor stops the search.
+    for (const std::string& bad : {std::string(R"([{"items": []}, )"), std::string(5000, '[')}) {
+        ASSERT_TRUE(qartest::TarFromMap("/tmp/wizbad.qar",
+                                        {{"INFO", qartest::BasicInfo("wizbad", "1.0")},
+                                         {"WIZARD_UIFILES/install_uifile_fre", bad},
+                                         {"WIZARD_UIFILES/install_uifile", french}},
+                                        false, err));
+        PackageInfo fallback;
+        ASSERT_NO_THROW(ASSERT_TRUE(pm.queryPackageFileInfoWithWizard(
+            "/tmp/wizbad.qar", fallback, PKG_INSTALLATION_NONE, "fre")));
+        EXPECT_EQ(Json::Value("fre"), fallback.wizard[0]["items"][0]["defaultValue"])
+            << fallback.wizard;
+    }
 }
 
 TEST_F(ArchiveTest, ReadUIFileContentRules) {
@@ -218,6 +233,16 @@ TEST_F(ArchiveTest, ReadUIFileContentRules) {
     EXPECT_FALSE(PMReadUIFileContent("/tmp/missing", out));
     writeFile("/tmp/good", "[{\"items\": []}]");
     EXPECT_TRUE(PMReadUIFileContent("/tmp/good", out));
+    // Half a document leaves nothing behind, and nesting beyond the reader's limit is a plain
+    // failure, not an exception.
+    writeFile("/tmp/half", "[{\"items\": []}, ");
+    EXPECT_FALSE(PMReadUIFileContent("/tmp/half", out));
+    EXPECT_TRUE(out.isNull());
+    writeFile("/tmp/deep", std::string(5000, '['));
+    out = Json::Value(Json::arrayValue);
+    EXPECT_NO_THROW(EXPECT_FALSE(PMReadUIFileContent("/tmp/deep", out)));
+    EXPECT_TRUE(out.isNull());
+    EXPECT_NE(std::string::npos, logText().find("Exceeded stackLimit"));
 
     // From the registry of an installed package.
     writeFile("/var/packages/reg/INFO", qartest::BasicInfo("reg", "1.0"));

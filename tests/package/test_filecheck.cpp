@@ -119,6 +119,15 @@ TEST_F(FileCheckTest, StepThreeVolumes) {
     r = check(file);
     EXPECT_EQ(PKG_ERR_NO_SPACE, r.code);
     EXPECT_EQ(Array({"pkgmgr:error_sys_no_space"}), r.message);
+    // A system package whose install place is missing, on a machine without volumes: a system
+    // error, not the "no volume" that finding a temp folder left behind.
+    writeFile("/etc/zarnhost/volumes.json", "{}");
+    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
+    ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
+    r = check(build("sysvol", "1.0", {{"install_type", "system"}}));
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(PKG_ERR_SYSTEM, r.code) << logText();
+    EXPECT_EQ(Array({"error:error_error_system"}), r.message);
 }
 
 TEST_F(FileCheckTest, StepFourChecksum) {
@@ -170,6 +179,19 @@ TEST_F(FileCheckTest, StepSevenOSRange) {
     ASSERT_EQ(2u, r.message.size());
     EXPECT_EQ("pkgmgr:pkgmgr_pkg_required_older_version", r.message[0].asString());
     EXPECT_EQ(0u, r.message[1].asString().find("1.0-"));
+    // The bound is printed in full, with its update when it names one.
+    r = check(build("newos", "1.0", {{"os_min_ver", "99.0-00001"}}));
+    EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_required_newer_version", "99.0-0001"}), r.message);
+    r = check(build("newos", "1.0", {{"os_min_ver", "99.0-00001-3"}}));
+    EXPECT_EQ(PKG_ERR_OS_TOO_OLD, r.code);
+    EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_required_newer_version", "99.0-0001 (update 3)"}),
+              r.message);
+    r = check(build("oldos", "1.0", {{"os_max_ver", "1.0-00001"}}));
+    EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_required_older_version", "1.0-0001"}), r.message);
+    r = check(build("oldos", "1.0", {{"os_max_ver", "1.0-00001-5"}}));
+    EXPECT_EQ(PKG_ERR_OS_TOO_NEW, r.code);
+    EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_required_older_version", "1.0-0001 (update 5)"}),
+              r.message);
 }
 
 TEST_F(FileCheckTest, StepEightPlatform) {

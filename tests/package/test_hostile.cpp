@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 
 #include "core/packagemanager.h"
 #include "core/paths.h"
@@ -122,6 +124,69 @@ TEST_F(HostileQarTest, LinksThatLeadOutAreRefused) {
     EXPECT_EQ("evil", record.name);
 }
 
+// One pax record, "<len> key=value\n", whose length counts itself.
+std::string PaxRecord(const std::string& key, const std::string& value) {
+    const std::string body = " " + key + "=" + value + "\n";
+    size_t len = body.size() + 1;
+    while (std::to_string(len).size() + body.size() != len) {
+        ++len;
+    }
+    return std::to_string(len) + body;
+}
+
+TEST_F(HostileQarTest, SparseMembersThatRenameThemselvesAreRefused) {
+    // GNU tar writes a pax sparse member under "GNU.sparse.name", not under the header's name,
+    // so the name that was vetted would not be the name written.
+    const std::string marker = "zarn-sparse-marker";
+    std::string map = "1\n0\n5\n";
+    map.resize(512, '\0');
+    const std::string pax =
+        PaxRecord("GNU.sparse.major", "1") + PaxRecord("GNU.sparse.minor", "0") +
+        PaxRecord("GNU.sparse.name", "conf/" + marker) + PaxRecord("GNU.sparse.realsize", "5");
+    writeRaw("/tmp/sparse.qar", {{"INFO", info()},
+                                 {"PaxHeaders/harmless", pax, 'x'},
+                                 {"GNUSparseFile.0/harmless", map + "hello"}});
+    std::string listing;
+    qartest::Run({"/bin/tar", "tf", phys("/tmp/sparse.qar")}, &listing);
+    EXPECT_NE(std::string::npos, listing.find("conf/" + marker)) << listing;
+    expectRefused("/tmp/sparse.qar", marker);
+    EXPECT_NE(std::string::npos, logText().find("sparse member"));
+    // Global headers may not carry them either.
+    writeRaw("/tmp/gsparse.qar",
+             {{"PaxHeaders/global", PaxRecord("GNU.sparse.major", "1"), 'g'}, {"INFO", info()}});
+    expectRefused("/tmp/gsparse.qar", marker);
+}
+
+TEST_F(HostileQarTest, SizesNearTheLimitOfTheirFieldAreRefused) {
+    // A folder member whose base-256 size field holds 2^64 - 1: skipping it must not wrap around
+    // to the next header. Tar would run off the end; we refuse the archive.
+    std::string header = qartest::TarHeader({"conf", "", '5', "", 0755});
+    header[124] = static_cast<char>(0x80);
+    for (int i = 125; i < 136; ++i) {
+        header[i] = static_cast<char>(i < 128 ? 0 : 0xff);
+    }
+    std::memset(&header[148], ' ', 8);
+    unsigned int sum = 0;
+    for (unsigned char c : header) {
+        sum += c;
+    }
+    std::snprintf(&header[148], 8, "%06o", sum);
+    header[155] = ' ';
+    const std::string file =
+        qartest::RawTar({{"INFO", info()}}, false) + header + qartest::RawTar({{"conf/x", "x"}});
+    ASSERT_TRUE(ZARNFileWrite("/tmp/wrap.qar", file));
+    std::vector<TarMember> members;
+    std::string why;
+    EXPECT_EQ(TarScanStatus::BadHeader, PMSTarScan("/tmp/wrap.qar", members, why));
+    EXPECT_NE(std::string::npos, why.find("bad size")) << why;
+    expectRefused("/tmp/wrap.qar", "conf/x");
+    // The same through a pax size.
+    writeRaw("/tmp/paxwrap.qar", {{"INFO", info()},
+                                  {"PaxHeaders/x", PaxRecord("size", "18446744073709551615"), 'x'},
+                                  {"conf/x", "x"}});
+    expectRefused("/tmp/paxwrap.qar", "conf/x");
+}
+
 TEST_F(HostileQarTest, DevicesAndFifosAreRefused) {
     const std::string marker = "zarn-dev-marker";
     writeRaw("/tmp/chr.qar", {{"INFO", info()}, {"conf/null", "", '3', "", 0600, -1, 1, 3}});
@@ -237,6 +302,47 @@ TEST_F(HostileQarTest, PayloadWithBadNamesIsRefusedByThePayloadCheck) {
     EXPECT_NE(std::string::npos, why.find("..")) << why;
     ASSERT_TRUE(ZARNFileWrite("/tmp/plain.tgz", "not gzip"));
     EXPECT_FALSE(PMSPayloadVet("/tmp/plain.tgz", 1ULL << 40, total, why));
+
+    // The other tricks of the archive check, inside the payload.
+    auto gzipped = [](const std::string& data) {
+        ZARNUtils::ProcessRunner z({"/bin/gzip", "-c"});
+        z.captureOutput().setInput(data);
+        EXPECT_EQ(0, z.run());
+        return z.getStdout();
+    };
+    const struct {
+        std::vector<RawMember> members;
+        std::string reason;
+    } cases[] = {
+        {{{"/etc/evil", "x"}}, "absolute"},
+        {{{"lib", "", '2', "/etc"}, {"lib/evil", "x"}}, "outside"},
+        {{{"lib", "", '2', "sub"}, {"lib/evil", "x"}}, "symbolic link"},
+        {{{"passwd", "", '1', "/etc/passwd"}}, "hard link"},
+        {{{"null", "", '3', "", 0600, -1, 1, 3}}, "device"},
+        {{{"fifo", "", '6'}}, "FIFO"},
+    };
+    const std::vector<std::string> before = state();
+    for (const auto& c : cases) {
+        ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", gzipped(qartest::RawTar(c.members))));
+        why.clear();
+        EXPECT_FALSE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why)) << c.reason;
+        EXPECT_NE(std::string::npos, why.find(c.reason)) << why;
+    }
+    // A payload cut short, and one with a great deal of data after its end.
+    const std::string good = gzipped(qartest::RawTar({{"bin/run", std::string(100000, 'r')}}));
+    ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", good));
+    EXPECT_TRUE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why)) << why;
+    EXPECT_EQ(100000u, total);
+    ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", good.substr(0, good.size() / 2)));
+    EXPECT_FALSE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why));
+    std::string tail = qartest::RawTar({{"bin/run", "x"}});
+    tail.append(4 * 1024 * 1024, 'j');
+    ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", gzipped(tail)));
+    EXPECT_FALSE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why));
+    EXPECT_NE(std::string::npos, why.find("after the end")) << why;
+    EXPECT_FALSE(PMSPayloadVet("/tmp/none.tgz", 1ULL << 40, total, why));
+    ASSERT_TRUE(ZARNUnlink("/tmp/case.tgz"));
+    EXPECT_EQ(before, state());
 }
 
 }  // namespace

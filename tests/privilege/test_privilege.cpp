@@ -362,6 +362,18 @@ TEST_F(PrivilegeTest, Accounts) {
     EXPECT_NE(std::find(identity.groups.begin(), identity.groups.end(), 100u),
               identity.groups.end());
     EXPECT_LT(ZARNRuntimeIdentityGet("nosuchuser", true, identity), 0);
+
+    // An id of -1 would leave a child with the caller's identity: such an account is refused.
+    writeFile("/etc/passwd", readFile("/etc/passwd") +
+                                 "wrapuid:x:4294967295:100::/x:/sbin/nologin\n"
+                                 "wrapgid:x:1200:4294967295::/x:/sbin/nologin\n");
+    EXPECT_LT(ZARNRuntimeIdentityGet("wrapuid", true, identity), 0);
+    EXPECT_LT(ZARNRuntimeIdentityGet("wrapgid", true, identity), 0);
+    ZARNUtils::ProcessRunner runner({"/usr/bin/id", "-u"});
+    runner.setRuntimeIdentity("wrapuid", true);
+    runner.captureOutput();
+    EXPECT_EQ(runner.run(), -1);
+    EXPECT_EQ(runner.getStdout(), "");
 }
 
 TEST_F(PrivilegeTest, ResolveRelPath) {
