@@ -458,6 +458,13 @@ bool ZARNHostVolumesInit(int count, std::string& error) {
             error = "cannot create " + path + ": " + strerror(errno);
             return false;
         }
+        // A volume's shared temporary folder, as the system keeps it: packages' own folders
+        // below it are private, but every account must be able to reach them.
+        const std::string tmp = path + "/@tmp";
+        if (ZARNFSMkdirP(tmp, 0, 0, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 01777) != 0) {
+            error = "cannot create " + tmp + ": " + strerror(errno);
+            return false;
+        }
         bool listed = false;
         for (const Json::Value& entry : volumes) {
             listed = listed || (entry.isObject() && entry["path"].asString() == path);

@@ -52,6 +52,10 @@ TEST_F(VolumesTest, HostInitMakesOneGenericVolume) {
     ASSERT_TRUE(ZARNHostVolumesInit(3, error)) << error;
     EXPECT_TRUE(ZARNIsDir("/volume2"));
     EXPECT_TRUE(ZARNIsDir("/volume3"));
+    // Each volume has a temporary folder that every account can reach.
+    struct stat st;
+    ASSERT_TRUE(ZARNStat("/volume3/@tmp", st));
+    EXPECT_EQ(st.st_mode & 07777, 01777u);
     ASSERT_TRUE(Json::fromFile(conf, ZARN_VOLUMES_CONF));
     ASSERT_EQ(conf["volumes"].size(), 3u);
     EXPECT_FALSE(conf["volumes"][0]["writable"].asBool());

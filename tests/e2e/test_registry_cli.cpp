@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "platform/files.h"
+#include "platform/json.h"
+#include "support/cli_runner.h"
+#include "support/temproot.h"
+
+namespace {
+
+class RegistryCli : public TempRootTest {
+protected:
+    static Json::Value Parse(const std::string& text) {
+        Json::Value v;
+        EXPECT_TRUE(Json::fromString(v, text)) << text;
+        return v;
+    }
+};
+
+}  // namespace
+
+// host-init makes a root from an empty folder that list and info then work on.
+TEST_F(RegistryCli, HostInitListAndInfo) {
+    char tmpl[] = "/tmp/zarnpkg-clean.XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string clean = tmpl;
+    CliRun r = RunZarnpkg(clean, {"host-init"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = RunZarnpkg(clean, {"list"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "no packages installed\n");
+    r = RunZarnpkg(clean, {"--json", "list"});
+    EXPECT_EQ(Parse(r.out)["packages"].size(), 0u);
+    EXPECT_EQ(system(("rm -rf " + clean).c_str()), 0);
+
+    writeFile("/var/packages/hello/INFO",
+              "package=\"hello\"\nversion=\"1.0-0001\"\ndisplayname=\"Hello\"\n"
+              "displayname_fre=\"Bonjour\"\ndescription=\"d\"\nmaintainer=\"m\"\n"
+              "extractsize=\"3\"\ninstall_dep_packages=\"base>=2.0:tools\"\n");
+    writeFile("/volume1/@appstore/hello/.keep", "");
+    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/hello", "/var/packages/hello/target"));
+
+    r = RunZarnpkg(root(), {"--json", "list"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json::Value list = Parse(r.out);
+    EXPECT_TRUE(list["success"].asBool());
+    ASSERT_EQ(list["packages"].size(), 1u);
+    EXPECT_EQ(list["packages"][0]["package"].asString(), "hello");
+    EXPECT_EQ(list["packages"][0]["status"].asInt(), 4);  // no control script
+    EXPECT_TRUE(list["packages"][0]["rough_status"].isNull());
+
+    r = RunZarnpkg(root(), {"--json", "--lang", "fre", "info", "hello"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    Json::Value record = Parse(r.out)["package"];
+    EXPECT_EQ(record["displayname"].asString(), "Bonjour");
+    EXPECT_EQ(record["extractsize"].asInt(), 3072);
+    EXPECT_TRUE(record["beta"].isBool());
+    EXPECT_EQ(record["install_dep_packages"]["base"][">="].asString(), "2.0");
+    EXPECT_EQ(record["install_dep_packages"]["tools"].asString(), "");
+    r = RunZarnpkg(root(), {"info", "hello"});
+    EXPECT_NE(r.out.find("displayname: Hello\n"), std::string::npos) << r.out;
+
+    // Failures name the code and the key; usage errors exit 2.
+    r = RunZarnpkg(root(), {"info", "ghost"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind("error: 0xff ", 0), 0u) << r.err;
+    r = RunZarnpkg(root(), {"--json", "info", "ghost"});
+    Json::Value failure = Parse(r.out);
+    EXPECT_FALSE(failure["success"].asBool());
+    EXPECT_EQ(failure["code"].asInt(), 0xff);
+    EXPECT_TRUE(failure["message"].isArray());
+    EXPECT_EQ(RunZarnpkg(root(), {"info"}).status, 2);
+    EXPECT_EQ(RunZarnpkg(root(), {"frobnicate"}).status, 2);
+    EXPECT_EQ(RunZarnpkg(root(), {"--bogus", "list"}).status, 2);
+
+    // -v copies the library's log lines to standard error.
+    writeFile("/var/packages/broken/INFO", "package=\"a/b\"\nversion=\"1\"\n");
+    r = RunZarnpkg(root(), {"-v", "info", "broken"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("key [package] a/b is illegal"), std::string::npos) << r.err;
+}
