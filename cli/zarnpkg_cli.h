@@ -31,7 +31,9 @@ int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& p
 // A failure that comes with its own code and message array.
 int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& message,
                         const std::string& what, const Json::Value& params = Json::Value());
-int PrintUsage(const std::string& problem);
+// A usage error: the problem and the usage text on standard error (with --json also the
+// failure object on standard output); exit status 2.
+int PrintUsage(const CliContext& ctx, const std::string& problem);
 const char* UsageText();
 // Words for a value of getPkgStatus.
 const char* StatusText(int status);

@@ -36,7 +36,7 @@ std::string CliFilePath(const std::string& path) {
 
 int CmdCheck(CliContext& ctx) {
     if (ctx.args.size() != 1) {
-        return PrintUsage("check takes one package file");
+        return PrintUsage(ctx, "check takes one package file");
     }
     const std::string file = CliFilePath(ctx.args[0]);
     std::string displayName;

@@ -9,11 +9,11 @@ int CmdHostInit(CliContext& ctx) {
         const std::string& count = ctx.args[1];
         if (count.empty() || count.size() > 2 ||
             count.find_first_not_of("0123456789") != std::string::npos || std::stoi(count) < 1) {
-            return PrintUsage("--volumes takes a number from 1 to 99");
+            return PrintUsage(ctx, "--volumes takes a number from 1 to 99");
         }
         volumes = std::stoi(count);
     } else if (!ctx.args.empty()) {
-        return PrintUsage("host-init takes only --volumes N");
+        return PrintUsage(ctx, "host-init takes only --volumes N");
     }
     Json::Value message(Json::arrayValue);
     message.append(ZARNPackageTool::PKG_MSG_DEFAULT);

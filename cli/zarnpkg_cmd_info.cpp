@@ -31,7 +31,7 @@ std::string RecordText(const Json::Value& record) {
 
 int CmdInfo(CliContext& ctx) {
     if (ctx.args.size() != 1) {
-        return PrintUsage("info takes one package name or file");
+        return PrintUsage(ctx, "info takes one package name or file");
     }
     const std::string& name = ctx.args[0];
     PackageManager pm;

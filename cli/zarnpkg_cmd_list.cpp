@@ -14,7 +14,7 @@ constexpr unsigned long long kListMask = PKG_MASK_ALL & ~0x8000000ULL;
 
 int CmdList(CliContext& ctx) {
     if (!ctx.args.empty()) {
-        return PrintUsage("list takes no arguments");
+        return PrintUsage(ctx, "list takes no arguments");
     }
     PackageManager pm;
     if (!pm.init()) {

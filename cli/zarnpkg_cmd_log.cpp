@@ -4,7 +4,7 @@ using namespace ZARNPackageTool;
 
 int CmdLog(CliContext& ctx) {
     if (ctx.args.size() != 1) {
-        return PrintUsage("log takes one package name");
+        return PrintUsage(ctx, "log takes one package name");
     }
     const std::string& name = ctx.args[0];
     PackageManager pm;

@@ -10,7 +10,7 @@ using namespace ZARNPackageTool;
 // or not, followed by NAME. Starting goes the other way round.
 int CmdOrder(CliContext& ctx) {
     if (ctx.args.size() > 1) {
-        return PrintUsage("order takes at most one package name");
+        return PrintUsage(ctx, "order takes at most one package name");
     }
     PackageManager pm;
     if (!pm.init()) {

@@ -11,15 +11,15 @@ int CmdPack(CliContext& ctx) {
         if (a == "-o" && i + 1 < ctx.args.size()) {
             output = ctx.args[++i];
         } else if (!a.empty() && a[0] == '-') {
-            return PrintUsage("pack: unknown option " + a);
+            return PrintUsage(ctx, "pack: unknown option " + a);
         } else if (dir.empty()) {
             dir = a;
         } else {
-            return PrintUsage("pack takes one source folder");
+            return PrintUsage(ctx, "pack takes one source folder");
         }
     }
     if (dir.empty() || output.empty()) {
-        return PrintUsage("pack DIR -o FILE");
+        return PrintUsage(ctx, "pack DIR -o FILE");
     }
     std::string error;
     if (!PMSPackPackage(CliFilePath(dir), CliFilePath(output), error)) {

@@ -6,7 +6,7 @@ using namespace ZARNPackageTool;
 
 int CmdStatus(CliContext& ctx) {
     if (ctx.args.size() != 1) {
-        return PrintUsage("status takes one package name");
+        return PrintUsage(ctx, "status takes one package name");
     }
     const std::string& name = ctx.args[0];
     PackageManager pm;

@@ -29,15 +29,15 @@ int main(int argc, char** argv) {
             std::cout << UsageText();
             return kExitOk;
         } else {
-            return PrintUsage("unknown option " + opt);
+            return PrintUsage(ctx, "unknown option " + opt);
         }
     }
     if (i >= argc) {
-        return PrintUsage("no command given");
+        return PrintUsage(ctx, "no command given");
     }
     auto command = commands.find(argv[i]);
     if (command == commands.end()) {
-        return PrintUsage(std::string("unknown command ") + argv[i]);
+        return PrintUsage(ctx, std::string("unknown command ") + argv[i]);
     }
     if (!root.empty()) {
         ZARNPackageCore::SetSystemRoot(root);

@@ -116,7 +116,12 @@ const char* UsageText() {
            "  -v           copy the library's log lines to standard error\n";
 }
 
-int PrintUsage(const std::string& problem) {
+int PrintUsage(const CliContext& ctx, const std::string& problem) {
+    if (ctx.json) {
+        Json::Value message(Json::arrayValue);
+        message.append(ZARNPackageTool::PKG_MSG_DEFAULT);
+        PrintFailureMessage(ctx, ZARNPackageTool::PKG_ERR_SYSTEM, message, problem);
+    }
     if (!problem.empty()) {
         std::cerr << "zarnpkg: " << problem << "\n";
     }

@@ -74,6 +74,10 @@ TEST_F(RegistryCli, HostInitListAndInfo) {
     EXPECT_EQ(RunZarnpkg(root(), {"info"}).status, 2);
     EXPECT_EQ(RunZarnpkg(root(), {"frobnicate"}).status, 2);
     EXPECT_EQ(RunZarnpkg(root(), {"--bogus", "list"}).status, 2);
+    r = RunZarnpkg(root(), {"--json", "info", "a", "b"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_FALSE(Parse(r.out)["success"].asBool());
+    EXPECT_NE(r.err.find("usage:"), std::string::npos);
 
     // -v copies the library's log lines to standard error.
     writeFile("/var/packages/broken/INFO", "package=\"a/b\"\nversion=\"1\"\n");
