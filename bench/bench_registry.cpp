@@ -19,6 +19,8 @@
 #include "core/packagemanager.h"
 #include "platform/files.h"
 #include "platform/host_init.h"
+#include "platform/process.h"
+#include "platform/programs.h"
 #include "platform/sysroot.h"
 
 using namespace ZARNPackageTool;
@@ -124,6 +126,7 @@ int main(int argc, char** argv) {
         std::printf("root kept at %s\n", root.c_str());
         return 0;
     }
-    std::string rm = "rm -rf " + root;
-    return std::system(rm.c_str()) == 0 ? 0 : 1;
+    // The machine's rm, by argv: the root is a folder of this machine, not a logical path.
+    ZARNUtils::ProcessRunner rm({ZARNMachineProgram("/bin/rm"), "-rf", "--", root});
+    return rm.run() == 0 ? 0 : 1;
 }

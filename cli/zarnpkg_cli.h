@@ -35,6 +35,8 @@ int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Va
 // failure object on standard output); exit status 2.
 int PrintUsage(const CliContext& ctx, const std::string& problem);
 const char* UsageText();
+// What to tell a person when PackageManager::init fails.
+std::string RegistryFailureText();
 // Words for a value of getPkgStatus.
 const char* StatusText(int status);
 

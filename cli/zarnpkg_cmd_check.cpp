@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include "cli/zarnpkg_cli.h"
+#include "core/infoloader.h"
 #include "package/archive.h"
 #include "platform/sysroot.h"
 
@@ -34,6 +35,53 @@ std::string CliFilePath(const std::string& path) {
     return (up.empty() ? "./" : up) + path.substr(1);
 }
 
+namespace {
+
+// What the file check's result means to the person who has to do something about it.
+std::string CheckReason(PKG_ERRCODE code) {
+    switch (code) {
+        case PKG_ERR_BROKEN:
+            return "it is no package file";
+        case PKG_ERR_BAD_PACKAGE:
+        case PKG_ERR_SIGN_BROKEN:
+            return "the package is damaged";
+        case PKG_ERR_VERSION_LIMIT:
+            return "this system refuses this version of the package";
+        case PKG_ERR_SERVICE_NOT_STARTED:
+            return "it needs host services that are not running";
+        case PKG_ERR_DOWNGRADE:
+            return "a newer version is installed";
+        case PKG_ERR_DEPENDENCY:
+            return "packages it needs are missing or stopped";
+        case PKG_ERR_UPGRADE:
+            return "the installed package can't be upgraded by this file";
+        case PKG_ERR_NO_SPACE:
+            return "no volume has room for it";
+        case PKG_ERR_PLATFORM:
+            return "it is made for another platform";
+        case PKG_ERR_PORT_CONFLICT:
+            return "its port is taken";
+        case PKG_ERR_CONFLICT:
+            return "installed packages conflict with it";
+        case PKG_ERR_NO_WORKING_VOLUME:
+        case PKG_ERR_VOLUME_CREATING:
+            return "no volume can take packages now";
+        case PKG_ERR_OS_TOO_NEW:
+        case PKG_ERR_OS_TOO_OLD:
+        case PKG_ERR_OS_RANGE:
+            return "it needs another version of the system";
+        case PKG_ERR_SIGN_NOT_MAKER:
+        case PKG_ERR_SIGN_UNKNOWN_PUBLISHER:
+        case PKG_ERR_SIGN_NONE:
+        case PKG_ERR_SIGN_EXPIRED:
+            return "its signature is not trusted here";
+        default:
+            return "run again with -v to see why";
+    }
+}
+
+}  // namespace
+
 int CmdCheck(CliContext& ctx) {
     if (ctx.args.size() != 1) {
         return PrintUsage(ctx, "check takes one package file");
@@ -43,7 +91,12 @@ int CmdCheck(CliContext& ctx) {
     PKG_ERRCODE code = PKG_ERR_SUCCESS;
     Json::Value detail(Json::objectValue);
     PackageInfo info;
-    const char* lang = ctx.language() != nullptr ? ctx.language() : "enu";
+    // Without --lang the names come in the system's language, as everywhere else.
+    std::string language = ctx.lang.empty() ? PMSSystemLanguage() : ctx.lang;
+    if (language.empty()) {
+        language = "enu";
+    }
+    const char* lang = language.c_str();
     if (CheckPackageFileInfoImpl(lang, file.c_str(), displayName, code, detail, info)) {
         Json::Value out(Json::objectValue);
         out["code"] = static_cast<unsigned int>(PKG_ERR_SUCCESS);
@@ -53,6 +106,7 @@ int CmdCheck(CliContext& ctx) {
                                 " " + info.version + " can be installed");
     }
     const Json::Value message = PMSFileCheckMessage(code, detail, displayName);
-    return PrintFailureMessage(ctx, code, message,
-                               ctx.args[0] + " can't be installed on this machine");
+    return PrintFailureMessage(
+        ctx, code, message,
+        ctx.args[0] + " can't be installed on this machine: " + CheckReason(code));
 }

@@ -18,7 +18,7 @@ int CmdList(CliContext& ctx) {
     }
     PackageManager pm;
     if (!pm.init()) {
-        return PrintFailure(ctx, pm, "the package registry could not be prepared");
+        return PrintFailure(ctx, pm, RegistryFailureText());
     }
     std::vector<PackageInfo> records;
     pm.enumPackageInfo(records, ctx.language(), kListMask);

@@ -9,11 +9,16 @@ int CmdLog(CliContext& ctx) {
     const std::string& name = ctx.args[0];
     PackageManager pm;
     if (!pm.init()) {
-        return PrintFailure(ctx, pm, "the package registry could not be prepared", name);
+        return PrintFailure(ctx, pm, RegistryFailureText(), name);
     }
     const std::string text = pm.getPackageLog(name);
     if (pm.getResult() != PKG_ERR_SUCCESS) {
-        return PrintFailure(ctx, pm, "the log of " + name + " could not be read", name);
+        return PrintFailure(
+            ctx, pm,
+            pm.getResult() == PKG_ERR_NOT_INSTALLED
+                ? "package " + name + " is not installed"
+                : "the log of " + name + " could not be read (run again with -v to see why)",
+            name);
     }
     Json::Value out(Json::objectValue);
     out["package"] = name;

@@ -14,7 +14,7 @@ int CmdOrder(CliContext& ctx) {
     }
     PackageManager pm;
     if (!pm.init()) {
-        return PrintFailure(ctx, pm, "the package registry could not be prepared");
+        return PrintFailure(ctx, pm, RegistryFailureText());
     }
     std::vector<std::string> order;
     if (ctx.args.empty()) {

@@ -23,7 +23,8 @@ int CmdPack(CliContext& ctx) {
     }
     std::string error;
     if (!PMSPackPackage(CliFilePath(dir), CliFilePath(output), error)) {
-        Json::Value message(Json::arrayValue);
+        // The key first, as in every failure; the reason in words follows it.
+        Json::Value message = PMSFileCheckMessage(PKG_ERR_BAD_PACKAGE, Json::Value(), "");
         message.append(error);
         return PrintFailureMessage(ctx, PKG_ERR_BAD_PACKAGE, message,
                                    "can't pack " + dir + " into " + output);

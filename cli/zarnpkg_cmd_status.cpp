@@ -11,7 +11,7 @@ int CmdStatus(CliContext& ctx) {
     const std::string& name = ctx.args[0];
     PackageManager pm;
     if (!pm.init()) {
-        return PrintFailure(ctx, pm, "the package registry could not be prepared", name);
+        return PrintFailure(ctx, pm, RegistryFailureText(), name);
     }
     const int status = pm.getPkgStatus(name);
     const unsigned int result = pm.getResult();

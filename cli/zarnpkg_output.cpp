@@ -3,6 +3,7 @@
 
 #include "cli/zarnpkg_cli.h"
 #include "platform/json.h"
+#include "platform/sysroot.h"
 
 using ZARNPackageTool::PKG_ERRCODE;
 
@@ -41,8 +42,17 @@ int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& t
     return kExitOk;
 }
 
-int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& message,
+int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& given,
                         const std::string& what, const Json::Value& params) {
+    Json::Value message = given;
+    if (code == ZARNPackageTool::PKG_ERR_SUCCESS) {
+        // A failure that left no reason behind must not read as success to a script.
+        code = ZARNPackageTool::PKG_ERR_SYSTEM;
+        if (!message.isArray() || message.empty()) {
+            message = Json::Value(Json::arrayValue);
+            message.append(ZARNPackageTool::PKG_MSG_DEFAULT);
+        }
+    }
     if (ctx.json) {
         Json::Value out(Json::objectValue);
         out["success"] = false;
@@ -69,6 +79,16 @@ int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& p
     PKG_ERRCODE code = pm.getResult(data);
     Json::Value message = ZARNPackageTool::PMSFileCheckMessage(code, data, packageName);
     return PrintFailureMessage(ctx, code, message, what, ParamsObject(pm.getMapParams()));
+}
+
+std::string RegistryFailureText() {
+    const std::string& root = ZARNPackageCore::GetSystemRoot();
+    std::string text = "the package registry could not be prepared (run again with -v to see why)";
+    if (root != "/") {
+        text += "; if " + root + " is no standalone root yet, make it with: zarnpkg --root " +
+                root + " host-init";
+    }
+    return text;
 }
 
 const char* StatusText(int status) {

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 #include "core/packagemanager.h"
 #include "platform/errors.h"
@@ -12,9 +13,14 @@
 namespace ZARNPackageTool {
 
 std::vector<std::string> PMSExplodeString(const std::string& s, const std::string& delims) {
+    return PMSExplodeStringMax(s, delims, std::numeric_limits<size_t>::max());
+}
+
+std::vector<std::string> PMSExplodeStringMax(const std::string& s, const std::string& delims,
+                                             size_t maxTokens) {
     std::vector<std::string> out;
     size_t pos = 0;
-    while (pos < s.size()) {
+    while (pos < s.size() && out.size() < maxTokens) {
         size_t start = s.find_first_not_of(delims, pos);
         if (start == std::string::npos) {
             break;

@@ -15,6 +15,6 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
                             bool langGiven, unsigned long long mask, bool* missing);
 
 // Key "language" of /etc/zarninfo.conf, or "".
-std::string PMSSystemLanguage();
+ZARNPKG_API std::string PMSSystemLanguage();
 
 }  // namespace ZARNPackageTool

@@ -6,6 +6,7 @@
 
 #include "core/registry.h"
 #include "core/version.h"
+#include "dependency/depinternal.h"
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/log.h"
@@ -125,11 +126,17 @@ PackageInfo* PackageManager::getPackageInfoData() {
 }
 
 PackageManager::BreakerSnapshot PackageManager::makeBreakerSnapshot(
-    const std::vector<PackageInfo>& records) {
+    const std::vector<PackageInfo>& /*records*/) {
+    // The snapshot is read the way a single query reads the breakers, not taken from the
+    // caller's records: a record loaded with a wider mask is missing when its INFO lacks a key
+    // that the wider load insists on (a maintainer, say), yet its break list still counts.
+    std::map<std::string, PackageInfo> installed;
+    PackageManager scan;
+    scan.enumPackageInfoMap(installed, nullptr, kDepMaskBreak);
     auto breakers = std::make_shared<std::map<std::string, PackageInfo>>();
-    for (const auto& info : records) {
+    for (auto& [name, info] : installed) {
         if (!info.extra.get()->install_break_packages.empty()) {
-            breakers->emplace(info.name, info);
+            breakers->emplace(name, std::move(info));
         }
     }
     return breakers;

@@ -196,6 +196,10 @@ private:
 // Free helpers of the frame.
 ZARNPKG_API std::vector<std::string> PMSExplodeString(const std::string& s,
                                                       const std::string& delims);
+// The same, keeping at most `maxTokens` tokens (the host's token lists are bounded).
+ZARNPKG_API std::vector<std::string> PMSExplodeStringMax(const std::string& s,
+                                                         const std::string& delims,
+                                                         size_t maxTokens);
 ZARNPKG_API std::string joinStringArray(const std::vector<std::string>& items,
                                         const std::string& sep);
 ZARNPKG_API void joinJsonArray(const Json::Value& items, const std::string& sep, std::string& out);

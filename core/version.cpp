@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/packagemanager.h"
 #include "platform/errors.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"
@@ -16,21 +17,7 @@ constexpr size_t kMaxTokens = 32;
 
 // Splits like strtok: empty tokens are dropped; at most kMaxTokens are kept.
 std::vector<std::string> StrTok(const std::string& text, const char* seps) {
-    std::vector<std::string> out;
-    size_t pos = 0;
-    while (pos < text.size() && out.size() < kMaxTokens) {
-        size_t start = text.find_first_not_of(seps, pos);
-        if (start == std::string::npos) {
-            break;
-        }
-        size_t end = text.find_first_of(seps, start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        out.emplace_back(text, start, end - start);
-        pos = end;
-    }
-    return out;
+    return PMSExplodeStringMax(text, seps, kMaxTokens);
 }
 
 size_t CountDots(const std::string& s) {

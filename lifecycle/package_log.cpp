@@ -30,7 +30,7 @@ std::string PackageManager::getPackageLog(const std::string& name, bool quiet) {
         }
         return "";
     }
-    std::string text = runner.getStdout();
+    std::string text = runner.getCapturedOutput();
     if (!text.empty() && text.back() == '\n') {
         text.pop_back();
     }

@@ -113,17 +113,15 @@ std::string TmpFolder(const std::string& name, const char* volume) {
     return Physical(Privilege::GetTmpFolderPath(name, volume));
 }
 
-// Removes the last wizard's names from the process environment and forgets them.
-void DropWizardEnv(ZARNUtils::ProcessRunner* runner) {
+// Removes the last wizard's names from the process environment and forgets them. A runner is
+// left alone: what it was given for this action (such as the old version of an upgrade) stays.
+void DropWizardEnv() {
     Json::Value& last = WizardEnv();
     for (const auto& name : last.getMemberNames()) {
         if (!PMSIsValidEnvName(name)) {
             continue;
         }
         unsetenv(name.c_str());
-        if (runner != nullptr) {
-            runner->unsetEnv(name);
-        }
     }
     last = Json::Value(Json::objectValue);
 }
@@ -215,12 +213,9 @@ void PMSPrepareScriptEnv(const PackageInfo& info, ZARNUtils::ProcessRunner& runn
     plan.push_back(Optional("ZARNPKG_USERNAME", userName, false));
     plan.push_back(Optional("ZARNPKG_TEMP_LOGFILE", logFile ? logFile->c_str() : nullptr, true));
 
-    // The last wizard's names go first, so that a name it shared with a package variable can't
-    // take that variable away from this runner.
-    DropWizardEnv(&runner);
     for (const auto& [name, value] : plan) {
         if (value) {
-            runner.setEnv(name, *value);
+            runner.addEnv(name, *value);
         } else {
             unsetenv(name.c_str());
             runner.unsetEnv(name);
@@ -229,11 +224,12 @@ void PMSPrepareScriptEnv(const PackageInfo& info, ZARNUtils::ProcessRunner& runn
     // Scripts find appliance paths under the root through this; on the appliance it is absent.
     const std::string& root = ZARNPackageCore::GetSystemRoot();
     if (root != "/") {
-        runner.setEnv("ZARNPKG_ROOT", root);
+        runner.addEnv("ZARNPKG_ROOT", root);
     } else {
         runner.unsetEnv("ZARNPKG_ROOT");
     }
 
+    DropWizardEnv();
     if (wizardValues == nullptr || !wizardValues->isObject()) {
         return;
     }
@@ -258,7 +254,7 @@ void PMSPrepareScriptEnv(const PackageInfo& info, ZARNUtils::ProcessRunner& runn
                     name.c_str());
             continue;
         }
-        runner.setEnv(name, text);
+        runner.addEnv(name, text);
         kept[name] = value;
     }
     WizardEnv() = kept;
@@ -289,7 +285,7 @@ void CleanAllEnv() {
     for (const char* name : kNames) {
         unsetenv(name);
     }
-    DropWizardEnv(nullptr);
+    DropWizardEnv();
 }
 
 bool PMSPrepareWizardScriptEnv(PKG_INSTALLATION_TYPE type, const PackageInfo& info,
@@ -313,7 +309,7 @@ bool PMSPrepareWizardScriptEnv(PKG_INSTALLATION_TYPE type, const PackageInfo& in
                            __FILE__, __LINE__, info.name.c_str());
                 return false;
             }
-            runner.setEnv("ZARNPKG_OLD_PKGVER", installed.version);
+            runner.addEnv("ZARNPKG_OLD_PKGVER", installed.version);
             PMSPrepareScriptEnv(installed, runner, language, &logFile, type, wizardValues, volume,
                                 packageFile, userName);
             return true;

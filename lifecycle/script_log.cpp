@@ -124,14 +124,9 @@ int PMSRunAndWriteScriptLog(const PackageInfo& info, PKG_INSTALLATION_TYPE type,
     int fd = OpenPackageLog(info.name);
     if (fd >= 0) {
         WriteAll(fd, ToStringWithCurrentTime(line) + "\n");
-        runner.setOutputFd(fd);
-    } else {
-        // Without a log the output is dropped rather than mixed into the caller's.
-        runner.captureOutput();
     }
-    // The mode is kept for callers; both modes send output and errors to the same place here.
-    (void)mode;
-    const int ret = runner.run();
+    // Without a log the output is captured and dropped rather than mixed into the caller's.
+    const int ret = runner.run(mode == PKG_RUN_MODE_COMMAND ? 1 : mode, true, true, fd);
 
     snprintf(line, sizeof(line), "%s %s %s End %s ret=[%d]", typeText.c_str(), info.name.c_str(),
              info.version.c_str(), command.c_str(), ret);

@@ -49,8 +49,12 @@ bool RunWizardScript(const std::string& script, PKG_INSTALLATION_TYPE type, cons
     ZARN_SCOPE_EXIT {
         ZARNUnlink(tmpFile);
     };
-    // Archives lose their modes on the way out; the script must still be runnable.
-    ZARNChmod(script, 0700);
+    // A script taken out of an archive (`packageFile` set) lies in our own temp folder and is
+    // made runnable there; one of the registry is run as installed, since a reader doesn't
+    // change the registry.
+    if (packageFile != nullptr) {
+        ZARNChmod(script, 0700);
+    }
     ZARNUtils::ProcessRunner runner({ZARNPhysicalPath(script)});
     if (!PMSPrepareWizardScriptEnv(type, info, runner, tmpFile, lang, nullptr,
                                    type == PKG_INSTALLATION_UNINSTALL ? nullptr : packageFile,
@@ -112,10 +116,14 @@ bool PMReadUIFileContent(const std::string& path, Json::Value& out) {
     return true;
 }
 
-void getUIDefaultValues(Json::Value wizard, Json::Value& out) {
+namespace {
+
+// The walk goes by reference: a copy per level would hold the whole subtree once for every level
+// above it, and a deep wizard with one large value would then take depth times its size.
+void CollectUIDefaultValues(const Json::Value& wizard, Json::Value& out) {
     if (wizard.isArray()) {
         for (const auto& item : wizard) {
-            getUIDefaultValues(item, out);
+            CollectUIDefaultValues(item, out);
         }
         return;
     }
@@ -137,9 +145,15 @@ void getUIDefaultValues(Json::Value wizard, Json::Value& out) {
     for (const auto& name : wizard.getMemberNames()) {
         const Json::Value& member = wizard[name];
         if (member.isArray() || member.isObject()) {
-            getUIDefaultValues(member, out);
+            CollectUIDefaultValues(member, out);
         }
     }
+}
+
+}  // namespace
+
+void getUIDefaultValues(Json::Value wizard, Json::Value& out) {
+    CollectUIDefaultValues(wizard, out);
 }
 
 bool PMSGetImageTmpPath(const char* first, const char* second, const char* third,

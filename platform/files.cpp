@@ -320,13 +320,24 @@ bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
     if (BadPath(path)) {
         return false;
     }
-    int fd = open(ZARNPhysicalPath(path).c_str(), O_RDONLY | O_CLOEXEC);
+    // Opened without blocking: a pipe put where a file belongs would hold the open forever.
+    int fd = open(ZARNPhysicalPath(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         SET_ERRNO_ERROR();
         return false;
     }
     struct stat st;
     const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    if (!regular && (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode))) {
+        errno = EINVAL;
+        SET_ERRNO_ERROR();
+        CloseKeepErrno(fd);
+        return false;
+    }
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0) {
+        fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+    }
     if (regular && st.st_size > 0) {
         size_t expected = static_cast<size_t>(st.st_size);
         out.reserve(limit > 0 ? std::min(limit, expected) : expected);

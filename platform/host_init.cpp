@@ -47,9 +47,8 @@ bool MakeDir(const std::string& path, mode_t mode, std::string& error) {
     return true;
 }
 
-// Adds the keys a file lacks, in the given order; the values it has stay as they are.
-bool EnsureKeys(const std::string& path, const KeyList& keys, std::string& error) {
-    std::string text;
+// Reads a file that may not exist yet: a missing file reads as empty.
+bool ReadOrEmpty(const std::string& path, std::string& text, std::string& error) {
     if (!ZARNFileRead(path, text)) {
         if (errno != ENOENT) {
             error = "cannot read " + path + ": " + ErrnoText(errno);
@@ -57,14 +56,12 @@ bool EnsureKeys(const std::string& path, const KeyList& keys, std::string& error
         }
         text.clear();
     }
-    std::map<std::string, std::string> present;
-    ZARNKeyTextParse(text, "=", nullptr, present);
-    std::string added;
-    for (const auto& key : keys) {
-        if (present.count(key.first) == 0) {
-            added += key.first + "=\"" + key.second + "\"\n";
-        }
-    }
+    return true;
+}
+
+// Writes the file's text with `added` behind it, keeping its mode; nothing added is success.
+bool AppendMissing(const std::string& path, std::string text, const std::string& added,
+                   std::string& error) {
     if (added.empty()) {
         return true;
     }
@@ -82,6 +79,23 @@ bool EnsureKeys(const std::string& path, const KeyList& keys, std::string& error
         return false;
     }
     return true;
+}
+
+// Adds the keys a file lacks, in the given order; the values it has stay as they are.
+bool EnsureKeys(const std::string& path, const KeyList& keys, std::string& error) {
+    std::string text;
+    if (!ReadOrEmpty(path, text, error)) {
+        return false;
+    }
+    std::map<std::string, std::string> present;
+    ZARNKeyTextParse(text, "=", nullptr, present);
+    std::string added;
+    for (const auto& key : keys) {
+        if (present.count(key.first) == 0) {
+            added += key.first + "=\"" + key.second + "\"\n";
+        }
+    }
+    return AppendMissing(path, text, added, error);
 }
 
 bool MakeFolders(std::string& error) {
@@ -170,12 +184,8 @@ bool MakeVolumes(std::string& error) {
 bool EnsureAccountLines(const std::string& path, const std::vector<std::string>& lines,
                         std::string& error) {
     std::string text;
-    if (!ZARNFileRead(path, text)) {
-        if (errno != ENOENT) {
-            error = "cannot read " + path + ": " + ErrnoText(errno);
-            return false;
-        }
-        text.clear();
+    if (!ReadOrEmpty(path, text, error)) {
+        return false;
     }
     std::map<std::string, bool> present;
     for (const std::string& line : ZARNSplitText(text, '\n')) {
@@ -187,17 +197,7 @@ bool EnsureAccountLines(const std::string& path, const std::vector<std::string>&
             added += line + "\n";
         }
     }
-    if (added.empty()) {
-        return true;
-    }
-    if (!text.empty() && text.back() != '\n') {
-        text.push_back('\n');
-    }
-    if (!ZARNFileWriteDurable(path, text + added, 0644)) {
-        error = "cannot write " + path + ": " + ErrnoText(errno);
-        return false;
-    }
-    return true;
+    return AppendMissing(path, text, added, error);
 }
 
 // The system's own accounts. Ids below 1000 are the system's; "system" (1) owns the files of

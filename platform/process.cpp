@@ -393,6 +393,39 @@ std::string ProcessRunner::toString() const {
     return text;
 }
 
+ProcessRunner& ProcessRunner::addEnv(const std::string& name, const std::string& value) {
+    return setEnv(name, value);
+}
+
+ProcessRunner& ProcessRunner::addArguments(const std::vector<std::string>& args) {
+    impl_->argv.insert(impl_->argv.end(), args.begin(), args.end());
+    return *this;
+}
+
+int ProcessRunner::run(bool capture, bool /*flag*/) {
+    if (capture) {
+        captureOutput();
+    }
+    return run();
+}
+
+int ProcessRunner::run(int /*mode*/, bool capture, bool /*flag*/, int fd) {
+    if (fd >= 0) {
+        setOutputFd(fd);
+    } else if (capture) {
+        captureOutput();
+    }
+    return run();
+}
+
+const std::string& ProcessRunner::getCapturedOutput() const {
+    return impl_->out;
+}
+
+const std::string& ProcessRunner::getCapturedOutputErr() const {
+    return impl_->err;
+}
+
 const std::string& ProcessRunner::getStdout() const {
     return impl_->out;
 }

@@ -50,6 +50,16 @@ public:
     const std::string& getStdout() const;
     const std::string& getStderr() const;
 
+    // The names the package code knows these operations by. `flag` has no meaning here, and
+    // `mode` (144 for package scripts, 1 for plain commands) sends output to `fd` either way;
+    // with `fd` negative a capturing run collects it instead.
+    ProcessRunner& addEnv(const std::string& name, const std::string& value);
+    ProcessRunner& addArguments(const std::vector<std::string>& args);
+    int run(bool capture, bool flag);
+    int run(int mode, bool capture, bool flag, int fd);
+    const std::string& getCapturedOutput() const;
+    const std::string& getCapturedOutputErr() const;
+
     // Gives the program this argv[0] (a script's bare name) instead of its path.
     ProcessRunner& setArgv0(const std::string& name);
     // The command line as text, for logs: the program path and its arguments, blank-separated.

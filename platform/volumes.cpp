@@ -37,11 +37,18 @@ bool ReadCap(const Json::Value& value, unsigned long long& out) {
         out = value.asUInt64();
         return true;
     }
-    if (value.isNumeric() && value.asDouble() >= 0) {
+    // Beyond 2^64 a double has no integer to turn into: such a cap is no cap.
+    if (value.isNumeric() && value.asDouble() >= 0 && value.asDouble() < 18446744073709551616.0) {
         out = static_cast<unsigned long long>(value.asDouble());
         return true;
     }
     return false;
+}
+
+// The file is written by hand too: a flag of another type keeps its default.
+bool ReadFlag(const Json::Value& object, const char* key, bool def) {
+    const Json::Value& v = object[key];
+    return v.isBool() ? v.asBool() : def;
 }
 
 // Read every time: tests and the host's tools change the file between calls.
@@ -55,7 +62,7 @@ HostVolumeConf LoadConf() {
         ZLOGWARN("Failed to read %s, volumes take their defaults", ZARN_VOLUMES_CONF);
         return conf;
     }
-    conf.dockHost = root.get("dock_host", false).asBool();
+    conf.dockHost = ReadFlag(root, "dock_host", false);
     const Json::Value& volumes = root["volumes"];
     if (volumes.isArray()) {
         for (const Json::Value& entry : volumes) {
@@ -63,10 +70,10 @@ HostVolumeConf LoadConf() {
                 continue;
             }
             VolumeConf vol;
-            vol.writable = entry.get("writable", true).asBool();
-            vol.generic = entry.get("generic", true).asBool();
-            vol.created = entry.get("created", true).asBool();
-            vol.crashed = entry.get("crashed", false).asBool();
+            vol.writable = ReadFlag(entry, "writable", true);
+            vol.generic = ReadFlag(entry, "generic", true);
+            vol.created = ReadFlag(entry, "created", true);
+            vol.crashed = ReadFlag(entry, "crashed", false);
             vol.hasCap = entry.isMember("space_cap") && ReadCap(entry["space_cap"], vol.cap);
             const std::string path = entry["path"].asString();
             if (vol.hasCap) {
@@ -426,8 +433,9 @@ bool ZARNStatfs(const std::string& path, ZARNStatfsInfo& out) {
     return true;
 }
 
-bool ZARNHostVolumesInit(int count, std::string& error) {
-    error.clear();
+namespace {
+
+bool HostVolumesInit(int count, std::string& error) {
     if (count < 1) {
         error = "a host needs at least one volume";
         return false;
@@ -467,7 +475,8 @@ bool ZARNHostVolumesInit(int count, std::string& error) {
         }
         bool listed = false;
         for (const Json::Value& entry : volumes) {
-            listed = listed || (entry.isObject() && entry["path"].asString() == path);
+            listed = listed || (entry.isObject() && entry["path"].isString() &&
+                                entry["path"].asString() == path);
         }
         if (!listed) {
             Json::Value entry(Json::objectValue);
@@ -482,6 +491,17 @@ bool ZARNHostVolumesInit(int count, std::string& error) {
     }
     if (changed && !Json::toFile(root, ZARN_VOLUMES_CONF)) {
         error = std::string("cannot write ") + ZARN_VOLUMES_CONF + ": " + strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ZARNHostVolumesInit(int count, std::string& error) {
+    error.clear();
+    if (!HostVolumesInit(count, error)) {
+        ZLOGERR("Failed to prepare the volumes of the host: %s", error.c_str());
         return false;
     }
     return true;

@@ -42,10 +42,26 @@ bool FindConf(const std::string& name, const std::string& dir, std::string& path
     return dir.empty() ? GetConfPath(name, path) : GetConfPathFrom(dir, path);
 }
 
-// Reads the file; errno tells why it failed, a parse failure showing as a bad message.
+// The file comes with the package: far larger than any real one is refused rather than read.
+const size_t kMaxConfFile = 4 * 1024 * 1024;
+
+// Reads the file; errno tells why it failed, a parse failure showing as a bad message. Only a
+// regular file is read, so that a link to a device or a pipe can neither hang nor exhaust us.
 bool ReadConfFile(const std::string& path, Json::Value& config) {
-    errno = EBADMSG;
-    if (!Json::fromFile(config, path)) {
+    config = Json::Value();
+    std::string text;
+    bool ok = false;
+    if (!ZARNIsRegularFile(path)) {
+        errno = IsFileExists(path) ? EINVAL : ENOENT;
+    } else if (!ZARNFileRead(path, text, kMaxConfFile + 1)) {
+        // errno tells why
+    } else if (text.size() > kMaxConfFile) {
+        errno = EFBIG;
+    } else {
+        errno = EBADMSG;
+        ok = Json::fromString(config, text);
+    }
+    if (!ok) {
         ZLOGERR("Failed to read %s (%m)", path.c_str());
         VLIBCErrSet(PRIV_ERR_READ_CONF);
         return false;
@@ -106,7 +122,8 @@ bool JoinGroup(const std::string& user, const std::string& group) {
 bool ClearScriptBits(const std::string& staging) {
     for (const char* script : kScripts) {
         const std::string rel = std::string("scripts/") + script;
-        if (!ZARNPathExists(staging + "/" + rel)) {
+        // A dangling link has no bits to clear; it is passed over like a missing script.
+        if (!IsFileExists(staging + "/" + rel)) {
             continue;
         }
         std::string path;
@@ -404,6 +421,16 @@ bool CreateTmpFolder(const std::string& name, const std::string& path) {
     } else if (ZARNUserGetUGID(user, &uid, &gid) < 0) {
         ZLOGERR("Failed to get id of %s [0x%04X %s:%d]", user.c_str(), PRIV_LAST_ERROR);
         return false;
+    }
+    // The folders above it are the system's and stay passable for every account, or the
+    // package's user could never reach its own folder; only the last one is private.
+    const std::string::size_type slash = path.find_last_of('/');
+    if (slash != std::string::npos && slash > 0) {
+        const std::string parent = path.substr(0, slash);
+        if (!ZARNIsDir(parent) && ZARNFSMkdirP(parent, 0, 1, 0, 0, 0755) < 0) {
+            ZLOGERR("Failed to create %s [0x%04X %s:%d]", parent.c_str(), PRIV_LAST_ERROR);
+            return false;
+        }
     }
     if (ZARNFSMkdirP(path, 0, 1, 0, 0, 0700) < 0) {
         ZLOGERR("Failed to create %s [0x%04X %s:%d]", path.c_str(), PRIV_LAST_ERROR);

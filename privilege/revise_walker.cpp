@@ -44,6 +44,11 @@ int ReviseWalker::OpenRelPath(std::string const& relpath, std::string& path) con
 
 int ReviseWalker::OpenElement(Json::Value const& element, std::initializer_list<const char*> keys,
                               std::string& path) const {
+    // Anything but an object is bad content too (and would throw on lookup).
+    if (!element.isObject()) {
+        VLIBCErrSet(PRIV_ERR_BAD_CONF);
+        return -1;
+    }
     for (const char* key : keys) {
         if (!element.isMember(key) || !element[key].isString()) {
             VLIBCErrSet(PRIV_ERR_BAD_CONF);

@@ -28,8 +28,8 @@ bool TraversePrivilege(Json::Value const& config, std::string const& key, IWalke
 
 int CtrlScriptWalker::walk(Json::Value const& element) {
     // Checked for every element up to the match, so a damaged entry ahead of it fails the
-    // whole search.
-    if (!element.isMember("action") || !element["action"].isString() ||
+    // whole search. Anything but an object is damaged too (and would throw on lookup).
+    if (!element.isObject() || !element.isMember("action") || !element["action"].isString() ||
         !element.isMember("run-as") || !element["run-as"].isString()) {
         VLIBCErrSet(PRIV_ERR_BAD_CONF);
         return WALK_FAILED;

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "core/packagemanager.h"
+#include "platform/files.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;
@@ -152,7 +153,7 @@ TEST_F(FrameRoot, InitRepairsTheRegistryMode) {
     EXPECT_FALSE(pm.getPackageInfoData()->extra.get()->arch_ids.empty());
 
     // A plain file where the registry should be makes init fail with a system error.
-    ASSERT_EQ(system(("rm -rf " + phys("/var/packages")).c_str()), 0);
+    ASSERT_TRUE(ZARNRemoveTree("/var/packages"));
     writeFile("/var/packages", "not a folder");
     PackageManager broken;
     EXPECT_FALSE(broken.init());

@@ -215,6 +215,21 @@ TEST_F(Status, BrokenStates) {
         shared.useBreakerSnapshot(breakers);
         EXPECT_EQ(shared.getPkgStatus(info.name), status(info.name)) << info.name;
     }
+
+    // A breaker whose INFO lacks keys that a full load insists on still breaks: the shared
+    // snapshot must see it as the scan of a single query does.
+    addPackage("victim2", 0);
+    enable("victim2");
+    jobRuns("victim2");
+    writeFile("/var/packages/lazybreaker/INFO",
+              "package=\"lazybreaker\"\nversion=\"1.0\"\ninstall_break_packages=\"victim2\"\n");
+    EXPECT_EQ(status("victim2"), 0x96);
+    records.clear();
+    pm.enumPackageInfo(records, nullptr, PKG_MASK_ALL);
+    const PackageManager::BreakerSnapshot partial = PackageManager::makeBreakerSnapshot(records);
+    PackageManager shared;
+    shared.useBreakerSnapshot(partial);
+    EXPECT_EQ(shared.getPkgStatus("victim2"), 0x96);
 }
 
 TEST_F(Status, NoControlScript) {

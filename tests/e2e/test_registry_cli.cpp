@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <string>
 
@@ -23,9 +22,10 @@ protected:
 
 // host-init makes a root from an empty folder that list and info then work on.
 TEST_F(RegistryCli, HostInitListAndInfo) {
-    char tmpl[] = "/tmp/zarnpkg-clean.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string clean = tmpl;
+    // A second, empty root inside this test's root, so that it goes away with it.
+    ASSERT_EQ(
+        ZARNFSMkdirP("/tmp/clean", 0, 0, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0755), 0);
+    const std::string clean = phys("/tmp/clean");
     CliRun r = RunZarnpkg(clean, {"host-init"});
     ASSERT_EQ(r.status, 0) << r.err;
     r = RunZarnpkg(clean, {"list"});
@@ -33,7 +33,6 @@ TEST_F(RegistryCli, HostInitListAndInfo) {
     EXPECT_EQ(r.out, "no packages installed\n");
     r = RunZarnpkg(clean, {"--json", "list"});
     EXPECT_EQ(Parse(r.out)["packages"].size(), 0u);
-    EXPECT_EQ(system(("rm -rf " + clean).c_str()), 0);
 
     writeFile("/var/packages/hello/INFO",
               "package=\"hello\"\nversion=\"1.0-0001\"\ndisplayname=\"Hello\"\n"

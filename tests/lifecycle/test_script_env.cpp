@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <map>
@@ -7,6 +8,7 @@
 
 #include "core/packagemanager.h"
 #include "lifecycle/script_env.h"
+#include "lifecycle/script_mask.h"
 #include "platform/files.h"
 #include "platform/process.h"
 #include "support/temproot.h"
@@ -200,6 +202,21 @@ TEST_F(ScriptEnv, WizardValuesComeAndGo) {
                          nullptr, nullptr);
     EXPECT_EQ(after["ZARNPKG_PKGVER"], "2.1-0003");
     EXPECT_EQ(after["ZARNPKG_PKGNAME"], "w");
+
+    // The last wizard's names leave the process only: what the caller gave this runner before
+    // the preparation (the old version of an upgrade) stays.
+    Json::Value clash(Json::objectValue);
+    clash["ZARNPKG_OLD_PKGVER"] = "from the wizard";
+    childEnv(record("w"), PKG_INSTALLATION_UPGRADE, "enu", nullptr, &clash, nullptr, nullptr,
+             nullptr);
+    ZARNUtils::ProcessRunner upgrade({"/usr/bin/env"});
+    upgrade.captureOutput();
+    upgrade.setEnv("ZARNPKG_OLD_PKGVER", "1.0");
+    PMSPrepareScriptEnv(record("w"), upgrade, "enu", nullptr, PKG_INSTALLATION_UPGRADE, nullptr,
+                        nullptr, nullptr, nullptr);
+    ASSERT_EQ(upgrade.run(), 0);
+    EXPECT_NE(upgrade.getStdout().find("ZARNPKG_OLD_PKGVER=1.0\n"), std::string::npos);
+    EXPECT_TRUE(PMSGetWizardEnv().empty());
 }
 
 TEST_F(ScriptEnv, PrepareEnvAndCleanAll) {
@@ -270,6 +287,33 @@ TEST_F(ScriptEnv, TypeTextAndWizardScriptPreparation) {
                                           "enu", nullptr, "/tmp/wiz.qar", nullptr, nullptr));
     ASSERT_EQ(removal.run(), 0);
     EXPECT_EQ(removal.getStdout().find("ZARNPKG_TEMP_QARFILE="), std::string::npos);
+}
+
+TEST_F(ScriptEnv, ScriptMaskRepairsModes) {
+    const std::string dir = "/tmp/pkginstall/scripts";
+    EXPECT_EQ(PMGetScriptMask(dir), 0u);
+    writeFile(dir + "/start-stop-status", "#!/bin/sh\n", 0755);
+    writeFile(dir + "/postinst", "#!/bin/sh\n", 0644);
+    writeFile(dir + "/postupgrade", "", 0755);
+    writeFile(dir + "/prereplace", "#!/bin/sh\n", 0755);
+    // The postinst without its execute bit is not runnable until the mask repairs it.
+    EXPECT_FALSE(PMSCheckIsExec(dir + "/postinst"));
+    EXPECT_EQ(PMGetScriptMask(dir),
+              PKG_SCRIPT_START_STOP_STATUS | PKG_SCRIPT_POSTINST | PKG_SCRIPT_POSTUPGRADE);
+    struct stat st;
+    ASSERT_TRUE(ZARNStat(dir + "/postinst", st));
+    EXPECT_EQ(st.st_mode & 07777, 0700u);
+    ASSERT_TRUE(ZARNStat(dir + "/start-stop-status", st));
+    EXPECT_EQ(st.st_mode & 07777, 0755u) << "a runnable script keeps its mode";
+    EXPECT_TRUE(PMSCheckIsExec(dir + "/postinst"));
+    // An empty script counts in the mask but is no script for the pipelines.
+    EXPECT_FALSE(PMSCheckIsExec(dir + "/postupgrade"));
+
+    writeFile(dir + "/preinst", "#!/bin/sh\n", 0600);
+    writeFile(dir + "/preuninst", "#!/bin/sh\n", 0700);
+    writeFile(dir + "/postuninst", "#!/bin/sh\n", 0700);
+    writeFile(dir + "/preupgrade", "#!/bin/sh\n", 0700);
+    EXPECT_EQ(PMGetScriptMask(dir), 0x7fu);
 }
 
 }  // namespace

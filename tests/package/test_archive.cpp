@@ -5,6 +5,7 @@
 #include "package/archive.h"
 #include "package/pack.h"
 #include "platform/files.h"
+#include "platform/keyfile.h"
 #include "support/qar_builder.h"
 #include "support/temproot.h"
 
@@ -263,6 +264,86 @@ TEST_F(ArchiveTest, ReadUIFileContentRules) {
     ASSERT_TRUE(PMSGetImageTmpPath("vendor", "pkg", "256", path));
     EXPECT_EQ("/var/cache/pkglist.tmp/icon/vendor/pkg/256", path);
     EXPECT_TRUE(ZARNIsDir(path));
+}
+
+TEST_F(ArchiveTest, WizardScriptsOfTheRegistryAndOfFilesThatGiveNothing) {
+    const std::string writes =
+        "#!/bin/sh\nprintf '%s' '[{\"items\": [{\"key\": \"r\", \"defaultValue\": \"reg\"}]}]' "
+        "> \"$ZARNPKG_TEMP_LOGFILE\"\n";
+    writeFile("/var/packages/regsh/INFO", qartest::BasicInfo("regsh", "1.0"));
+    writeFile("/var/packages/regsh/WIZARD_UIFILES/uninstall_uifile.sh", writes);
+    ASSERT_TRUE(ZARNChmod("/var/packages/regsh/WIZARD_UIFILES/uninstall_uifile.sh", 0755));
+    PackageManager pm;
+    PackageInfo info;
+    info.name = "regsh";
+    EXPECT_TRUE(pm.readUIFile(PKG_INSTALLATION_UNINSTALL, "regsh", info, "enu")) << logText();
+    EXPECT_EQ(Json::Value("reg"), info.wizard[0]["items"][0]["defaultValue"]);
+
+    // A reader leaves the registry as it is: a script installed without its execute bit stays
+    // so, and is then no wizard.
+    writeFile("/var/packages/regsh/WIZARD_UIFILES/upgrade_uifile.sh", writes);
+    ASSERT_TRUE(ZARNChmod("/var/packages/regsh/WIZARD_UIFILES/upgrade_uifile.sh", 0644));
+    PackageInfo upgrade;
+    upgrade.name = "regsh";
+    EXPECT_FALSE(pm.readUIFile(PKG_INSTALLATION_UPGRADE, "regsh", upgrade, "enu"));
+    struct stat st;
+    ASSERT_TRUE(ZARNStat("/var/packages/regsh/WIZARD_UIFILES/upgrade_uifile.sh", st));
+    EXPECT_EQ(0644u, st.st_mode & 07777);
+    EXPECT_NE(std::string::npos, logText().find("Failed to run")) << logText();
+
+    // A script of a file that writes nothing gives way to the static file beside it.
+    const std::string steps = R"([{"items": [{"key": "s", "defaultValue": "static"}]}])";
+    std::string err;
+    ASSERT_TRUE(qartest::TarFromMap("/tmp/empty_sh.qar",
+                                    {{"INFO", qartest::BasicInfo("emptysh", "1.0")},
+                                     {"WIZARD_UIFILES/install_uifile.sh", "#!/bin/sh\nexit 0\n"},
+                                     {"WIZARD_UIFILES/install_uifile", steps}},
+                                    false, err))
+        << err;
+    PackageInfo fallback;
+    ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/empty_sh.qar", fallback,
+                                                  PKG_INSTALLATION_NONE, "enu"));
+    EXPECT_EQ(Json::Value("static"), fallback.wizard[0]["items"][0]["defaultValue"]);
+
+    // An upgrade wizard script of a package that isn't installed gives no wizard.
+    ASSERT_TRUE(qartest::TarFromMap(
+        "/tmp/up_sh.qar",
+        {{"INFO", qartest::BasicInfo("upsh", "1.0")}, {"WIZARD_UIFILES/upgrade_uifile.sh", writes}},
+        false, err))
+        << err;
+    PackageInfo notInstalled;
+    ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/up_sh.qar", notInstalled,
+                                                  PKG_INSTALLATION_UPGRADE, "enu"));
+    EXPECT_TRUE(notInstalled.wizard.empty()) << notInstalled.wizard;
+    EXPECT_NE(std::string::npos,
+              logText().find("Previous upsh not installed, upgrade not possible"));
+
+    // Without a language argument the system's language is taken; without that either, only the
+    // forms without a language are tried.
+    const std::string french = R"([{"items": [{"key": "l", "defaultValue": "fre"}]}])";
+    ASSERT_TRUE(qartest::TarFromMap("/tmp/syslang.qar",
+                                    {{"INFO", qartest::BasicInfo("syslang", "1.0")},
+                                     {"WIZARD_UIFILES/install_uifile_fre", french},
+                                     {"WIZARD_UIFILES/install_uifile", steps}},
+                                    false, err))
+        << err;
+    ASSERT_TRUE(VLIBCFileSetKeyValue("/etc/zarninfo.conf", "language", "fre"));
+    PackageInfo system;
+    ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/syslang.qar", system, PKG_INSTALLATION_NONE,
+                                                  nullptr));
+    EXPECT_EQ(Json::Value("fre"), system.wizard[0]["items"][0]["defaultValue"]);
+    std::string conf;
+    ASSERT_TRUE(ZARNFileRead("/etc/zarninfo.conf", conf));
+    const size_t line = conf.find("language=");
+    ASSERT_NE(std::string::npos, line);
+    conf.erase(line, conf.find('\n', line) - line + 1);
+    writeFile("/etc/zarninfo.conf", conf);
+    PackageInfo none;
+    ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/syslang.qar", none, PKG_INSTALLATION_NONE,
+                                                  nullptr));
+    EXPECT_EQ(Json::Value("static"), none.wizard[0]["items"][0]["defaultValue"]);
+    EXPECT_NE(std::string::npos,
+              logText().find("Failed to get value 'language' from '/etc/zarninfo.conf'"));
 }
 
 }  // namespace

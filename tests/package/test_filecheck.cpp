@@ -201,6 +201,15 @@ TEST_F(FileCheckTest, StepEightPlatform) {
     std::string product;
     ASSERT_EQ(1, VLIBCFileGetKeyValue("/etc.defaults/zarninfo.conf", "product", product));
     EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_not_support_platform", product}), r.message);
+    // Without the product name the array stays empty, and the reason is logged.
+    std::string defaults;
+    ASSERT_TRUE(ZARNFileRead("/etc.defaults/zarninfo.conf", defaults));
+    const size_t line = defaults.find("product=");
+    ASSERT_NE(std::string::npos, line);
+    defaults.erase(line, defaults.find('\n', line) - line + 1);
+    writeFile("/etc.defaults/zarninfo.conf", defaults);
+    EXPECT_TRUE(PMSFileCheckMessage(PKG_ERR_PLATFORM, Json::Value(), "").empty());
+    EXPECT_NE(std::string::npos, logText().find("Failed to get product"));
 }
 
 TEST_F(FileCheckTest, StepNinePortConflict) {
@@ -217,6 +226,15 @@ TEST_F(FileCheckTest, StepNinePortConflict) {
     EXPECT_TRUE(check(build("mine", "1.0", {{"adminport", "18300"}})).ok);
     EXPECT_TRUE(check(build("web", "1.0", {{"adminport", "5000"}})).ok);
     EXPECT_TRUE(check(build("nocheck", "1.0", {{"adminport", "18205"}, {"checkport", "no"}})).ok);
+    // Port 80 over http and 443 over https are the web server's own, even when listed elsewhere;
+    // over the other protocol they are ordinary ports.
+    writeFile("/usr/local/etc/services.d/web.sc", "[web]\ndst.ports=\"80,443/tcp\"\n");
+    EXPECT_TRUE(check(build("http80", "1.0", {{"adminport", "80"}, {"adminprotocol", "http"}})).ok);
+    EXPECT_TRUE(
+        check(build("https443", "1.0", {{"adminport", "443"}, {"adminprotocol", "https"}})).ok);
+    EXPECT_EQ(
+        PKG_ERR_PORT_CONFLICT,
+        check(build("https80", "1.0", {{"adminport", "80"}, {"adminprotocol", "https"}})).code);
     // A port that something listens on.
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_GE(fd, 0);
@@ -279,6 +297,12 @@ TEST_F(FileCheckTest, StepThirteenUpgradeScripts) {
     // With a postupgrade script it may go on; a fresh install needs none.
     EXPECT_TRUE(check(build("noup", "1.2", {}, {{"scripts/postupgrade", "#!/bin/sh\n"}})).ok);
     EXPECT_TRUE(check(build("fresh", "1.0", {}, {})).ok);
+    // The refusal comes before the signature is looked at: with a signature check that can only
+    // fail, the answer is still 0x115.
+    ASSERT_TRUE(VLIBCFileSetKeyValue("/etc/zarninfo.conf", "pkg_source_trust_level", "0"));
+    r = check(build("noup", "1.3", {}, {{"scripts/start-stop-status", "#!/bin/sh\n"}}));
+    EXPECT_EQ(PKG_ERR_UPGRADE, r.code);
+    EXPECT_EQ(PKG_ERR_SYSTEM, check(build("fresh", "1.1", {}, {})).code);
 }
 
 TEST_F(FileCheckTest, StepFourteenSignature) {

@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -343,6 +346,39 @@ TEST_F(HostileQarTest, PayloadWithBadNamesIsRefusedByThePayloadCheck) {
     EXPECT_FALSE(PMSPayloadVet("/tmp/none.tgz", 1ULL << 40, total, why));
     ASSERT_TRUE(ZARNUnlink("/tmp/case.tgz"));
     EXPECT_EQ(before, state());
+}
+
+TEST_F(HostileQarTest, DeepWizardWithALargeValueIsWalkedInItsOwnSize) {
+    // Nested as deep as the reader allows, with 8 MiB at the bottom. A walk that copied each
+    // level would hold the value once per level, some 4 GiB; it must stay within 1 GiB.
+    const int depth = 500;
+    const std::string text = std::string(depth, '[') + "[{\"items\": [{\"key\": \"deep\", " +
+                             "\"defaultValue\": \"" + std::string(8 * 1024 * 1024, 'v') + "\"}]}]" +
+                             std::string(depth, ']');
+    writeFile("/tmp/deep_wizard", text);
+    Json::Value wizard;
+    PMReadUIFileContent("/tmp/deep_wizard", wizard);
+    ASSERT_FALSE(wizard.isNull()) << "the reader refused the nesting";
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+#ifndef __SANITIZE_ADDRESS__
+        // The address sanitizer reserves far more address space than this for itself.
+        struct rlimit limit = {1ULL << 30, 1ULL << 30};
+        setrlimit(RLIMIT_AS, &limit);
+#endif
+        try {
+            Json::Value values(Json::objectValue);
+            getUIDefaultValues(wizard, values);
+            _exit(values["deep"].asString().size() == 8u * 1024 * 1024 ? 0 : 2);
+        } catch (...) {
+            _exit(3);  // out of memory, whatever form the failure takes
+        }
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+    EXPECT_EQ(0, WEXITSTATUS(status)) << "3: out of memory, 2: value not found";
 }
 
 }  // namespace

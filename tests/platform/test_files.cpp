@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -97,6 +98,11 @@ TEST_F(FilesTest, ReadWriteAppendTouch) {
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
     EXPECT_FALSE(ZARNFileRead("/etc", data));
+    // A pipe where a file belongs is refused at once instead of waited on for ever.
+    ASSERT_EQ(mkfifo(phys("/etc/pipe").c_str(), 0644), 0);
+    EXPECT_FALSE(ZARNFileRead("/etc/pipe", data));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(data.empty());
     EXPECT_FALSE(ZARNFileWrite("/no/dir/file", "x"));
 
     const std::string binary("a\0b\xff", 4);

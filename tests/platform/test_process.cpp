@@ -146,6 +146,32 @@ TEST_F(ProcessTest, OutputToDescriptor) {
     ProcessRunner bad({"/bin/true"});
     bad.setOutputFd(987);
     EXPECT_EQ(bad.run(), -1);
+
+    // The package code's names: arguments added later, output to a descriptor for either mode,
+    // or captured when there is no descriptor.
+    fd = ZARNOpen("/var/log/packages/modes.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
+    ASSERT_GE(fd, 0);
+    ProcessRunner script({kPerl});
+    script.addArguments(
+        {"-e", "$| = 1; print STDOUT \"$ENV{MODE_VAR}\\n\"; print STDERR \"e\\n\";"});
+    script.addEnv("MODE_VAR", "144");
+    EXPECT_EQ(script.toString(),
+              std::string(kPerl) + " -e " +
+                  "$| = 1; print STDOUT \"$ENV{MODE_VAR}\\n\"; print STDERR \"e\\n\";");
+    EXPECT_EQ(script.run(144, true, true, fd), 0);
+    ProcessRunner command({kPerl, "-e", "print \"one\\n\""});
+    EXPECT_EQ(command.run(1, true, true, fd), 0);
+    close(fd);
+    EXPECT_EQ(readFile("/var/log/packages/modes.log"), "144\ne\none\n");
+    EXPECT_EQ(script.getCapturedOutput(), "");
+
+    ProcessRunner captured({kPerl, "-e", "print STDOUT \"o\"; print STDERR \"x\"; exit 3"});
+    EXPECT_EQ(captured.run(1, true, true, -1), 3);
+    EXPECT_EQ(captured.getCapturedOutput(), "o");
+    EXPECT_EQ(captured.getCapturedOutputErr(), "x");
+    ProcessRunner plain({kPerl, "-e", "print \"p\""});
+    EXPECT_EQ(plain.run(true, false), 0);
+    EXPECT_EQ(plain.getCapturedOutput(), "p");
 }
 
 TEST_F(ProcessTest, DescriptorsDoNotLeak) {

@@ -145,6 +145,42 @@ TEST_F(VolumesTest, MountInfoAndAttributes) {
     EXPECT_TRUE(info.writable);
 }
 
+// The file is edited by hand: values of the wrong type keep their defaults and throw nothing.
+TEST_F(VolumesTest, ConfOfWrongTypesKeepsDefaults) {
+    makeVolume("/volume2");
+    writeConf(R"({"dock_host": "yes",
+                  "volumes": [{"path": "/volume1", "writable": "no", "crashed": [1],
+                               "generic": {"a": 1}, "space_cap": 1e300},
+                              {"path": ["/volume2"]}, "junk", 7],
+                  "space_caps": {"/volume2": -5}})");
+    EXPECT_FALSE(VLIBCIsDockHost());
+    ZARNMountVolInfo info;
+    ASSERT_EQ(ZARNMountVolInfoGet("/volume1", &info), 0);
+    EXPECT_TRUE(info.writable);
+    EXPECT_FALSE(info.crashed);
+    unsigned int attr = 0;
+    ASSERT_EQ(ZARNVolumeAttributeGet("/volume1", &attr), 0);
+    EXPECT_EQ(attr, ZARN_VOL_ATTR_GENERIC | ZARN_VOL_ATTR_WRITABLE | ZARN_VOL_ATTR_CREATED);
+    ASSERT_EQ(ZARNVolumeAttributeGet("/volume2", &attr), 0);
+    EXPECT_EQ(attr, ZARN_VOL_ATTR_GENERIC | ZARN_VOL_ATTR_WRITABLE | ZARN_VOL_ATTR_CREATED);
+
+    // host-init completes such a file without tripping over the entry whose path is no text,
+    // and a failure to do so is logged.
+    std::string error;
+    ASSERT_TRUE(ZARNHostVolumesInit(2, error)) << error;
+    Json::Value conf;
+    ASSERT_TRUE(Json::fromFile(conf, ZARN_VOLUMES_CONF));
+    bool listed = false;
+    for (const auto& entry : conf["volumes"]) {
+        listed = listed || (entry.isObject() && entry["path"] == Json::Value("/volume2"));
+    }
+    EXPECT_TRUE(listed);
+    EXPECT_FALSE(ZARNHostVolumesInit(0, error));
+    EXPECT_NE(logText().find("Failed to prepare the volumes of the host: " + error),
+              std::string::npos)
+        << logText();
+}
+
 TEST_F(VolumesTest, AvailablePicksFirstVolumeWithRoom) {
     makeVolume("/volume2");
     makeVolume("/volume3");

@@ -127,6 +127,24 @@ TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
     EXPECT_EQ(GetUserName("", ""), "");
     EXPECT_EQ(VLIBCErrGet(), 0x0d00);
     EXPECT_FALSE(GetConfPathFrom("", path));
+
+    // What a package may bring in place of the file is never read: a pipe, a device behind a
+    // link, a file far larger than any real one.
+    ASSERT_TRUE(ZARNUnlink(staging + "/conf/privilege"));
+    ASSERT_EQ(mkfifo(phys(staging + "/conf/privilege").c_str(), 0644), 0);
+    EXPECT_EQ(GetUserName("pkgb", staging), "");
+    EXPECT_EQ(VLIBCErrGet(), 0x0a00);
+    ASSERT_TRUE(ZARNUnlink(staging + "/conf/privilege"));
+    ASSERT_EQ(symlink("/dev/zero", phys(staging + "/conf/privilege").c_str()), 0);
+    EXPECT_EQ(GetUserName("pkgb", staging), "");
+    EXPECT_EQ(VLIBCErrGet(), 0x0a00);
+    ASSERT_TRUE(ZARNUnlink(staging + "/conf/privilege"));
+    writeConf(staging, std::string(5 * 1024 * 1024, ' ') + R"({"username": "big"})");
+    EXPECT_EQ(GetUserName("pkgb", staging), "");
+    EXPECT_EQ(VLIBCErrGet(), 0x0a00);
+    ZARNUtils::ProcessRunner runner({"/usr/bin/id", "-u"});
+    EXPECT_FALSE(SetIdentity(runner, "pkgb", "status", staging));
+    EXPECT_FALSE(ReviseFileAttr("pkgb", staging, false));
 }
 
 TEST_F(PrivilegeTest, TraverseAndCtrlScriptWalker) {
@@ -173,6 +191,13 @@ TEST_F(PrivilegeTest, TraverseAndCtrlScriptWalker) {
     EXPECT_EQ(VLIBCErrGet(), 0x4000);
     CtrlScriptWalker caseDiffers("PreInst");
     EXPECT_FALSE(TraversePrivilege(config, "ctrl-script", caseDiffers));
+    // Called on its own with something other than an object, a walker refuses it.
+    CtrlScriptWalker direct("status");
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_EQ(direct.walk(Json::Value(5)), WALK_FAILED);
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    EXPECT_EQ(direct.walk(Parse(R"(["action", "status"])")), WALK_FAILED);
+    EXPECT_EQ(direct.GetIdentity(), IDENTITY_NONE);
     CtrlScriptWalker none("start");
     EXPECT_TRUE(TraversePrivilege(Parse(R"({"ctrl-script": [{"action": "a", "run-as": "root"}]})"),
                                   "ctrl-script", none));
@@ -259,6 +284,10 @@ TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
     EXPECT_EQ(ModeOf(staging + "/scripts/start-stop-status"), 0755u);
     // Only the seven control scripts are looked at.
     EXPECT_EQ(ModeOf(staging + "/scripts/other"), 06755u);
+
+    // A script that is a dangling link has no bits to clear and is passed over.
+    ASSERT_TRUE(ZARNSymlink("missing-script", staging + "/scripts/postuninst"));
+    EXPECT_TRUE(ReviseFileAttr("pkga", staging, false)) << logText();
 
     VLIBCErrSet(ZARN_ERR_NONE);
     EXPECT_FALSE(ReviseFileAttr("", staging, false));
@@ -453,6 +482,13 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
     EXPECT_NE(logText().find("Failed to resolve shadowlink [0x"), std::string::npos);
     // Numbers among the elements are skipped.
     EXPECT_TRUE(exeResult(R"(3, {"relpath": "bin/tool", "run-as": "package"})"));
+    // Called on their own with something other than an object, the walkers refuse it.
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_EQ(exe.walk(Parse(R"(["bin/tool"])")), WALK_FAILED);
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    VLIBCErrSet(ZARN_ERR_NONE);
+    EXPECT_EQ(tool.walk(Json::Value("bin/tool")), WALK_FAILED);
+    EXPECT_EQ(VLIBCErrGet(), 0x4000);
 
     EXPECT_FALSE(toolResult(R"({"relpath": "bin/tool", "user": "root", "group": "root"})"));
     EXPECT_EQ(VLIBCErrGet(), 0x4000);

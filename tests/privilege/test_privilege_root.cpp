@@ -172,12 +172,20 @@ TEST_F(PrivilegeRootTest, ReviseFileAttrAndScriptIdentityAsRoot) {
     EXPECT_EQ(rootTmpOwner.uid, 0u);
     EXPECT_EQ(rootTmpOwner.gid, 0u);
     EXPECT_EQ(rootTmpOwner.mode, 0700u);
+    // The folder above the private ones belongs to the system and is passable by everyone.
+    Owner tmpParent = OwnerOf("/volume1/@tmp/zarnpkg.tmp");
+    EXPECT_EQ(tmpParent.uid, 0u);
+    EXPECT_EQ(tmpParent.mode, 0755u);
     const std::string tmp = GetTmpFolderPath("pkga", "/volume1");
     ASSERT_TRUE(CreateTmpFolder("pkga", tmp)) << logText();
     Owner tmpOwner = OwnerOf(tmp);
     EXPECT_EQ(tmpOwner.uid, user.uid);
     EXPECT_EQ(tmpOwner.gid, groupGid);
     EXPECT_EQ(tmpOwner.mode, 0700u);
+    // The package's own scripts can keep files there.
+    ASSERT_TRUE(ZARNChmod("/", 0755));
+    runAs("pkga", "postinst", {"/usr/bin/touch", phys(tmp + "/kept")});
+    EXPECT_EQ(OwnerOf(tmp + "/kept").uid, user.uid);
 }
 
 TEST_F(PrivilegeRootTest, DefaultOwnersAsRoot) {
