@@ -26,7 +26,7 @@ int CmdList(CliContext& ctx) {
               [](const PackageInfo& a, const PackageInfo& b) { return a.name < b.name; });
     Json::Value packages(Json::arrayValue);
     std::string text;
-    const PackageManager::BreakerSnapshot breakers = PackageManager::makeBreakerSnapshot(records);
+    const PackageManager::BreakerSnapshot breakers = PackageManager::makeBreakerSnapshot();
     for (const auto& info : records) {
         PackageManager query;
         query.useBreakerSnapshot(breakers);

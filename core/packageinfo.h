@@ -251,6 +251,8 @@ constexpr unsigned long long PKG_MASK_PARSE_BREAK = 0x400000000ULL;
 constexpr unsigned long long PKG_MASK_PARSE_REPLACE = 0x800000000ULL;
 constexpr unsigned long long PKG_MASK_PARSE_REPLACE_FORCE = 0x8000000000ULL;
 constexpr unsigned long long PKG_MASK_ALL = ~0ULL;
+// What a scan for the packages that break others reads: their break lists and display names.
+constexpr unsigned long long PKG_MASK_BREAKERS = PKG_MASK_PARSE_BREAK | 0x10000000ULL;
 
 enum PKG_INSTALLATION_TYPE : int {
     PKG_INSTALLATION_NONE = 0,

@@ -6,7 +6,6 @@
 
 #include "core/registry.h"
 #include "core/version.h"
-#include "dependency/depinternal.h"
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/log.h"
@@ -125,14 +124,13 @@ PackageInfo* PackageManager::getPackageInfoData() {
     return &d_->packageInfo;
 }
 
-PackageManager::BreakerSnapshot PackageManager::makeBreakerSnapshot(
-    const std::vector<PackageInfo>& /*records*/) {
-    // The snapshot is read the way a single query reads the breakers, not taken from the
-    // caller's records: a record loaded with a wider mask is missing when its INFO lacks a key
-    // that the wider load insists on (a maintainer, say), yet its break list still counts.
+PackageManager::BreakerSnapshot PackageManager::makeBreakerSnapshot() {
+    // Read the way a single query reads the breakers, not taken from a caller's records: a
+    // record loaded with a wider mask is missing when its INFO lacks a key that the wider load
+    // insists on (a maintainer, say), yet its break list still counts.
     std::map<std::string, PackageInfo> installed;
     PackageManager scan;
-    scan.enumPackageInfoMap(installed, nullptr, kDepMaskBreak);
+    scan.enumPackageInfoMap(installed, nullptr, PKG_MASK_BREAKERS);
     auto breakers = std::make_shared<std::map<std::string, PackageInfo>>();
     for (auto& [name, info] : installed) {
         if (!info.extra.get()->install_break_packages.empty()) {

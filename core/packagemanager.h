@@ -133,9 +133,9 @@ public:
                                     std::string& names, const char* language);
 
     // Status queries over many packages share one registry scan: the installed packages that
-    // break others (loaded with PKG_MASK_PARSE_BREAK), instead of a scan per query.
+    // break others, read as a single query reads them, instead of a scan per query.
     using BreakerSnapshot = std::shared_ptr<const std::map<std::string, PackageInfo>>;
-    static BreakerSnapshot makeBreakerSnapshot(const std::vector<PackageInfo>& records);
+    static BreakerSnapshot makeBreakerSnapshot();
     void useBreakerSnapshot(BreakerSnapshot snapshot);
 
     // Package status (core/status.cpp).

@@ -280,7 +280,7 @@ bool PackageManager::areDependentPackageStop(const std::string& name, const char
     names.clear();
     std::vector<std::string> shown;
     const std::vector<PackageInfo> records = ScanInstalled(language, kDepMaskOrder);
-    const BreakerSnapshot breakers = makeBreakerSnapshot(records);
+    const BreakerSnapshot breakers = makeBreakerSnapshot();
     for (const auto& info : records) {
         if (!DependsOn(info, name)) {
             continue;

@@ -17,10 +17,9 @@ constexpr unsigned long long kDepMaskStartDepServices = 0x2000000;
 constexpr unsigned long long kDepMaskIcons = 0x8000000;
 constexpr unsigned long long kDepMaskDisplayName = 0x10000000;
 constexpr unsigned long long kDepMaskInstallDepServices = 0x40000000;
-// The break lists come along so that status queries on the records need no scan of their own.
 constexpr unsigned long long kDepMaskOrder =
-    kDepMaskDepPackages | kDepMaskDisplayName | kDepMaskCtlStop | PKG_MASK_PARSE_BREAK;
-constexpr unsigned long long kDepMaskBreak = PKG_MASK_PARSE_BREAK | kDepMaskDisplayName;
+    kDepMaskDepPackages | kDepMaskDisplayName | kDepMaskCtlStop;
+constexpr unsigned long long kDepMaskBreak = PKG_MASK_BREAKERS;
 // One of the high bits that select install_conflict_packages and conf/PKG_CONX.
 constexpr unsigned long long kDepMaskConflicts = 0x80000000ULL | kDepMaskDisplayName;
 // Everything but the icons, whose base64 text is the bulk of an INFO file.

@@ -153,7 +153,7 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
 
     // Only packages that the walk can reach matter, so the running state, which costs a status
     // query, is asked of those alone; the walk over the others would find nothing anyway.
-    const PackageManager::BreakerSnapshot breakers = makeBreakerSnapshot(records);
+    const PackageManager::BreakerSnapshot breakers = makeBreakerSnapshot();
     enum Activity : char { kUnknown, kActive, kInactive };
     std::vector<char> activity(records.size(), kUnknown);
     auto isActive = [&](size_t i) {
@@ -323,7 +323,7 @@ bool PackageManager::areDependencyPkgStarting(const std::string& name) {
         ZLOGERR("failed to get dependency for %s", name.c_str());
         list.assign(1, name);
     }
-    const BreakerSnapshot breakers = makeBreakerSnapshot(ScanInstalled(kDepMaskBreak));
+    const BreakerSnapshot breakers = makeBreakerSnapshot();
     for (const auto& p : list) {
         PackageManager query;
         query.useBreakerSnapshot(breakers);

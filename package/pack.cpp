@@ -117,9 +117,7 @@ bool Md5Of(const std::string& file, std::string& md5, std::string& error) {
     return !md5.empty();
 }
 
-}  // namespace
-
-bool PMSPackPackage(const std::string& dir, const std::string& output, std::string& error) {
+bool PackPackage(const std::string& dir, const std::string& output, std::string& error) {
     if (dir.empty() || output.empty()) {
         error = "a source folder and an output file are needed";
         return false;
@@ -232,6 +230,16 @@ bool PMSPackPackage(const std::string& dir, const std::string& output, std::stri
             error = "can't write " + output + ": " + err;
             return false;
         }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool PMSPackPackage(const std::string& dir, const std::string& output, std::string& error) {
+    if (!PackPackage(dir, output, error)) {
+        ZLOGERR("Failed to pack %s into %s: %s", dir.c_str(), output.c_str(), error.c_str());
+        return false;
     }
     return true;
 }

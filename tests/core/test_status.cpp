@@ -208,7 +208,7 @@ TEST_F(Status, BrokenStates) {
     // A shared scan of the breakers gives the same answers as a scan per query.
     std::vector<PackageInfo> records;
     pm.enumPackageInfo(records, nullptr, PKG_MASK_ALL);
-    const PackageManager::BreakerSnapshot breakers = PackageManager::makeBreakerSnapshot(records);
+    const PackageManager::BreakerSnapshot breakers = PackageManager::makeBreakerSnapshot();
     EXPECT_EQ(breakers->size(), 1u);
     for (const auto& info : records) {
         PackageManager shared;
@@ -224,9 +224,7 @@ TEST_F(Status, BrokenStates) {
     writeFile("/var/packages/lazybreaker/INFO",
               "package=\"lazybreaker\"\nversion=\"1.0\"\ninstall_break_packages=\"victim2\"\n");
     EXPECT_EQ(status("victim2"), 0x96);
-    records.clear();
-    pm.enumPackageInfo(records, nullptr, PKG_MASK_ALL);
-    const PackageManager::BreakerSnapshot partial = PackageManager::makeBreakerSnapshot(records);
+    const PackageManager::BreakerSnapshot partial = PackageManager::makeBreakerSnapshot();
     PackageManager shared;
     shared.useBreakerSnapshot(partial);
     EXPECT_EQ(shared.getPkgStatus("victim2"), 0x96);
