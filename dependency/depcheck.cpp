@@ -280,13 +280,16 @@ bool PackageManager::areDependentPackageStop(const std::string& name, const char
     names.clear();
     std::vector<std::string> shown;
     const std::vector<PackageInfo> records = ScanInstalled(language, kDepMaskOrder);
-    const BreakerSnapshot breakers = makeBreakerSnapshot();
+    BreakerSnapshot breakers;  // read on the first status query
     for (const auto& info : records) {
         if (!DependsOn(info, name)) {
             continue;
         }
         bool counts = !info.startable;
         if (!counts) {
+            if (!breakers) {
+                breakers = makeBreakerSnapshot();
+            }
             PackageManager query;
             query.useBreakerSnapshot(breakers);
             bool running = false;

@@ -153,7 +153,7 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
 
     // Only packages that the walk can reach matter, so the running state, which costs a status
     // query, is asked of those alone; the walk over the others would find nothing anyway.
-    const PackageManager::BreakerSnapshot breakers = makeBreakerSnapshot();
+    PackageManager::BreakerSnapshot breakers;  // read on the first status query
     enum Activity : char { kUnknown, kActive, kInactive };
     std::vector<char> activity(records.size(), kUnknown);
     auto isActive = [&](size_t i) {
@@ -162,6 +162,9 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
             if (!active && byEnabledFlag) {
                 active = PMSCheckEnabledFile(PMSRegistryDir(records[i].name).c_str());
             } else if (!active) {
+                if (!breakers) {
+                    breakers = makeBreakerSnapshot();
+                }
                 active = IsActiveByStatus(records[i].name, breakers);
             }
             activity[i] = active ? kActive : kInactive;
@@ -323,7 +326,8 @@ bool PackageManager::areDependencyPkgStarting(const std::string& name) {
         ZLOGERR("failed to get dependency for %s", name.c_str());
         list.assign(1, name);
     }
-    const BreakerSnapshot breakers = makeBreakerSnapshot();
+    // One query scans the registry by itself; several share one scan.
+    const BreakerSnapshot breakers = list.size() > 1 ? makeBreakerSnapshot() : nullptr;
     for (const auto& p : list) {
         PackageManager query;
         query.useBreakerSnapshot(breakers);
