@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <limits>
 
 #include "core/packagemanager.h"
@@ -55,7 +56,8 @@ void joinJsonArray(const Json::Value& items, const std::string& sep, std::string
         if (i != 0) {
             out += sep;
         }
-        out += items[i].isString() ? items[i].asString() : "";
+        // Numbers and flags join in their text form; arrays and objects have none.
+        out += items[i].isConvertibleTo(Json::stringValue) ? items[i].asString() : "";
     }
 }
 
@@ -82,7 +84,22 @@ bool PMReadFile(const char* path, unsigned int limit, std::string& out, unsigned
         ZLOGERR("Stat %s error, %s", path, std::strerror(errno));
         return false;
     }
-    if (!ZARNFileRead(path, out, limit)) {
+    // The buffer is taken before the file is opened: a file larger than the memory (a sparse
+    // one costs nothing on disk) is refused here instead of throwing out of the read.
+    bool read = false;
+    try {
+        out.clear();
+        if (S_ISREG(st.st_mode) && st.st_size > 0) {
+            const auto fileSize = static_cast<unsigned long long>(st.st_size);
+            out.reserve(static_cast<size_t>(limit > 0 && limit < fileSize ? limit : fileSize));
+        }
+        read = ZARNFileRead(path, out, limit);
+    } catch (const std::exception&) {
+        out.clear();
+        out.shrink_to_fit();
+        VLIBCErrSet(ZARN_ERR_OUT_OF_MEMORY);
+    }
+    if (!read) {
         if (VLIBCErrGet() == ZARN_ERR_OUT_OF_MEMORY) {
             ZLOGERR("Memory error");
         } else if (errno == ENOENT || errno == EACCES || errno == EISDIR) {

@@ -51,6 +51,9 @@ constexpr unsigned long long kMaskColdStorage = 0x10000000000ULL;
 constexpr unsigned long long kMaskAppLaunchName = 0x20000000000ULL;
 
 constexpr size_t kMaxNameLength = 492;
+// INFO files hold a few keys and two base64 icons; anything larger is no INFO, and reading it
+// whole would let one file (a sparse one costs nothing on disk) exhaust the memory of a scan.
+constexpr size_t kMaxInfoSize = 16 * 1024 * 1024;
 
 // The values of one INFO file, as views into its text, looked up by key.
 class InfoValues {
@@ -212,13 +215,21 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     // Read the file directly rather than testing for it first: a scan pays one open per package.
     // The buffer is reused so that a scan doesn't allocate a fresh one for every file.
     thread_local std::string text;
-    if (!ZARNFileRead(infoPath, text)) {
+    if (!ZARNFileRead(infoPath, text, kMaxInfoSize + 1)) {
         if (errno == ENOENT || errno == ENOTDIR) {
             if (missing != nullptr) {
                 *missing = true;
             }
             return false;
         }
+        ZLOGERR("VLIBCFileGetKeys() failed!! szFile=[%s], zarnerr=[0x%04X]", infoPath.c_str(),
+                VLIBCErrGet());
+        return false;
+    }
+    if (text.size() > kMaxInfoSize) {
+        text.clear();
+        text.shrink_to_fit();
+        VLIBCErrSet(ZARN_ERR_OUT_OF_MEMORY);
         ZLOGERR("VLIBCFileGetKeys() failed!! szFile=[%s], zarnerr=[0x%04X]", infoPath.c_str(),
                 VLIBCErrGet());
         return false;
@@ -293,8 +304,8 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     if (Value v = GetNonEmpty(hash, "arch")) {
         info.arch = Blanks(v);
         PMSArchSetInsert(info.arch, x.arch_ids);
-    }
-    if (x.arch_ids.empty()) {
+    } else {
+        // Only a missing or empty "arch" means every machine; a list of blanks names none.
         const auto& noarch = PMSGetArchGroup(PKG_ARCH_GROUP_NOARCH);
         x.arch_ids.insert(noarch.begin(), noarch.end());
     }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "core/packageinfo.h"
@@ -44,6 +45,13 @@ int ErrnoToLibError(int err) {
         default:
             return ZARN_ERR_ERRNO_OTHER;
     }
+}
+
+// Sizes come from package files: a sum that would wrap around asks for more room than any place
+// has, never for almost none.
+unsigned long long WithMargin(unsigned long long size, unsigned long long margin) {
+    unsigned long long sum = 0;
+    return __builtin_add_overflow(size, margin, &sum) ? ULLONG_MAX : sum;
 }
 
 int MakeDir(const std::string& path, mode_t mode) {
@@ -180,9 +188,9 @@ bool PMSGetTmpDir(unsigned long long size, const char* volume, std::string& out,
         }
     }
     if (!chosen) {
-        chosen = AvailVolume(size + PMS_TMP_MARGIN, 0, info);
+        chosen = AvailVolume(WithMargin(size, PMS_TMP_MARGIN), 0, info);
         if (!chosen && fallback) {
-            chosen = AvailVolume(size + PMS_TMP_MARGIN, ZARN_VOL_ENUM_ALL, info);
+            chosen = AvailVolume(WithMargin(size, PMS_TMP_MARGIN), ZARN_VOL_ENUM_ALL, info);
         }
     }
     if (!chosen) {
@@ -211,7 +219,7 @@ bool PMSGetTmpDir(unsigned long long size, std::string& out) {
 }
 
 bool PMSGetSystemTmpDir(unsigned long long size, std::string& out) {
-    if (PMSCheckSpace("/tmp", size + PMS_TMP_MARGIN)) {
+    if (PMSCheckSpace("/tmp", WithMargin(size, PMS_TMP_MARGIN))) {
         if (MakeDir(PMS_SYSTEM_TMP_DIR, 0777) == 0) {
             out = PMS_SYSTEM_TMP_DIR;
             return true;
@@ -228,7 +236,7 @@ bool CanUploadtoRoot(unsigned long long size, std::string& out) {
         ZLOGERR("Failed to get status of %s, %m", "/");
         return false;
     }
-    if (st.freeBlocks * st.blockSize < size + PMS_ROOT_MARGIN) {
+    if (st.freeBlocks * st.blockSize < WithMargin(size, PMS_ROOT_MARGIN)) {
         VLIBCErrSet(ZARN_ERR_NO_SPACE);
         ZLOGERR("%s space is not enough", "/");
         return false;
@@ -419,7 +427,8 @@ bool PackageManager::CheckVolume(const char* file, const PackageInfo& info) {
         ZLOGERR("Failed to get status of %s, %m", file);
         return false;
     }
-    const unsigned long long need = static_cast<unsigned long long>(st.st_size) + PMS_TMP_MARGIN;
+    const unsigned long long need =
+        WithMargin(static_cast<unsigned long long>(st.st_size), PMS_TMP_MARGIN);
     const bool system = IsSystemInstall(info);
     if (VLIBCIsDockHost()) {
         if (!PMSCheckSpace("/volume1", need)) {
@@ -454,7 +463,7 @@ bool PackageManager::GetAppStoreVolume(const PackageInfo& info, const char* path
     if (path == nullptr || path[0] == '\0') {
         return false;
     }
-    const unsigned long long need = size + PMS_TMP_MARGIN;
+    const unsigned long long need = WithMargin(size, PMS_TMP_MARGIN);
     if (VLIBCIsDockHost()) {
         out = "/volume1";
         return PMSCheckSpace("/volume1", need);
@@ -521,7 +530,9 @@ bool FsyncFiles(const std::vector<std::string>& paths) {
 }
 
 bool FsyncDirectories(const std::vector<std::string>& paths) {
-    return FsyncEach(paths, O_RDONLY | O_DIRECTORY);
+    // Read-only as any folder allows; without blocking, so that a pipe in the list can't hold
+    // the open forever.
+    return FsyncEach(paths, O_RDONLY | O_NONBLOCK);
 }
 
 bool IsFileExists(const std::string& path) {

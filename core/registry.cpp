@@ -301,7 +301,11 @@ bool PackageManager::getPackageInfoByPathAndInfoType(const char* dir, PackageInf
     const std::string folder(dir);
     bool loaded = PMSLoadPKGInfoFile(folder, info, lang, PKG_MASK_ALL);
     info.script_mask = PMGetScriptMask(folder + "/scripts");
-    for (const auto& candidate : PMSUIFileCandidates(PKG_INSTALLATION_UNINSTALL, lang)) {
+    // The wizard's language is the caller's, else the system's, as when the wizard is read.
+    const std::string language =
+        (lang != nullptr && lang[0] != '\0') ? std::string(lang) : PMSSystemLanguage();
+    for (const auto& candidate : PMSUIFileCandidates(
+             PKG_INSTALLATION_UNINSTALL, language.empty() ? nullptr : language.c_str())) {
         if (IsFileExists(folder + "/" + candidate)) {
             info.has_uninstall_wizard = true;
             break;

@@ -9,6 +9,7 @@
 #include "core/errcode.h"
 #include "core/packagemanager.h"
 #include "core/paths.h"
+#include "platform/files.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"
 #include "platform/process.h"
@@ -17,20 +18,23 @@
 
 namespace ZARNPackageTool {
 
-namespace {
-
-// "0" and "2" name their levels; anything else, even an empty value, behaves as 1.
-int ParseTrustLevel(const std::string& text) {
-    if (text == "0") {
+int PMSParseTrustLevel(const std::string& setting) {
+    // The setting is a decimal number, blanks around it aside: "00" is as strict as "0".
+    // Anything that isn't one, an empty value included, behaves as 1.
+    const size_t begin = setting.find_first_not_of(" \t");
+    if (begin == std::string::npos) {
+        return 1;
+    }
+    const std::string text = setting.substr(begin, setting.find_last_not_of(" \t") - begin + 1);
+    if (text.find_first_not_of("0123456789") != std::string::npos) {
+        return 1;
+    }
+    const size_t first = text.find_first_not_of('0');
+    if (first == std::string::npos) {
         return 0;
     }
-    if (text == "2") {
-        return 2;
-    }
-    return 1;
+    return text.substr(first) == "2" ? 2 : 1;
 }
-
-}  // namespace
 
 int PMSSignatureCodeFromExit(int exitCode, int trustLevel) {
     switch (exitCode) {
@@ -90,6 +94,12 @@ bool PMSSignatureToolArgv(const char* file, std::vector<std::string>& argv) {
         }
         path = joined;
     }
+    // The interpreter exits with 1 when its script is missing, which would read as "known
+    // publisher" and pass at level 1: without the tool there is nothing to ask.
+    if (!IsFileExists(PMS_CODESIGN_TOOL)) {
+        ZLOGERR("Failed to find the signature tool %s", PMS_CODESIGN_TOOL);
+        return false;
+    }
     argv = {ZARNMachineProgram(PMS_PHP), "-dopen_basedir=/", ZARNPhysicalPath(PMS_CODESIGN_TOOL),
             "--verify", path};
     return true;
@@ -104,7 +114,7 @@ int PackageManager::verifyPackageSignature(const char* file) {
         ZLOGERR("Failed to get: %s", PMS_TRUST_LEVEL_KEY);
         return PKG_ERR_SIGN_CHECK;
     }
-    const int trustLevel = ParseTrustLevel(level);
+    const int trustLevel = PMSParseTrustLevel(level);
     if (trustLevel == 2) {
         return PKG_ERR_SIGN_OK;
     }

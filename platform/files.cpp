@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "platform/errors.h"
 #include "platform/sysroot.h"
@@ -315,6 +316,45 @@ int ZARNFSMkdirP(const std::string& path, int /*unused1*/, int /*unused2*/, uid_
     return 0;
 }
 
+namespace {
+
+// Reads an open file to its end, or to `limit` bytes when that is not 0.
+bool ReadOpenFile(int fd, bool regular, size_t size, size_t limit, std::string& out) {
+    if (size > 0) {
+        out.reserve(limit > 0 ? std::min(limit, size) : size);
+    }
+    char buf[65536];
+    for (;;) {
+        size_t want = sizeof(buf);
+        if (limit > 0) {
+            if (out.size() >= limit) {
+                break;
+            }
+            want = std::min(want, limit - out.size());
+        }
+        ssize_t n = read(fd, buf, want);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            SET_ERRNO_ERROR();
+            out.clear();
+            return false;
+        }
+        if (n == 0) {
+            break;
+        }
+        out.append(buf, static_cast<size_t>(n));
+        // A short read of a regular file is its end; this saves a read per file in scans.
+        if (regular && static_cast<size_t>(n) < want) {
+            break;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
     out.clear();
     if (BadPath(path)) {
@@ -338,37 +378,19 @@ bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
     if (flags >= 0) {
         fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
     }
-    if (regular && st.st_size > 0) {
-        size_t expected = static_cast<size_t>(st.st_size);
-        out.reserve(limit > 0 ? std::min(limit, expected) : expected);
+    // A file larger than memory must fail the read, not the process.
+    bool ok = false;
+    try {
+        ok = ReadOpenFile(fd, regular, regular ? static_cast<size_t>(st.st_size) : 0, limit, out);
+    } catch (const std::bad_alloc&) {
+        out.clear();
+        out.shrink_to_fit();
+        errno = ENOMEM;
+        VLIBCErrSet(ZARN_ERR_OUT_OF_MEMORY);
     }
-    char buf[65536];
-    for (;;) {
-        size_t want = sizeof(buf);
-        if (limit > 0) {
-            if (out.size() >= limit) {
-                break;
-            }
-            want = std::min(want, limit - out.size());
-        }
-        ssize_t n = read(fd, buf, want);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            SET_ERRNO_ERROR();
-            CloseKeepErrno(fd);
-            out.clear();
-            return false;
-        }
-        if (n == 0) {
-            break;
-        }
-        out.append(buf, static_cast<size_t>(n));
-        // A short read of a regular file is its end; this saves a read per file in scans.
-        if (regular && static_cast<size_t>(n) < want) {
-            break;
-        }
+    if (!ok) {
+        CloseKeepErrno(fd);
+        return false;
     }
     close(fd);
     return true;

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include "core/packagemanager.h"
 #include "platform/files.h"
@@ -55,6 +58,11 @@ TEST(Frame, FreeHelpers) {
     std::string joined;
     joinJsonArray(arr, "|", joined);
     EXPECT_EQ(joined, "x|y");
+    // Numbers and flags join in their text form.
+    arr.append(7);
+    arr.append(true);
+    joinJsonArray(arr, "|", joined);
+    EXPECT_EQ(joined, "x|y|7|true");
     EXPECT_EQ(djb2(""), 5381u);
     EXPECT_EQ(djb2("a"), 5381u * 33 + 'a');
 }
@@ -172,6 +180,15 @@ TEST_F(FrameRoot, FileHelpers) {
     EXPECT_FALSE(PMReadFile(nullptr, 0, out, nullptr));
     EXPECT_FALSE(PMReadFile("/tmp/none", 0, out, nullptr));
     EXPECT_NE(logText().find("Stat /tmp/none error"), std::string::npos);
+    // A sparse file larger than any memory is a memory error, not a crash. (A kernel that
+    // grants every allocation would let the read run on instead.)
+    writeFile("/tmp/huge", "");
+    void* volatile probe = std::malloc(size_t(1) << 40);  // volatile: kept by the compiler
+    std::free(probe);
+    if (probe == nullptr && truncate(phys("/tmp/huge").c_str(), 1LL << 40) == 0) {
+        EXPECT_FALSE(PMReadFile("/tmp/huge", 0, out, &size));
+        EXPECT_NE(logText().find("Memory error"), std::string::npos);
+    }
 
     writeFile("/tmp/script", "#!/bin/sh\n", 0744);
     writeFile("/tmp/empty", "", 0755);

@@ -111,6 +111,34 @@ TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
     EXPECT_NE(logText().find("Failed to mkdir : /volume1/@tmp , errno="), std::string::npos);
 }
 
+// Sizes come from package files: one near the top of the range must not wrap around with the
+// margin into a request for almost nothing.
+TEST_F(PathsTest, HugeSizesNeverWrapAroundTheMargin) {
+    const unsigned long long huge = ~0ULL - 1024;  // what -1 KiB of "extractsize" becomes
+    std::string out = "stale";
+    EXPECT_FALSE(PMSGetTmpDir(huge, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_TRUE(out.empty());
+    EXPECT_FALSE(PMSGetTmpDir(~0ULL, nullptr, out, true));
+    EXPECT_FALSE(CanUploadtoRoot(huge, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_FALSE(PMSGetSystemTmpDir(huge, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_FALSE(ZARNIsDir("/tmp/@tmp"));
+
+    PackageManager pm;
+    PackageInfo info;
+    EXPECT_FALSE(pm.GetAppStoreVolume(info, "/volume1", huge, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    PackageInfo sys;
+    sys.install_type = "system";
+    EXPECT_FALSE(pm.GetAppStoreVolume(sys, "/volume1", huge, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    writeConf(R"({"dock_host": true})");
+    EXPECT_FALSE(pm.GetAppStoreVolume(info, "/volume1", huge, out));
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+}
+
 TEST_F(PathsTest, SystemTmpAndRootFallback) {
     std::string out;
     ASSERT_TRUE(PMSGetSystemTmpDir(0, out));
@@ -417,7 +445,15 @@ TEST_F(PathsTest, FileHelpers) {
     EXPECT_FALSE(ZARNPackageCore::FsyncFiles(
         {"/var/packages/demo/nope1", "/var/packages/demo/INFO", "/var/packages/demo/nope2"}));
     EXPECT_EQ(Count(logText(), "Failed to open file, path=[/var/packages/demo/nope"), 2u);
-    EXPECT_FALSE(ZARNPackageCore::FsyncDirectories({"/var/packages/demo/INFO"}));
+    // Folders are opened read-only, which a file allows too; a pipe neither blocks the open nor
+    // passes, since it can't be synced.
+    EXPECT_TRUE(ZARNPackageCore::FsyncDirectories({"/var/packages/demo/INFO"}));
+    ZARNUtils::ProcessRunner fifo({"/usr/bin/mkfifo", phys("/var/packages/demo/pipe")});
+    ASSERT_EQ(fifo.run(), 0);
+    EXPECT_FALSE(
+        ZARNPackageCore::FsyncDirectories({"/var/packages/demo/pipe", "/var/packages/demo"}));
+    EXPECT_NE(logText().find("Failed to fsync file, path=[/var/packages/demo/pipe]"),
+              std::string::npos);
 
     EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo/INFO"));
     EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo"));

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "core/packagemanager.h"
+#include "core/version.h"
 #include "dependency/depparse.h"
 #include "support/temproot.h"
 
@@ -90,6 +92,16 @@ TEST_F(Records, FieldRules) {
     copy = copy;
     EXPECT_EQ(copy.name, "demo");
 
+    // Only a missing or empty "arch" stands for every machine; a list of blanks names none.
+    const auto& noarch = PMSGetArchGroup(PKG_ARCH_GROUP_NOARCH);
+    ASSERT_FALSE(noarch.empty());
+    EXPECT_EQ(info.extra.get()->arch_ids, noarch);
+    ASSERT_TRUE(load(base + "arch=\"\"\n", info));
+    EXPECT_EQ(info.extra.get()->arch_ids, noarch);
+    ASSERT_TRUE(load(base + "arch=\"  \"\n", info));
+    EXPECT_TRUE(info.arch.empty());
+    EXPECT_TRUE(info.extra.get()->arch_ids.empty());
+
     EXPECT_FALSE(load(base + "adminport=\"65537\"\n", info));
     EXPECT_FALSE(load(base + "adminport=\"-1\"\n", info));
     ASSERT_TRUE(load(base + "startable=\"no\"\n", info));
@@ -146,6 +158,16 @@ TEST_F(Records, HostileInfoText) {
     EXPECT_GT(info.extractsize, 0);
     ASSERT_TRUE(load(base + "extractsize=\"-2\"\n", info));
     EXPECT_EQ(info.extractsize, -2048);
+
+    // A file of many megabytes is no INFO: refused as unreadable, not read whole.
+    EXPECT_FALSE(load(base + "displayname=\"" + std::string(17 << 20, 'x') + "\"\n", info));
+    EXPECT_NE(logText().find("VLIBCFileGetKeys() failed!! szFile=[/tmp/pkg/INFO]"),
+              std::string::npos);
+    // Nor does a sparse one larger than any memory bring the process down.
+    writeFile("/tmp/pkg/INFO", base);
+    if (truncate(phys("/tmp/pkg/INFO").c_str(), 1LL << 40) == 0) {
+        EXPECT_FALSE(PMSLoadPKGInfoFile("/tmp/pkg", info, "enu", PKG_MASK_ALL));
+    }
 }
 
 TEST_F(Records, JsonMapping) {

@@ -122,6 +122,17 @@ TEST_F(Registry, Lookup) {
     ASSERT_EQ(stat(phys("/var/packages/a/scripts/start-stop-status").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
     EXPECT_FALSE(pm.getPackageInfoByPathAndInfoType("", full, nullptr, 0));
+    // Without a language argument the wizard's language is the system's.
+    addPackage("w", "");
+    writeFile("/var/packages/w/WIZARD_UIFILES/uninstall_uifile_fre", "[]");
+    PackageInfo wizard;
+    ASSERT_TRUE(pm.getPackageInfoByPathAndInfoType("/var/packages/w", wizard, nullptr, 0));
+    EXPECT_FALSE(wizard.has_uninstall_wizard);
+    writeFile("/etc/zarninfo.conf", "language=\"fre\"\n");
+    ASSERT_TRUE(pm.getPackageInfoByPathAndInfoType("/var/packages/w", wizard, nullptr, 0));
+    EXPECT_TRUE(wizard.has_uninstall_wizard);
+    ASSERT_TRUE(pm.getPackageInfoByPathAndInfoType("/var/packages/w", wizard, "ger", 0));
+    EXPECT_FALSE(wizard.has_uninstall_wizard);
 
     EXPECT_FALSE(pm.isServiceEnabled(nullptr));
     EXPECT_EQ(pm.getResult(), PKG_ERR_SYSTEM);
