@@ -238,13 +238,14 @@ bool PackageManager::IsBrokenByOtherPkg(PackageBasicInfo pkg, std::vector<std::s
     }
     bool broken = false;
     for (const auto& [key, info] : installed) {
+        // Each break entry that holds adds the package once: the list follows the entries.
         for (const auto& entry : info.extra.get()->install_break_packages) {
             if (entry.name == pkg.name && PMSDepSatisfied(pkg.name, pkg.version, entry)) {
-                broken = true;
-                if (names != nullptr) {
-                    names->push_back(ShownName(info));
+                if (names == nullptr) {
+                    return true;
                 }
-                break;
+                broken = true;
+                names->push_back(ShownName(info));
             }
         }
     }

@@ -147,17 +147,24 @@ TEST_F(Registry, Lookup) {
 }
 
 TEST_F(Registry, ExLockAcrossProcesses) {
-    int ready[2];
+    int ready[2], release[2];
     ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(release), 0);
     pid_t holder = fork();
     ASSERT_GE(holder, 0);
     if (holder == 0) {
+        close(ready[0]);
+        close(release[1]);
         bool got = PackageManager::ExLock(1);
         char c = got ? '1' : '0';
         (void)!write(ready[1], &c, 1);
-        sleep(3);
+        // Holds the lock until the parent is done with it, however slow the machine is; the
+        // end of the parent (even a failed one) closes the pipe and lets it go.
+        (void)!read(release[0], &c, 1);
         _exit(got ? 0 : 1);
     }
+    close(ready[1]);
+    close(release[0]);
     char c = 0;
     ASSERT_EQ(read(ready[0], &c, 1), 1);
     ASSERT_EQ(c, '1');
@@ -174,9 +181,10 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     EXPECT_NE(logText().find("self: " + std::to_string(getpid()) + ", Lock process: "),
               std::string::npos)
         << logText();
+    close(release[1]);
     int status = 0;
-    waitpid(holder, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    ASSERT_EQ(waitpid(holder, &status, 0), holder);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     ASSERT_EQ(unlink(phys("/var/.UpgradeBootup").c_str()), 0);
 
     // Markers of a going-down system refuse the lock, unless the upgrade check is skipped.
@@ -195,7 +203,6 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     PackageManager::UnLock();
     EXPECT_NE(logText().find("Failed to lock, /var/.NormalShutdown exists"), std::string::npos);
     close(ready[0]);
-    close(ready[1]);
 }
 
 TEST_F(Registry, PlainFileLocks) {

@@ -156,6 +156,14 @@ TEST_F(DepCheck, BrokenByOtherPackage) {
     EXPECT_TRUE(names.empty());
     EXPECT_TRUE(pm.IsBrokenByOtherPkg(PackageBasicInfo("z", "9"), nullptr, nullptr));
 
+    // Each entry that holds names its package, so a range names it twice.
+    addPackage("g", "1.0", "install_break_packages=\"y>=1:y<=2:y>5\"\n");
+    EXPECT_TRUE(pm.IsBrokenByOtherPkg(PackageBasicInfo("y", "1.5"), &names, nullptr));
+    EXPECT_EQ(names, (std::vector<std::string>{"Disp g", "Disp g"}));
+    EXPECT_TRUE(pm.IsBrokenByOtherPkg(PackageBasicInfo("y", "3"), &names, nullptr));
+    EXPECT_EQ(names, std::vector<std::string>{"Disp g"});
+    EXPECT_TRUE(pm.IsBrokenByOtherPkg(PackageBasicInfo("y", "1.5"), nullptr, nullptr));
+
     std::map<std::string, PackageInfo> installed;
     pm.enumPackageInfoMap(installed, nullptr, PKG_MASK_ALL);
     EXPECT_TRUE(pm.IsBrokenByOtherPkg(PackageBasicInfo("z", "1"), &names, installed));

@@ -27,6 +27,30 @@ struct CheckResult {
     std::string displayName;
 };
 
+// A loopback port that nothing on the machine listens on right now (probed as the check probes,
+// with SO_REUSEADDR), so that a check meant to pass doesn't depend on the services the machine
+// happens to run.
+int UnusedLoopbackPort() {
+    for (int port = 18300; port < 18400; ++port) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            return -1;
+        }
+        int one = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const bool unused = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+        close(fd);
+        if (unused) {
+            return port;
+        }
+    }
+    return -1;
+}
+
 const std::map<std::string, std::string> kUpgradeScripts = {
     {"scripts/start-stop-status", "#!/bin/sh\nexit 0\n"},
     {"scripts/preupgrade", "#!/bin/sh\nexit 0\n"},
@@ -222,8 +246,11 @@ TEST_F(FileCheckTest, StepNinePortConflict) {
     EXPECT_EQ("18205", r.detail.asString());
     EXPECT_EQ(Array({"pkgmgr:port_conflict", "18205"}), r.message);
     // Its own port file is no conflict; neither is the system's HTTP port, nor "checkport" no.
-    writeFile("/usr/local/etc/services.d/mine.sc", "[mine]\ndst.ports=\"18300/tcp\"\n");
-    EXPECT_TRUE(check(build("mine", "1.0", {{"adminport", "18300"}})).ok);
+    const int own = UnusedLoopbackPort();
+    ASSERT_GT(own, 0) << "every loopback port from 18300 to 18399 is taken on this machine";
+    writeFile("/usr/local/etc/services.d/mine.sc",
+              "[mine]\ndst.ports=\"" + std::to_string(own) + "/tcp\"\n");
+    EXPECT_TRUE(check(build("mine", "1.0", {{"adminport", std::to_string(own)}})).ok);
     EXPECT_TRUE(check(build("web", "1.0", {{"adminport", "5000"}})).ok);
     EXPECT_TRUE(check(build("nocheck", "1.0", {{"adminport", "18205"}, {"checkport", "no"}})).ok);
     // Port 80 over http and 443 over https are the web server's own, even when listed elsewhere;

@@ -11,6 +11,7 @@
 #include "platform/files.h"
 #include "platform/locks.h"
 #include "platform/process.h"
+#include "platform/scope_guard.h"
 #include "support/temproot.h"
 
 namespace {
@@ -105,13 +106,16 @@ TEST_F(LocksTest, DaemonStartedUnderLockDoesNotKeepIt) {
     ASSERT_EQ(starter.run(), 0);
     const pid_t daemon = static_cast<pid_t>(atoi(starter.getStdout().c_str()));
     ASSERT_GT(daemon, 1);
+    // Whatever happens below, no daemon is left behind after the test.
+    ZARN_SCOPE_EXIT {
+        kill(daemon, SIGKILL);
+    };
     EXPECT_EQ(kill(daemon, 0), 0) << "the daemon outlives the program that started it";
 
     EXPECT_EQ(VLIBCFileUnlock(PackageLockId), 0);
     EXPECT_EQ(RunInChild([] { return VLIBCFileLock(PackageLockId, 2) == 0 ? 0 : 1; }), 0)
         << "another process takes the lock right after the release";
     EXPECT_EQ(kill(daemon, 0), 0);
-    kill(daemon, SIGTERM);
 }
 
 TEST_F(LocksTest, ForkedChildSharesAndCannotRelease) {
