@@ -228,7 +228,7 @@ bool PackageManager::enumPackageInfoByPath(const char* path, std::vector<Package
         }
         if (states[i] == FolderLoad::Loaded) {
             if (kept != first + i) {
-                out[kept] = out[first + i];
+                out[kept] = std::move(out[first + i]);
             }
             ++kept;
         }

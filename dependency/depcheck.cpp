@@ -51,15 +51,15 @@ bool DependsOn(const PackageInfo& info, const std::string& name) {
     return false;
 }
 
-// The installed records, each once, in registry order.
+}  // namespace
+
+// A scan of its own, so that the caller's result code is left as it was.
 std::vector<PackageInfo> ScanInstalled(const char* language, unsigned long long mask) {
     std::vector<PackageInfo> records;
     PackageManager scan;
     scan.enumPackageInfo(records, language, mask);
     return records;
 }
-
-}  // namespace
 
 namespace {
 

@@ -30,6 +30,9 @@ constexpr unsigned long long kDepMaskChecks = PKG_MASK_ALL & ~kDepMaskIcons;
 bool PMSDepSatisfied(const std::string& name, const std::string& version,
                      const PackageBasicInfo& constraint);
 
+// The installed records, each once, in registry order.
+std::vector<PackageInfo> ScanInstalled(const char* language, unsigned long long mask);
+
 // The text form of one constraint: "name", or "name" operator version.
 std::string PMSDepConstraintText(const PackageBasicInfo& constraint);
 

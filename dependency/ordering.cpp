@@ -33,13 +33,6 @@ size_t Lookup(const std::unordered_map<std::string, size_t>& index, const std::s
     return it == index.end() ? kNone : it->second;
 }
 
-std::vector<PackageInfo> ScanInstalled(unsigned long long mask) {
-    std::vector<PackageInfo> records;
-    PackageManager scan;
-    scan.enumPackageInfo(records, nullptr, mask);
-    return records;
-}
-
 // Whether a package counts as running for the order of its dependants: started, or caught
 // between states by its job.
 bool IsActiveByStatus(const std::string& name, const PackageManager::BreakerSnapshot& breakers) {
@@ -104,14 +97,14 @@ bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>& packages,
 }
 
 bool PackageManager::hasCycle(const PackageInfo& candidate) {
-    std::vector<PackageInfo> records = ScanInstalled(kDepMaskOrder);
+    std::vector<PackageInfo> records = ScanInstalled(nullptr, kDepMaskOrder);
     records.push_back(candidate);
     std::vector<std::string> order;
     return !topologicalSortPkgs(records, order);
 }
 
 bool PackageManager::getDependencyOrder(std::vector<std::string>& order) {
-    std::vector<PackageInfo> records = ScanInstalled(kDepMaskOrder);
+    std::vector<PackageInfo> records = ScanInstalled(nullptr, kDepMaskOrder);
     return topologicalSortPkgs(records, order);
 }
 
@@ -131,7 +124,7 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
     if (!PMSCheckPackage(target)) {
         return true;
     }
-    std::vector<PackageInfo> records = ScanInstalled(kDepMaskOrder);
+    std::vector<PackageInfo> records = ScanInstalled(nullptr, kDepMaskOrder);
     const auto indexOf = FirstIndexByName(records);
     const size_t start = Lookup(indexOf, target);
     if (start == kNone) {
@@ -284,8 +277,8 @@ bool PackageManager::getDepServicePkgs(const std::set<std::string>& services,
         return true;
     }
     std::vector<PackageInfo> matching;
-    for (auto& info :
-         ScanInstalled(kDepMaskOrder | kDepMaskInstallDepServices | kDepMaskStartDepServices)) {
+    for (auto& info : ScanInstalled(
+             nullptr, kDepMaskOrder | kDepMaskInstallDepServices | kDepMaskStartDepServices)) {
         if (!PMSCheckEnabledFile(PMSRegistryDir(info.name).c_str())) {
             continue;
         }
