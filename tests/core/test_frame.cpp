@@ -6,6 +6,7 @@
 
 #include "core/packagemanager.h"
 #include "platform/files.h"
+#include "support/huge_alloc.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;
@@ -183,9 +184,7 @@ TEST_F(FrameRoot, FileHelpers) {
     // A sparse file larger than any memory is a memory error, not a crash. (A kernel that
     // grants every allocation would let the read run on instead.)
     writeFile("/tmp/huge", "");
-    void* volatile probe = std::malloc(size_t(1) << 40);  // volatile: kept by the compiler
-    std::free(probe);
-    if (probe == nullptr && truncate(phys("/tmp/huge").c_str(), 1LL << 40) == 0) {
+    if (AllocationFails(size_t(1) << 40) && truncate(phys("/tmp/huge").c_str(), 1LL << 40) == 0) {
         EXPECT_FALSE(PMReadFile("/tmp/huge", 0, out, &size));
         EXPECT_NE(logText().find("Memory error"), std::string::npos);
     }
