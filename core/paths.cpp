@@ -287,12 +287,15 @@ bool PMSCreateDownloadTmpDir(const char* volume, const char* name, unsigned long
     return CreateDownloadTmpDirOn(nullptr, name, size, out);
 }
 
-bool PMSGetListTmpDir(std::string& out) {
-    out = PMS_LIST_TMP_DIR;
+namespace {
+
+// Gives `out` the folder, made with `mode` when it is missing.
+bool EnsureFixedDir(const char* dir, mode_t mode, std::string& out) {
+    out = dir;
     if (ZARNIsDir(out)) {
         return true;
     }
-    if (MakeDir(out, 0777) != 0) {
+    if (MakeDir(out, mode) != 0) {
         ZLOGERR("Failed to mkdir : %s , errno=%m", out.c_str());
         VLIBCErrSet(ErrnoToLibError(errno));
         return false;
@@ -300,17 +303,14 @@ bool PMSGetListTmpDir(std::string& out) {
     return true;
 }
 
+}  // namespace
+
+bool PMSGetListTmpDir(std::string& out) {
+    return EnsureFixedDir(PMS_LIST_TMP_DIR, 0777, out);
+}
+
 bool PMSGetSystemInstallPath(std::string& out) {
-    out = PMS_SYSTEM_INSTALL_PATH;
-    if (ZARNIsDir(out)) {
-        return true;
-    }
-    if (MakeDir(out, 0755) != 0) {
-        ZLOGERR("Failed to mkdir : %s , errno=%m", out.c_str());
-        VLIBCErrSet(ErrnoToLibError(errno));
-        return false;
-    }
-    return true;
+    return EnsureFixedDir(PMS_SYSTEM_INSTALL_PATH, 0755, out);
 }
 
 bool PMSGetPackageVol(const std::string& name, std::string& out) {

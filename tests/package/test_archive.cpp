@@ -332,12 +332,7 @@ TEST_F(ArchiveTest, WizardScriptsOfTheRegistryAndOfFilesThatGiveNothing) {
     ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/syslang.qar", system, PKG_INSTALLATION_NONE,
                                                   nullptr));
     EXPECT_EQ(Json::Value("fre"), system.wizard[0]["items"][0]["defaultValue"]);
-    std::string conf;
-    ASSERT_TRUE(ZARNFileRead("/etc/zarninfo.conf", conf));
-    const size_t line = conf.find("language=");
-    ASSERT_NE(std::string::npos, line);
-    conf.erase(line, conf.find('\n', line) - line + 1);
-    writeFile("/etc/zarninfo.conf", conf);
+    removeKey("/etc/zarninfo.conf", "language");
     PackageInfo none;
     ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/syslang.qar", none, PKG_INSTALLATION_NONE,
                                                   nullptr));

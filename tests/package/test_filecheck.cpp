@@ -226,12 +226,7 @@ TEST_F(FileCheckTest, StepEightPlatform) {
     ASSERT_EQ(1, VLIBCFileGetKeyValue("/etc.defaults/zarninfo.conf", "product", product));
     EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_not_support_platform", product}), r.message);
     // Without the product name the array stays empty, and the reason is logged.
-    std::string defaults;
-    ASSERT_TRUE(ZARNFileRead("/etc.defaults/zarninfo.conf", defaults));
-    const size_t line = defaults.find("product=");
-    ASSERT_NE(std::string::npos, line);
-    defaults.erase(line, defaults.find('\n', line) - line + 1);
-    writeFile("/etc.defaults/zarninfo.conf", defaults);
+    removeKey("/etc.defaults/zarninfo.conf", "product");
     EXPECT_TRUE(PMSFileCheckMessage(PKG_ERR_PLATFORM, Json::Value(), "").empty());
     EXPECT_NE(std::string::npos, logText().find("Failed to get product"));
 }

@@ -77,6 +77,14 @@ void TempRootTest::writeFile(const std::string& logical, const std::string& text
     ASSERT_TRUE(ZARNFileWrite(logical, text, mode)) << logical;
 }
 
+void TempRootTest::removeKey(const std::string& logical, const std::string& key) {
+    std::string text = readFile(logical);
+    const size_t line = text.find(key + "=");
+    ASSERT_NE(std::string::npos, line) << key << " in " << logical;
+    text.erase(line, text.find('\n', line) - line + 1);
+    writeFile(logical, text);
+}
+
 std::string TempRootTest::readFile(const std::string& logical) const {
     std::string text;
     if (!ZARNFileRead(logical, text)) {

@@ -21,6 +21,8 @@ protected:
     void writeFile(const std::string& logical, const std::string& text, mode_t mode = 0644);
     // The content of a file by logical path; empty when it can't be read.
     std::string readFile(const std::string& logical) const;
+    // Takes the line of `key` out of a key file (by logical path), keeping the others.
+    void removeKey(const std::string& logical, const std::string& key);
     // Everything the library logged during the test so far.
     std::string logText() const;
     // The physical path of the log mirror.
