@@ -1,7 +1,6 @@
 #include "core/errcode.h"
 
 #include <cstdio>
-#include <map>
 
 #include "platform/keyfile.h"
 #include "platform/log.h"
@@ -79,37 +78,77 @@ std::string MemberText(const Json::Value& detail, const char* name) {
     return v.isString() ? v.asString() : (v.isNull() ? "" : v.toStyledString());
 }
 
+// The one table from code to message key: what the file check puts first in its array, and
+// what the background server install gives. A null column means the function gives the default.
+// Codes whose file check key depends on the detail name their plain variant here.
+struct MessageKeyRow {
+    PKG_ERRCODE code;
+    const char* fileCheck;
+    const char* server;
+};
+
+constexpr const char* kKeyVersionLimit = "pkgmgr:pkg_install_version_less_than_limit";
+constexpr const char* kKeyDowngrade = "pkgmgr:downgrade_version";
+constexpr const char* kKeyNotPackage = "pkgmgr:pkgmgr_file_not_package";
+constexpr const char* kKeyBroken = "pkgmgr:broken_package";
+constexpr const char* kKeySpaceNotReady = "pkgmgr:pkgmgr_space_not_ready";
+constexpr const char* kKeyDepPackages = "pkgmgr:error_upgrade_dep_packages";
+
+constexpr MessageKeyRow kMessageKeys[] = {
+    {PKG_ERR_BROKEN, kKeyNotPackage, nullptr},
+    {PKG_ERR_NOT_INSTALLED, nullptr, "pkgmgr:pkgmgr_pkg_not_available"},
+    {PKG_ERR_VERSION_LIMIT, kKeyVersionLimit, kKeyVersionLimit},
+    {PKG_ERR_SERVICE_NOT_STARTED, "pkgmgr:require_service", nullptr},
+    {PKG_ERR_BAD_PACKAGE, kKeyBroken, kKeyNotPackage},
+    {PKG_ERR_DOWNGRADE, kKeyDowngrade, kKeyDowngrade},
+    {PKG_ERR_DEPENDENCY, "pkgmgr:depend_packages", kKeyDepPackages},
+    {PKG_ERR_DEP_HANDLE, nullptr, kKeyDepPackages},
+    {PKG_ERR_ALREADY_INSTALLED, nullptr, "pkgmgr:pkgmgr_pkg_install_already"},
+    {PKG_ERR_DEP_CYCLE, nullptr, "pkgmgr:depend_cycle"},
+    {PKG_ERR_LOCK, nullptr, "pkgmgr:error_occupied"},
+    {PKG_ERR_INSTALL, nullptr, "pkgmgr:pkgmgr_file_install_failed"},
+    {PKG_ERR_UPGRADE, "pkgmgr:pkgmgr_pkg_cannot_upgrade", "pkgmgr:upgrade_fail"},
+    {PKG_ERR_NO_SPACE, "pkgmgr:error_sys_no_space", "error:error_space_not_enough"},
+    {PKG_ERR_PLATFORM, "pkgmgr:pkgmgr_pkg_not_support_platform", nullptr},
+    {PKG_ERR_PORT_CONFLICT, "pkgmgr:port_conflict", nullptr},
+    {PKG_ERR_CONFLICT, "pkgmgr:conflict_packages", nullptr},
+    {PKG_ERR_VOLUME_CREATING, kKeySpaceNotReady, "error:volume_creating"},
+    {PKG_ERR_SIGN_NOT_MAKER, "pkgmgr:pkgmgr_not_zarn_publish", nullptr},
+    {PKG_ERR_SIGN_UNKNOWN_PUBLISHER, "pkgmgr:pkgmgr_unknown_publisher", nullptr},
+    {PKG_ERR_SIGN_NONE, "pkgmgr:pkgmgr_no_signature", nullptr},
+    {PKG_ERR_SIGN_EXPIRED, "pkgmgr:pkgmgr_cert_expired", nullptr},
+    {PKG_ERR_SIGN_BROKEN, kKeyBroken, nullptr},
+    {PKG_ERR_NO_WORKING_VOLUME, kKeySpaceNotReady, "error:volume_no_volumes"},
+    {PKG_ERR_OS_TOO_NEW, "pkgmgr:pkgmgr_pkg_required_older_version", nullptr},
+    {PKG_ERR_OS_TOO_OLD, "pkgmgr:pkgmgr_pkg_required_newer_version", nullptr},
+};
+
+const MessageKeyRow* FindRow(PKG_ERRCODE code) {
+    for (const MessageKeyRow& row : kMessageKeys) {
+        if (row.code == code) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+// The file check's key of a code, or the default.
+const char* FileCheckKey(PKG_ERRCODE code) {
+    const MessageKeyRow* row = FindRow(code);
+    return row != nullptr && row->fileCheck != nullptr ? row->fileCheck : PKG_MSG_DEFAULT;
+}
+
 }  // namespace
 
 Json::Value PMSFileCheckMessage(PKG_ERRCODE code, const Json::Value& detail,
                                 const std::string& displayName) {
-    static const std::map<unsigned int, const char*> plainKeys = {
-        {PKG_ERR_BROKEN, "pkgmgr:pkgmgr_file_not_package"},
-        {PKG_ERR_BAD_PACKAGE, "pkgmgr:broken_package"},
-        {PKG_ERR_SYSTEM, "error:error_error_system"},
-        {PKG_ERR_UPGRADE, "pkgmgr:pkgmgr_pkg_cannot_upgrade"},
-        {PKG_ERR_NO_SPACE, "pkgmgr:error_sys_no_space"},
-        {PKG_ERR_VOLUME_CREATING, "pkgmgr:pkgmgr_space_not_ready"},
-        {PKG_ERR_SIGN_NOT_MAKER, "pkgmgr:pkgmgr_not_zarn_publish"},
-        {PKG_ERR_SIGN_UNKNOWN_PUBLISHER, "pkgmgr:pkgmgr_unknown_publisher"},
-        {PKG_ERR_SIGN_NONE, "pkgmgr:pkgmgr_no_signature"},
-        {PKG_ERR_SIGN_EXPIRED, "pkgmgr:pkgmgr_cert_expired"},
-        {PKG_ERR_SIGN_BROKEN, "pkgmgr:broken_package"},
-        {PKG_ERR_SIGN_CHECK, "error:error_error_system"},
-        {PKG_ERR_NO_WORKING_VOLUME, "pkgmgr:pkgmgr_space_not_ready"},
-    };
     Json::Value msg(Json::arrayValue);
     if (code == PKG_ERR_SUCCESS || code == PKG_ERR_SIGN_OK) {
         return msg;
     }
-    auto plain = plainKeys.find(code);
-    if (plain != plainKeys.end()) {
-        msg.append(plain->second);
-        return msg;
-    }
     switch (code) {
         case PKG_ERR_VERSION_LIMIT:
-            msg.append("pkgmgr:pkg_install_version_less_than_limit");
+            msg.append(FileCheckKey(code));
             msg.append(displayName);
             msg.append(MemberText(detail, "curVersion"));
             msg.append(MemberText(detail, "insVersion"));
@@ -133,13 +172,13 @@ Json::Value PMSFileCheckMessage(PKG_ERRCODE code, const Json::Value& detail,
             if (ssh) {
                 msg.append("tree:require_sshd");
             } else {
-                msg.append("pkgmgr:require_service");
+                msg.append(FileCheckKey(code));
                 msg.append(first);
             }
             break;
         }
         case PKG_ERR_DOWNGRADE:
-            msg.append("pkgmgr:downgrade_version");
+            msg.append(FileCheckKey(code));
             msg.append(MemberText(detail, "curVersion"));
             msg.append(MemberText(detail, "insVersion"));
             break;
@@ -155,7 +194,7 @@ Json::Value PMSFileCheckMessage(PKG_ERRCODE code, const Json::Value& detail,
                 msg.append("pkgmgr:depend_unstart");
                 msg.append(ListText(unstarted));
             } else {
-                msg.append("pkgmgr:depend_packages");
+                msg.append(FileCheckKey(code));
                 msg.append(JoinMemberNames(packages));
             }
             break;
@@ -166,55 +205,47 @@ Json::Value PMSFileCheckMessage(PKG_ERRCODE code, const Json::Value& detail,
                 ZLOGERR("Failed to get product");
                 break;
             }
-            msg.append("pkgmgr:pkgmgr_pkg_not_support_platform");
+            msg.append(FileCheckKey(code));
             msg.append(product);
             break;
         }
         case PKG_ERR_PORT_CONFLICT: {
             char port[8];
             std::snprintf(port, sizeof(port), "%s", detail.isString() ? detail.asCString() : "");
-            msg.append("pkgmgr:port_conflict");
+            msg.append(FileCheckKey(code));
             msg.append(port);
             break;
         }
         case PKG_ERR_CONFLICT:
-            msg.append("pkgmgr:conflict_packages");
+            msg.append(FileCheckKey(code));
             msg.append(ListText(detail.isObject() ? detail["instPackageList"] : Json::Value()));
             break;
         case PKG_ERR_OS_TOO_NEW:
-            msg.append("pkgmgr:pkgmgr_pkg_required_older_version");
+            msg.append(FileCheckKey(code));
             msg.append(OSBoundText(detail, 99999));
             break;
         case PKG_ERR_OS_TOO_OLD:
-            msg.append("pkgmgr:pkgmgr_pkg_required_newer_version");
+            msg.append(FileCheckKey(code));
             msg.append(OSBoundText(detail, 0));
             break;
         default:
-            msg.append(PKG_MSG_DEFAULT);
+            msg.append(FileCheckKey(code));
             break;
     }
     return msg;
 }
 
 std::string PMSServerInstallMessageKey(PKG_ERRCODE code) {
-    static const std::map<unsigned int, const char*> keys = {
-        {PKG_ERR_NOT_INSTALLED, "pkgmgr:pkgmgr_pkg_not_available"},
-        {PKG_ERR_VERSION_LIMIT, "pkgmgr:pkg_install_version_less_than_limit"},
-        {PKG_ERR_BAD_PACKAGE, "pkgmgr:pkgmgr_file_not_package"},
-        {PKG_ERR_DOWNGRADE, "pkgmgr:downgrade_version"},
-        {PKG_ERR_DEPENDENCY, "pkgmgr:error_upgrade_dep_packages"},
-        {PKG_ERR_DEP_HANDLE, "pkgmgr:error_upgrade_dep_packages"},
-        {PKG_ERR_ALREADY_INSTALLED, "pkgmgr:pkgmgr_pkg_install_already"},
-        {PKG_ERR_DEP_CYCLE, "pkgmgr:depend_cycle"},
-        {PKG_ERR_LOCK, "pkgmgr:error_occupied"},
-        {PKG_ERR_INSTALL, "pkgmgr:pkgmgr_file_install_failed"},
-        {PKG_ERR_UPGRADE, "pkgmgr:upgrade_fail"},
-        {PKG_ERR_NO_SPACE, "error:error_space_not_enough"},
-        {PKG_ERR_VOLUME_CREATING, "error:volume_creating"},
-        {PKG_ERR_NO_WORKING_VOLUME, "error:volume_no_volumes"},
-    };
-    auto it = keys.find(code);
-    return it == keys.end() ? PKG_MSG_DEFAULT : it->second;
+    const MessageKeyRow* row = FindRow(code);
+    return row != nullptr && row->server != nullptr ? row->server : PKG_MSG_DEFAULT;
+}
+
+std::string PMSMessageKey(PKG_ERRCODE code) {
+    const MessageKeyRow* row = FindRow(code);
+    if (row != nullptr && row->server != nullptr) {
+        return row->server;
+    }
+    return FileCheckKey(code);
 }
 
 }  // namespace ZARNPackageTool

@@ -74,6 +74,9 @@ ZARNPKG_API Json::Value PMSFileCheckMessage(PKG_ERRCODE code, const Json::Value&
                                             const std::string& displayName);
 // The message key that the background server install gives a code.
 ZARNPKG_API std::string PMSServerInstallMessageKey(PKG_ERRCODE code);
+// The key of a code for any caller that shows a result: the server install's key, else the
+// file check's, else the default.
+ZARNPKG_API std::string PMSMessageKey(PKG_ERRCODE code);
 // The default key, for codes without a mapping.
 constexpr const char* PKG_MSG_DEFAULT = "error:error_error_system";
 
