@@ -15,17 +15,15 @@ int CmdHostInit(CliContext& ctx) {
     } else if (!ctx.args.empty()) {
         return PrintUsage(ctx, "host-init takes only --volumes N");
     }
-    Json::Value message(Json::arrayValue);
-    message.append(ZARNPackageTool::PKG_MSG_DEFAULT);
     if (ZARNPackageCore::GetSystemRoot() == "/") {
         // The machine's own root is an appliance or a host we must not rewrite.
-        return PrintFailureMessage(ctx, ZARNPackageTool::PKG_ERR_SYSTEM, message,
-                                   "host-init only works on a standalone root: give --root DIR");
+        return PrintFailureCode(ctx, ZARNPackageTool::PKG_ERR_SYSTEM,
+                                "host-init only works on a standalone root: give --root DIR");
     }
     std::string error;
     if (!ZARNHostInit(error) || !ZARNHostVolumesInit(volumes, error)) {
-        return PrintFailureMessage(ctx, ZARNPackageTool::PKG_ERR_SYSTEM, message,
-                                   "could not make the standalone root: " + error);
+        return PrintFailureCode(ctx, ZARNPackageTool::PKG_ERR_SYSTEM,
+                                "could not make the standalone root: " + error);
     }
     Json::Value out(Json::objectValue);
     out["root"] = ZARNPackageCore::GetSystemRoot();

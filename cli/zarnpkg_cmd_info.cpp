@@ -1,5 +1,10 @@
+#include <strings.h>
+
+#include <cstring>
+
 #include "cli/zarnpkg_cli.h"
 #include "platform/files.h"
+#include "platform/log.h"
 
 using namespace ZARNPackageTool;
 
@@ -27,27 +32,47 @@ std::string RecordText(const Json::Value& record) {
     return text;
 }
 
+// A word is a package name unless it reads as a path: a / in it, or the ending of a package
+// file. A file named like a package in the working folder is reached with --file.
+bool NamesAFile(const std::string& word) {
+    static const char* const kEndings[] = {".qar", ".spk"};
+    if (word.find('/') != std::string::npos) {
+        return true;
+    }
+    for (const char* ending : kEndings) {
+        const size_t n = std::strlen(ending);
+        if (word.size() > n && strcasecmp(word.c_str() + word.size() - n, ending) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 int CmdInfo(CliContext& ctx) {
-    if (ctx.args.size() != 1) {
-        return PrintUsage(ctx, "info takes one package name or file");
+    const bool fileGiven = ctx.args.size() == 2 && ctx.args[0] == "--file";
+    if (!fileGiven && (ctx.args.size() != 1 || ctx.args[0] == "--file")) {
+        return PrintUsage(ctx,
+                          "info takes one package name or file: info NAME, info FILE.qar, "
+                          "info --file PATH");
     }
-    const std::string& name = ctx.args[0];
+    const std::string& name = ctx.args.back();
     PackageManager pm;
     PackageInfo info;
-    const std::string file = CliFilePath(name);
-    if (name.find('/') != std::string::npos || ZARNIsRegularFile(file)) {
+    if (fileGiven || NamesAFile(name)) {
         // A package file: its record as read from the archive.
+        const std::string file = CliFilePath(name);
+        if (!IsFileExists(file)) {
+            ZLOGERR("No such file %s", file.c_str());
+            return PrintFailureCode(ctx, PKG_ERR_SYSTEM, "no such file: " + name);
+        }
         if (!pm.queryPackageFileInfo(file, info, PKG_INSTALLATION_NONE, ctx.language()) ||
             info.name.empty()) {
-            const Json::Value message = PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), name);
-            return PrintFailureMessage(ctx, PKG_ERR_BROKEN, message,
-                                       name + " is no readable package file");
+            return PrintFailureCode(ctx, PKG_ERR_BROKEN, name + " is no readable package file");
         }
     } else if (!pm.getPackageInfo(name, info, ctx.language(), PKG_MASK_ALL)) {
-        return PrintFailure(ctx, pm, "package " + name + " is not installed or its INFO is bad",
-                            name);
+        return PrintFailure(ctx, pm, "package " + name + " is not installed or its INFO is bad");
     }
     Json::Value record;
     PMSPackageInfoToJson(info, record);

@@ -9,7 +9,7 @@ int CmdLog(CliContext& ctx) {
     const std::string& name = ctx.args[0];
     PackageManager pm;
     if (!pm.init()) {
-        return PrintFailure(ctx, pm, RegistryFailureText(), name);
+        return PrintFailure(ctx, pm, RegistryFailureText());
     }
     const std::string text = pm.getPackageLog(name);
     if (pm.getResult() != PKG_ERR_SUCCESS) {
@@ -17,8 +17,7 @@ int CmdLog(CliContext& ctx) {
             ctx, pm,
             pm.getResult() == PKG_ERR_NOT_INSTALLED
                 ? "package " + name + " is not installed"
-                : "the log of " + name + " could not be read (run again with -v to see why)",
-            name);
+                : "the log of " + name + " could not be read (run again with -v to see why)");
     }
     Json::Value out(Json::objectValue);
     out["package"] = name;

@@ -20,22 +20,19 @@ int CmdOrder(CliContext& ctx) {
     if (ctx.args.empty()) {
         if (!pm.getDependencyOrder(order)) {
             pm.setResult(PKG_ERR_DEP_CYCLE);
-            return PrintFailure(ctx, pm,
-                                "the installed packages depend on each other in a cycle (see "
-                                "the log with -v); no order exists");
+            return PrintFailure(
+                ctx, pm, "the installed packages depend on each other in a cycle; no order exists");
         }
     } else {
         const std::string& name = ctx.args[0];
         if (!PMSCheckName(name.c_str(), ":/<>=|") || !PMSCheckPackage(name)) {
             pm.setResult(PKG_ERR_NOT_INSTALLED);
-            return PrintFailure(ctx, pm, "package " + name + " is not installed", name);
+            return PrintFailure(ctx, pm, "package " + name + " is not installed");
         }
         if (!pm.getDependencyOrder(name.c_str(), order, false, true)) {
             pm.setResult(PKG_ERR_DEP_CYCLE);
-            return PrintFailure(ctx, pm,
-                                "the packages that depend on " + name +
-                                    " form a cycle (see the log with -v); no order exists",
-                                name);
+            return PrintFailure(
+                ctx, pm, "the packages that depend on " + name + " form a cycle; no order exists");
         }
     }
     Json::Value names(Json::arrayValue);

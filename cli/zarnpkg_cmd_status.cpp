@@ -11,9 +11,13 @@ int CmdStatus(CliContext& ctx) {
     const std::string& name = ctx.args[0];
     PackageManager pm;
     if (!pm.init()) {
-        return PrintFailure(ctx, pm, RegistryFailureText(), name);
+        return PrintFailure(ctx, pm, RegistryFailureText());
     }
     const int status = pm.getPkgStatus(name);
+    if (status == 0xff) {
+        // A package that isn't there is a failure to a script, as with other package managers.
+        return PrintFailure(ctx, pm, "package " + name + " is not installed");
+    }
     const unsigned int result = pm.getResult();
     int rough = 0;
     const bool known = PackageManager::roughStatusOf(status, name, rough);

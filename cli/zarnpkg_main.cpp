@@ -1,9 +1,8 @@
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <functional>
 #include <iostream>
-#include <map>
 #include <string>
 
 #include "cli/zarnpkg_cli.h"
@@ -12,19 +11,61 @@
 
 namespace {
 
-bool IsGlobalOption(const std::string& arg) {
-    return arg == "--json" || arg == "-v" || arg == "--verbose" || arg == "--root" ||
-           arg == "--lang";
+struct Command {
+    const char* name;
+    int (*run)(CliContext&);
+    const char*
+        synopsis;  // the arguments after the name; lines after the first are its other forms
+    const char* summary;
+};
+
+const Command kCommands[] = {
+    {"host-init", CmdHostInit, "[--volumes N]",
+     "make or complete a standalone root, its folder too"},
+    {"pack", CmdPack, "DIR -o FILE", "build a QAR file from a package source folder"},
+    {"check", CmdCheck, "FILE", "the full file check of a QAR file"},
+    {"info", CmdInfo, "NAME | FILE.qar | --file PATH",
+     "the record of an installed package or of a package\n"
+     "file (a word with a / or ending in .qar or .spk)"},
+    {"list", CmdList, "", "installed packages with version and status"},
+    {"status", CmdStatus, "NAME", "status and rough status of an installed package"},
+    {"log", CmdLog, "NAME", "the package's log text"},
+    {"order", CmdOrder, "[NAME]", "stop order of all packages, or of NAME's dependants"},
+};
+
+constexpr const char* kSynopsis = "zarnpkg [--root DIR] [--lang LANG] [--json] [-v] ";
+
+const Command* FindCommand(const std::string& name) {
+    for (const Command& command : kCommands) {
+        if (name == command.name) {
+            return &command;
+        }
+    }
+    return nullptr;
 }
 
-}  // namespace
+bool IsGlobalOption(const std::string& arg) {
+    return arg == "--json" || arg == "-v" || arg == "--verbose" || arg == "--root" ||
+           arg == "--lang" || arg.rfind("--root=", 0) == 0 || arg.rfind("--lang=", 0) == 0;
+}
 
-int main(int argc, char** argv) {
-    static const std::map<std::string, std::function<int(CliContext&)>> commands = {
-        {"host-init", CmdHostInit}, {"list", CmdList},     {"info", CmdInfo}, {"pack", CmdPack},
-        {"check", CmdCheck},        {"status", CmdStatus}, {"log", CmdLog},   {"order", CmdOrder},
-    };
-    CliContext ctx;
+bool IsHelp(const std::string& arg) {
+    return arg == "-h" || arg == "--help";
+}
+
+std::string CommandUsage(const Command& command) {
+    return std::string("usage: ") + kSynopsis + command.name + " " + command.synopsis + "\n" +
+           command.summary + "\n";
+}
+
+// Help and version are successes: text, or with --json one object that carries it.
+int PrintInformation(const CliContext& ctx, const char* member, const std::string& text) {
+    Json::Value out(Json::objectValue);
+    out[member] = text;
+    return PrintSuccess(ctx, out, text);
+}
+
+int Run(CliContext& ctx, int argc, char** argv) {
     // A caller that asked for JSON gets it also when the command line itself is wrong, however
     // early the mistake comes.
     for (int k = 1; k < argc; ++k) {
@@ -34,25 +75,40 @@ int main(int argc, char** argv) {
     bool rootGiven = false;
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
-        const std::string opt = argv[i];
-        if (opt == "--json") {
-            ctx.json = true;
-        } else if (opt == "-v" || opt == "--verbose") {
-            ctx.verbose = true;
-        } else if (opt == "--root" || opt == "--lang") {
-            if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+        std::string opt = argv[i];
+        std::string value;
+        bool hasValue = false;
+        const size_t eq = opt.find('=');
+        if (opt.rfind("--", 0) == 0 && eq != std::string::npos) {
+            value = opt.substr(eq + 1);
+            opt.erase(eq);
+            hasValue = true;
+        }
+        if (opt == "--root" || opt == "--lang") {
+            if (!hasValue && i + 1 < argc) {
+                value = argv[++i];
+                hasValue = true;
+            }
+            if (!hasValue || value.empty()) {
                 return PrintUsage(ctx, opt == "--root" ? "--root needs the folder of a system tree"
                                                        : "--lang needs a language code, e.g. enu");
             }
             if (opt == "--root") {
-                root = argv[++i];
+                root = value;
                 rootGiven = true;
             } else {
-                ctx.lang = argv[++i];
+                ctx.lang = value;
             }
-        } else if (opt == "-h" || opt == "--help") {
-            std::cout << UsageText();
-            return kExitOk;
+        } else if (hasValue) {
+            return PrintUsage(ctx, opt + " takes no value");
+        } else if (opt == "--json") {
+            ctx.json = true;
+        } else if (opt == "-v" || opt == "--verbose") {
+            ctx.verbose = true;
+        } else if (IsHelp(opt)) {
+            return PrintInformation(ctx, "usage", UsageText());
+        } else if (opt == "--version") {
+            return PrintInformation(ctx, "version", "zarnpkg " ZARNPKG_VERSION);
         } else {
             return PrintUsage(ctx, "unknown option " + opt);
         }
@@ -60,15 +116,21 @@ int main(int argc, char** argv) {
     if (i >= argc) {
         return PrintUsage(ctx, "no command given");
     }
-    auto command = commands.find(argv[i]);
-    if (command == commands.end()) {
+    const Command* command = FindCommand(argv[i]);
+    if (command == nullptr) {
         return PrintUsage(ctx, std::string("unknown command ") + argv[i]);
     }
     ctx.args.assign(argv + i + 1, argv + argc);
     for (const auto& arg : ctx.args) {
+        if (IsHelp(arg)) {
+            return PrintInformation(ctx, "usage", CommandUsage(*command));
+        }
+    }
+    for (const auto& arg : ctx.args) {
         if (IsGlobalOption(arg)) {
-            return PrintUsage(ctx, arg + " goes before the command: zarnpkg " + arg + " ... " +
-                                       command->first + " ...");
+            const std::string opt = arg.substr(0, arg.find('='));
+            return PrintUsage(ctx, opt + " goes before the command: zarnpkg " + opt + " ... " +
+                                       command->name + " ...");
         }
     }
     ZARNLogSetVerbose(ctx.verbose);
@@ -76,14 +138,55 @@ int main(int argc, char** argv) {
         ZARNPackageCore::SetSystemRoot(root);
     }
     try {
-        return command->second(ctx);
+        return command->run(ctx);
     } catch (const std::exception& e) {
         // The library must not throw; if it ever does, the caller still gets one answer.
-        ZLOGERR("Unexpected failure of %s: %s", command->first.c_str(), e.what());
-        Json::Value message(Json::arrayValue);
-        message.append(ZARNPackageTool::PKG_MSG_DEFAULT);
-        return PrintFailureMessage(ctx, ZARNPackageTool::PKG_ERR_SYSTEM, message,
-                                   command->first + " failed unexpectedly (" + e.what() +
-                                       "); run it again with -v and report the log");
+        ZLOGERR("Unexpected failure of %s: %s", command->name, e.what());
+        return PrintFailureCode(ctx, ZARNPackageTool::PKG_ERR_SYSTEM,
+                                std::string(command->name) + " failed unexpectedly (" + e.what() +
+                                    "); run it again with -v and report the log");
     }
+}
+
+}  // namespace
+
+std::string UsageText() {
+    std::string text = std::string("usage: ") + kSynopsis + "COMMAND [ARGS]\ncommands:\n";
+    for (const Command& command : kCommands) {
+        std::string line = std::string("  ") + command.name + " " + command.synopsis;
+        line.resize(std::max<size_t>(line.size() + 1, 38), ' ');
+        // Continuation lines of a summary line up under its first.
+        std::string summary = command.summary;
+        for (size_t at = summary.find('\n'); at != std::string::npos;
+             at = summary.find('\n', at + 1)) {
+            summary.insert(at + 1, std::string(38, ' '));
+        }
+        text += line + summary + "\n";
+    }
+    text +=
+        "  COMMAND --help                      the usage of one command\n"
+        "options:\n"
+        "  --root DIR, --root=DIR  work on the system tree in DIR instead of /\n"
+        "  --lang LANG             language of display names and descriptions\n"
+        "  --json                  print one JSON object on standard output\n"
+        "  -v                      copy the library's log lines to standard error\n"
+        "  --version               the version of zarnpkg\n"
+        "  -h, --help              this text\n"
+        "environment:\n"
+        "  ZARNPKG_ROOT      the system root when --root is not given (default /)\n"
+        "  ZARNPKG_LOG_FILE  a file that gets a copy of every log line of the library\n"
+        "exit status:\n"
+        "  0  success\n"
+        "  1  the operation failed: \"error: 0x<code> <message key>: <reason>\" on standard "
+        "error,\n"
+        "     or with --json {\"success\": false, \"code\": ..., \"error\": ...} on standard "
+        "output\n"
+        "  2  the command line is wrong\n";
+    return text;
+}
+
+int main(int argc, char** argv) {
+    CliContext ctx;
+    const int status = Run(ctx, argc, argv);
+    return FinishOutput(ctx, status);
 }

@@ -1,13 +1,24 @@
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 #include "cli/zarnpkg_cli.h"
 #include "platform/json.h"
+#include "platform/log.h"
 #include "platform/sysroot.h"
 
 using ZARNPackageTool::PKG_ERRCODE;
 
 namespace {
+
+// Words for the manager's map parameters that a person reads; others go by their key.
+const char* ParamLabel(const std::string& key) {
+    return key == "cycles"   ? "packages on a cycle"
+           : key == "oldver" ? "version limit of this system"
+           : key == "curver" ? "version of the package"
+                             : nullptr;
+}
 
 Json::Value ParamsObject(const std::map<std::string, std::string>& params) {
     Json::Value out(Json::objectValue);
@@ -17,13 +28,92 @@ Json::Value ParamsObject(const std::map<std::string, std::string>& params) {
     return out;
 }
 
+// The sentence of a failure: what failed, then the facts the parameters hold.
+std::string Sentence(const std::string& what, const Json::Value& params) {
+    std::string text = what;
+    for (const auto& key : params.getMemberNames()) {
+        const Json::Value& v = params[key];
+        const char* label = ParamLabel(key);
+        text += std::string("; ") + (label != nullptr ? label : key.c_str()) + ": " +
+                (v.isString() ? v.asString() : Json::toCompactString(v));
+    }
+    return text;
+}
+
 std::string Hex(unsigned int code) {
     char buf[16];
     std::snprintf(buf, sizeof(buf), "0x%x", code);
     return buf;
 }
 
+// The length of the valid UTF-8 sequence at `i`, or 0 where the byte starts none.
+size_t Utf8Length(const std::string& s, size_t i) {
+    const unsigned char c = s[i];
+    unsigned char lo = 0x80, hi = 0xbf;
+    size_t len = 0;
+    if (c < 0x80) {
+        return 1;
+    } else if (c >= 0xc2 && c <= 0xdf) {
+        len = 2;
+    } else if (c >= 0xe0 && c <= 0xef) {
+        len = 3;
+        lo = c == 0xe0 ? 0xa0 : lo;
+        hi = c == 0xed ? 0x9f : hi;
+    } else if (c >= 0xf0 && c <= 0xf4) {
+        len = 4;
+        lo = c == 0xf0 ? 0x90 : lo;
+        hi = c == 0xf4 ? 0x8f : hi;
+    } else {
+        return 0;
+    }
+    if (i + len > s.size()) {
+        return 0;
+    }
+    for (size_t k = 1; k < len; ++k) {
+        const unsigned char b = s[i + k];
+        if (b < (k == 1 ? lo : 0x80) || b > (k == 1 ? hi : 0xbf)) {
+            return 0;
+        }
+    }
+    return len;
+}
+
+// Text from packages and servers must not steer the terminal: control characters (C0 but tab
+// and newline, DEL, C1 whether in UTF-8 or as a stray byte) are shown as escapes instead.
+std::string TerminalText(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    char buf[8];
+    for (size_t i = 0; i < text.size();) {
+        const unsigned char c = text[i];
+        const size_t len = Utf8Length(text, i);
+        if (len == 2 && c == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0) {
+            std::snprintf(buf, sizeof(buf), "\\u%04x", static_cast<unsigned char>(text[i + 1]));
+            out += buf;
+        } else if ((c < 0x20 && c != '\t' && c != '\n') || c == 0x7f || (len == 0 && c < 0xa0)) {
+            std::snprintf(buf, sizeof(buf), "\\x%02x", c);
+            out += buf;
+        } else {
+            out.append(text, i, len == 0 ? 1 : len);
+        }
+        i += len == 0 ? 1 : len;
+    }
+    return out;
+}
+
+void PrintJson(const Json::Value& object) {
+    std::cout << Json::toCompactString(object) << std::endl;
+}
+
 }  // namespace
+
+void PrintText(std::ostream& stream, const std::string& text) {
+    stream << TerminalText(text);
+    if (!text.empty() && text.back() != '\n') {
+        stream << '\n';
+    }
+    stream.flush();
+}
 
 int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& text) {
     if (ctx.json) {
@@ -32,35 +122,35 @@ int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& t
         for (const auto& name : object.getMemberNames()) {
             out[name] = object[name];
         }
-        std::cout << Json::toCompactString(out) << std::endl;
-    } else if (!text.empty()) {
-        std::cout << text;
-        if (text.back() != '\n') {
-            std::cout << '\n';
-        }
+        PrintJson(out);
+    } else {
+        PrintText(std::cout, text);
     }
     return kExitOk;
 }
 
 int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& given,
-                        const std::string& what, const Json::Value& params) {
+                        const std::string& what, const Json::Value& givenParams) {
     Json::Value message = given;
     if (code == ZARNPackageTool::PKG_ERR_SUCCESS) {
         // A failure that left no reason behind must not read as success to a script.
         code = ZARNPackageTool::PKG_ERR_SYSTEM;
         if (!message.isArray() || message.empty()) {
             message = Json::Value(Json::arrayValue);
-            message.append(ZARNPackageTool::PKG_MSG_DEFAULT);
+            message.append(ZARNPackageTool::PMSMessageKey(ZARNPackageTool::PKG_ERR_SYSTEM));
         }
     }
+    const Json::Value params = givenParams.isObject() ? givenParams : Json::objectValue;
+    const std::string sentence = Sentence(what, params);
     if (ctx.json) {
         Json::Value out(Json::objectValue);
         out["success"] = false;
         out["code"] = code;
         out["message"] = message.isArray() ? message : Json::Value(Json::arrayValue);
-        out["params"] = params.isObject() ? params : Json::Value(Json::objectValue);
+        out["error"] = sentence;
+        out["params"] = params;
         out["worker_msg"] = Json::Value(Json::arrayValue);
-        std::cout << Json::toCompactString(out) << std::endl;
+        PrintJson(out);
     } else {
         std::string line = "error: " + Hex(code);
         if (message.isArray()) {
@@ -68,17 +158,37 @@ int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Va
                 line += " " + (m.isString() ? m.asString() : Json::toCompactString(m));
             }
         }
-        std::cerr << line << ": " << what << std::endl;
+        PrintText(std::cerr, line + ": " + sentence);
     }
     return kExitFailed;
 }
 
+int PrintFailureCode(const CliContext& ctx, unsigned int code, const std::string& what,
+                     const Json::Value& params) {
+    Json::Value message(Json::arrayValue);
+    message.append(ZARNPackageTool::PMSMessageKey(static_cast<PKG_ERRCODE>(code)));
+    return PrintFailureMessage(ctx, code, message, what, params);
+}
+
 int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& pm,
-                 const std::string& what, const std::string& packageName) {
-    Json::Value data;
-    PKG_ERRCODE code = pm.getResult(data);
-    Json::Value message = ZARNPackageTool::PMSFileCheckMessage(code, data, packageName);
-    return PrintFailureMessage(ctx, code, message, what, ParamsObject(pm.getMapParams()));
+                 const std::string& what) {
+    return PrintFailureCode(ctx, pm.getResult(), what, ParamsObject(pm.getMapParams()));
+}
+
+int FinishOutput(const CliContext& ctx, int status) {
+    std::cout.flush();
+    if (std::cout) {
+        return status;
+    }
+    // Output that never reached its file is a failure, however well the command went.
+    const int err = errno;
+    ZLOGERR("Failed to write standard output: %s", std::strerror(err));
+    std::cout.clear();
+    CliContext text = ctx;
+    text.json = false;
+    PrintFailureCode(text, ZARNPackageTool::PKG_ERR_SYSTEM,
+                     std::string("standard output could not be written: ") + std::strerror(err));
+    return status == kExitOk ? kExitFailed : status;
 }
 
 std::string RegistryFailureText() {
@@ -118,33 +228,13 @@ const char* StatusText(int status) {
     }
 }
 
-const char* UsageText() {
-    return "usage: zarnpkg [--root DIR] [--lang LANG] [--json] [-v] COMMAND [ARGS]\n"
-           "commands:\n"
-           "  host-init [--volumes N]   make or complete a standalone root\n"
-           "  pack DIR -o FILE          build a QAR file from a package source folder\n"
-           "  check FILE                the full file check of a QAR file\n"
-           "  info NAME|FILE            a package's record\n"
-           "  list                      installed packages with version and status\n"
-           "  status NAME               status and rough status of a package\n"
-           "  log NAME                  the package's log text\n"
-           "  order [NAME]              stop order of all packages, or of NAME's dependants\n"
-           "options:\n"
-           "  --root DIR   work on the system tree in DIR instead of /\n"
-           "  --lang LANG  language of display names and descriptions\n"
-           "  --json       print one JSON object on standard output\n"
-           "  -v           copy the library's log lines to standard error\n";
-}
-
 int PrintUsage(const CliContext& ctx, const std::string& problem) {
     if (ctx.json) {
-        Json::Value message(Json::arrayValue);
-        message.append(ZARNPackageTool::PKG_MSG_DEFAULT);
-        PrintFailureMessage(ctx, ZARNPackageTool::PKG_ERR_SYSTEM, message, problem);
+        PrintFailureCode(ctx, ZARNPackageTool::PKG_ERR_SYSTEM, problem);
     }
     if (!problem.empty()) {
-        std::cerr << "zarnpkg: " << problem << "\n";
+        PrintText(std::cerr, "zarnpkg: " + problem);
     }
-    std::cerr << UsageText();
+    PrintText(std::cerr, UsageText());
     return kExitUsage;
 }

@@ -1,5 +1,6 @@
 #include "platform/host_init.h"
 
+#include <sys/stat.h>
 #include <sys/utsname.h>
 
 #include <cerrno>
@@ -96,6 +97,23 @@ bool EnsureKeys(const std::string& path, const KeyList& keys, std::string& error
         }
     }
     return AppendMissing(path, text, added, error);
+}
+
+// The root folder itself, with its parents, as mkdir -p makes them: a new root may be named
+// before it exists. Only the root's own path is physical here; all else goes below it.
+bool MakeRootFolder(std::string& error) {
+    const std::string& root = ZARNPackageCore::GetSystemRoot();
+    for (size_t end = root.find('/', 1);; end = root.find('/', end + 1)) {
+        const std::string folder = root.substr(0, end);
+        struct stat st;
+        if (stat(folder.c_str(), &st) != 0 && mkdir(folder.c_str(), 0755) != 0) {
+            error = "cannot create " + folder + ": " + ErrnoText(errno);
+            return false;
+        }
+        if (end == std::string::npos) {
+            return true;
+        }
+    }
 }
 
 bool MakeFolders(std::string& error) {
@@ -234,9 +252,13 @@ struct HostInitStep {
 
 // In order: later steps write into the folders that the first one makes.
 const HostInitStep kHostInitSteps[] = {
-    {"folders", MakeFolders},          {"factory settings", MakeFactorySettings},
-    {"version file", MakeVersionFile}, {"settings", MakeSettings},
-    {"accounts", MakeAccounts},        {"service list", MakeServiceList},
+    {"root folder", MakeRootFolder},
+    {"folders", MakeFolders},
+    {"factory settings", MakeFactorySettings},
+    {"version file", MakeVersionFile},
+    {"settings", MakeSettings},
+    {"accounts", MakeAccounts},
+    {"service list", MakeServiceList},
     {"volumes", MakeVolumes},
 };
 

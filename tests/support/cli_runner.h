@@ -10,6 +10,14 @@ struct CliRun {
     std::string err;
 };
 
+// Where a run works and writes: a physical working folder, and a descriptor that takes standard
+// output and error instead of the capture.
+struct CliRunPlace {
+    std::string cwd;
+    int outputFd = -1;
+};
+
 // Runs the built zarnpkg with "--root ROOT" and the arguments, without ZARNPKG_ROOT in its
 // environment, and captures what it prints.
-CliRun RunZarnpkg(const std::string& root, const std::vector<std::string>& args);
+CliRun RunZarnpkg(const std::string& root, const std::vector<std::string>& args,
+                  const CliRunPlace& place = {});

@@ -1,0 +1,197 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <string>
+#include <vector>
+
+#include "platform/files.h"
+#include "platform/json.h"
+#include "support/cli_runner.h"
+#include "support/qar_builder.h"
+#include "support/temproot.h"
+
+namespace {
+
+using Args = std::vector<std::string>;
+
+std::string Shown(const Args& args) {
+    std::string text;
+    for (const auto& a : args) {
+        text += " " + a;
+    }
+    return text;
+}
+
+class CliErrors : public TempRootTest {
+protected:
+    // Registers an installed package by its INFO text alone.
+    void addPackage(const std::string& name, const std::string& info) {
+        writeFile("/var/packages/" + name + "/INFO", info);
+        writeFile("/volume1/@appstore/" + name + "/.keep", "");
+        ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/" + name, "/var/packages/" + name + "/target"));
+    }
+
+    static Json::Value Parse(const CliRun& r) {
+        Json::Value v;
+        EXPECT_TRUE(Json::fromString(v, r.out)) << r.out << r.err;
+        return v;
+    }
+};
+
+// Each failure carries the key of its code, and the sentence a person reads on standard error
+// is the "error" of the JSON form, with the facts of the parameters in it.
+TEST_F(CliErrors, KeysAndSentences) {
+    addPackage("a", qartest::InfoText(
+                        {{"package", "a"}, {"version", "1.0"}, {"install_dep_packages", "b"}}));
+    addPackage("b", qartest::InfoText(
+                        {{"package", "b"}, {"version", "1.0"}, {"install_dep_packages", "a"}}));
+    const struct {
+        Args args;
+        int status;
+        unsigned int code;
+        const char* key;
+        const char* words;
+    } cases[] = {
+        {{"info", "nosuch"}, 1, 0xff, "pkgmgr:pkgmgr_pkg_not_available", "package nosuch"},
+        {{"log", "nosuch"}, 1, 0xff, "pkgmgr:pkgmgr_pkg_not_available", "package nosuch"},
+        {{"order", "nosuch"}, 1, 0xff, "pkgmgr:pkgmgr_pkg_not_available", "package nosuch"},
+        {{"status", "nosuch"}, 1, 0xff, "pkgmgr:pkgmgr_pkg_not_available", "package nosuch"},
+        {{"order"}, 1, 0x112, "pkgmgr:depend_cycle", "in a cycle"},
+        {{"info", "missing.qar"}, 1, 0x107, "error:error_error_system", "no such file: missing"},
+        {{"info", "--file", "nosuch"}, 1, 0x107, "error:error_error_system", "no such file"},
+        {{"frobnicate"}, 2, 0x107, "error:error_error_system", "unknown command frobnicate"},
+    };
+    for (const auto& c : cases) {
+        Args json = {"--json"};
+        json.insert(json.end(), c.args.begin(), c.args.end());
+        const CliRun j = RunZarnpkg(root(), json);
+        EXPECT_EQ(j.status, c.status) << Shown(json) << j.err;
+        const Json::Value v = Parse(j);
+        EXPECT_EQ(v["code"].asUInt(), c.code) << Shown(json) << j.out;
+        EXPECT_EQ(v["message"][0].asString(), c.key) << Shown(json) << j.out;
+        const std::string sentence = v["error"].asString();
+        EXPECT_NE(sentence.find(c.words), std::string::npos) << Shown(json) << j.out;
+
+        const CliRun t = RunZarnpkg(root(), c.args);
+        EXPECT_EQ(t.status, c.status) << Shown(c.args);
+        EXPECT_EQ(t.out, "") << Shown(c.args);
+        char head[32];
+        std::snprintf(head, sizeof(head), "0x%x ", c.code);
+        const std::string line =
+            c.status == 1 ? "error: " + std::string(head) + c.key + ": " : std::string("zarnpkg: ");
+        EXPECT_EQ(t.err.substr(0, t.err.find('\n') + 1), line + sentence + "\n") << Shown(c.args);
+        // Every parameter of the manager reaches the person, in words where the CLI has them.
+        for (const auto& key : v["params"].getMemberNames()) {
+            const std::string fact = (key == "cycles" ? "packages on a cycle" : key) + ": " +
+                                     v["params"][key].asString();
+            EXPECT_NE(sentence.find(fact), std::string::npos) << Shown(json) << j.out;
+        }
+    }
+}
+
+// Help, version and the --root=DIR form; host-init makes a root folder that isn't there yet.
+TEST_F(CliErrors, HelpVersionAndRoot) {
+    const struct {
+        Args args;
+        const char* member;
+        std::vector<const char*> says;
+    } cases[] = {
+        {{"--help"},
+         "usage",
+         {"ZARNPKG_ROOT", "ZARNPKG_LOG_FILE", "exit status", "COMMAND --help"}},
+        {{"--version"}, "version", {"zarnpkg "}},
+        {{"info", "--help"}, "usage", {"usage: zarnpkg", " info NAME | FILE.qar | --file PATH"}},
+        {{"order", "a", "-h"}, "usage", {" order [NAME]\n"}},
+    };
+    for (const auto& c : cases) {
+        const CliRun t = RunZarnpkg(root(), c.args);
+        EXPECT_EQ(t.status, 0) << Shown(c.args) << t.err;
+        Args json = {"--json"};
+        json.insert(json.end(), c.args.begin(), c.args.end());
+        const CliRun j = RunZarnpkg(root(), json);
+        EXPECT_EQ(j.status, 0) << Shown(json) << j.err;
+        const Json::Value v = Parse(j);
+        EXPECT_TRUE(v["success"].asBool()) << j.out;
+        EXPECT_EQ(t.out.rfind(v[c.member].asString(), 0), 0u) << Shown(json) << j.out;
+        for (const char* words : c.says) {
+            EXPECT_NE(t.out.find(words), std::string::npos) << Shown(c.args) << ": " << t.out;
+        }
+    }
+
+    const CliRun version = RunZarnpkg(root(), {"--version"});
+    EXPECT_TRUE(version.out.size() > 8 && std::isdigit(version.out[8])) << version.out;
+
+    const std::string fresh = phys("/tmp/not/yet/here");
+    CliRun r = RunZarnpkg(root(), {"--root=" + fresh, "host-init"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(ZARNIsRegularFile("/tmp/not/yet/here/etc/zarninfo.conf"));
+    r = RunZarnpkg(root(), {"--root=" + fresh, "--lang=enu", "list"});
+    EXPECT_EQ(r.out, "no packages installed\n") << r.err;
+    r = RunZarnpkg(root(), {"--root=", "list"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("--root needs"), std::string::npos) << r.err;
+}
+
+// Output that can't be written is a failure, in text and in JSON.
+TEST_F(CliErrors, OutputErrorsFail) {
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(full, 0);
+    for (const Args& args : {Args{"list"}, Args{"--json", "list"}, Args{"--help"}}) {
+        EXPECT_EQ(RunZarnpkg(root(), args, {"", full}).status, 1) << Shown(args);
+    }
+    close(full);
+    EXPECT_NE(logText().find("Failed to write standard output"), std::string::npos);
+}
+
+// A word without a / or a package file's ending names an installed package, even where a file
+// of that name lies in the working folder; --file reads the file.
+TEST_F(CliErrors, InfoTellsNamesFromFiles) {
+    addPackage("greeter",
+               qartest::BasicInfo("greeter", "1.0-0001", {{"displayname", "Installed"}}));
+    writeFile("/tmp/work/.keep", "");
+    std::string err;
+    ASSERT_TRUE(qartest::BuildQar(
+        "/tmp/work/greeter",
+        qartest::BasicInfo("greeter", "2.0-0001", {{"displayname", "From the file"}}), {{"f", "x"}},
+        {}, err))
+        << err;
+    const CliRunPlace work{phys("/tmp/work"), -1};
+    CliRun r = RunZarnpkg(root(), {"info", "greeter"}, work);
+    EXPECT_NE(r.out.find("displayname: Installed\n"), std::string::npos) << r.out << r.err;
+    r = RunZarnpkg(root(), {"info", "--file", "greeter"}, work);
+    EXPECT_NE(r.out.find("displayname: From the file\n"), std::string::npos) << r.out << r.err;
+    r = RunZarnpkg(root(), {"info", "--file"}, work);
+    EXPECT_EQ(r.status, 2);
+}
+
+// Text from a package can't steer the terminal: control characters come out as escapes, in
+// the record of a file and of an installed package alike; --json keeps the text as it is.
+TEST_F(CliErrors, TerminalEscapesAreShownNotSent) {
+    const std::string title =
+        "\x1b]0;owned\x07"
+        "Evil\x1b[2J";
+    const std::string description =
+        "\x1b[32mSigned by vendor\x1b[0m \xc2\x9b"
+        "31m \x9b end";
+    const std::string info = qartest::BasicInfo(
+        "evil", "1.0-0001", {{"displayname", title}, {"description", description}});
+    std::string err;
+    ASSERT_TRUE(qartest::BuildQar("/tmp/evil.qar", info, {{"f", "x"}}, {}, err)) << err;
+    addPackage("evil", info);
+    for (const std::string& what : {phys("/tmp/evil.qar"), std::string("evil")}) {
+        const CliRun r = RunZarnpkg(root(), {"info", what});
+        ASSERT_EQ(r.status, 0) << what << r.err;
+        EXPECT_EQ(r.out.find_first_of("\x1b\x07\r\x9b"), std::string::npos) << what;
+        EXPECT_NE(r.out.find("displayname: \\x1b]0;owned\\x07Evil\\x1b[2J\n"), std::string::npos)
+            << r.out;
+        EXPECT_NE(r.out.find("\\x1b[32mSigned by vendor\\x1b[0m \\u009b31m \\x9b end"),
+                  std::string::npos)
+            << r.out;
+        const CliRun j = RunZarnpkg(root(), {"--json", "info", what});
+        EXPECT_EQ(Parse(j)["package"]["displayname"].asString(), title) << what;
+    }
+}
+
+}  // namespace
