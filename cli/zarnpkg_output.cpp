@@ -12,12 +12,9 @@ using ZARNPackageTool::PKG_ERRCODE;
 
 namespace {
 
-// Words for the manager's map parameters that a person reads; others go by their key.
-const char* ParamLabel(const std::string& key) {
-    return key == "cycles"   ? "packages on a cycle"
-           : key == "oldver" ? "version limit of this system"
-           : key == "curver" ? "version of the package"
-                             : nullptr;
+// The words of a map parameter of the manager that a person reads; others go by their key.
+std::string ParamLabel(const std::string& key) {
+    return key == "cycles" ? "packages on a cycle" : key;
 }
 
 Json::Value ParamsObject(const std::map<std::string, std::string>& params) {
@@ -33,8 +30,7 @@ std::string Sentence(const std::string& what, const Json::Value& params) {
     std::string text = what;
     for (const auto& key : params.getMemberNames()) {
         const Json::Value& v = params[key];
-        const char* label = ParamLabel(key);
-        text += std::string("; ") + (label != nullptr ? label : key.c_str()) + ": " +
+        text += "; " + ParamLabel(key) + ": " +
                 (v.isString() ? v.asString() : Json::toCompactString(v));
     }
     return text;

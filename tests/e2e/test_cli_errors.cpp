@@ -166,8 +166,8 @@ TEST_F(CliErrors, InfoTellsNamesFromFiles) {
     EXPECT_EQ(r.status, 2);
 }
 
-// Text from a package can't steer the terminal: control characters come out as escapes, in
-// the record of a file and of an installed package alike; --json keeps the text as it is.
+// Text from a package can't steer the terminal: control characters come out as escapes in the
+// record of a file, of an installed package and in the check; --json keeps the text as it is.
 TEST_F(CliErrors, TerminalEscapesAreShownNotSent) {
     const std::string title =
         "\x1b]0;owned\x07"
@@ -179,6 +179,10 @@ TEST_F(CliErrors, TerminalEscapesAreShownNotSent) {
         "evil", "1.0-0001", {{"displayname", title}, {"description", description}});
     std::string err;
     ASSERT_TRUE(qartest::BuildQar("/tmp/evil.qar", info, {{"f", "x"}}, {}, err)) << err;
+    const CliRun check = RunZarnpkg(root(), {"check", phys("/tmp/evil.qar")});
+    EXPECT_EQ(check.out.find_first_of("\x1b\x07"), std::string::npos) << check.out;
+    EXPECT_NE(check.out.find("\\x1b]0;owned\\x07Evil"), std::string::npos)
+        << check.out << check.err;
     addPackage("evil", info);
     for (const std::string& what : {phys("/tmp/evil.qar"), std::string("evil")}) {
         const CliRun r = RunZarnpkg(root(), {"info", what});
