@@ -250,7 +250,7 @@ struct HostInitStep {
     bool (*run)(std::string& error);
 };
 
-// In order: later steps write into the folders that the first one makes.
+// In order: later steps write into the folders that the first ones make.
 const HostInitStep kHostInitSteps[] = {
     {"root folder", MakeRootFolder},
     {"folders", MakeFolders},
