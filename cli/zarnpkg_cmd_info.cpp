@@ -1,5 +1,8 @@
 #include "cli/zarnpkg_cli.h"
+#include "package/lint.h"
 #include "platform/files.h"
+#include "platform/json.h"
+#include "platform/sysroot.h"
 
 using namespace ZARNPackageTool;
 
@@ -36,14 +39,31 @@ int CmdInfo(CliContext& ctx) {
     const std::string& name = ctx.args[0];
     PackageManager pm;
     PackageInfo info;
-    const std::string file = CliFilePath(name);
+    const std::string file = ZARNCommandLinePath(name);
+    Json::Value out(Json::objectValue);
+    std::string contents;
     if (name.find('/') != std::string::npos || ZARNIsRegularFile(file)) {
-        // A package file: its record as read from the archive.
-        if (!pm.queryPackageFileInfo(file, info, PKG_INSTALLATION_NONE, ctx.language()) ||
+        if (!ZARNPathExists(file)) {
+            return PrintFailureMessage(ctx, PKG_ERR_BROKEN,
+                                       PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), name),
+                                       name + ": no such file");
+        }
+        // A package file: its record as read from the archive, and what it holds.
+        std::vector<std::string> scripts, conf;
+        if (!PMSPackageFileContents(file, scripts, conf) ||
+            !pm.queryPackageFileInfo(file, info, PKG_INSTALLATION_NONE, ctx.language()) ||
             info.name.empty()) {
             const Json::Value message = PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), name);
             return PrintFailureMessage(ctx, PKG_ERR_BROKEN, message,
                                        name + " is no readable package file");
+        }
+        for (const auto& [key, names] :
+             {std::make_pair("scripts", &scripts), std::make_pair("conf", &conf)}) {
+            out[key] = Json::Value(Json::arrayValue);
+            for (const auto& n : *names) {
+                out[key].append(n);
+            }
+            contents += std::string(key) + ": " + Json::toCompactString(out[key]) + "\n";
         }
     } else if (!pm.getPackageInfo(name, info, ctx.language(), PKG_MASK_ALL)) {
         return PrintFailure(ctx, pm, "package " + name + " is not installed or its INFO is bad",
@@ -51,7 +71,6 @@ int CmdInfo(CliContext& ctx) {
     }
     Json::Value record;
     PMSPackageInfoToJson(info, record);
-    Json::Value out(Json::objectValue);
     out["package"] = record;
-    return PrintSuccess(ctx, out, RecordText(record));
+    return PrintSuccess(ctx, out, RecordText(record) + contents);
 }
