@@ -91,14 +91,14 @@ std::string OSVersionText(const OSVersionNumbers& v) {
     return buf;
 }
 
-// The running OS in the form of the bounds, with its sub-build when it has one.
+// The running OS as the bounds are shown, with its update when it has one.
 std::string HostOSVersionText() {
     OSVersionNumbers host;
     host.major = ZARN_OS_MAJOR;
     host.minor = ZARN_OS_MINOR;
     host.build = ZARN_OS_BUILD;
     const int nano = PMSGetOSSubBuild();
-    return OSVersionText(host) + (nano != 0 ? "-" + std::to_string(nano) : "");
+    return OSVersionText(host) + (nano != 0 ? " (update " + std::to_string(nano) + ")" : "");
 }
 
 // The bound as the file check hands it on, with the running OS beside it so that the person

@@ -218,6 +218,10 @@ TEST_F(FileCheckTest, StepSevenOSRange) {
     EXPECT_EQ(PKG_ERR_OS_TOO_NEW, r.code);
     EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_required_older_version", "1.0-0001 (update 5)"}),
               r.message);
+    ASSERT_TRUE(VLIBCFileSetKeyValue("/etc.defaults/VERSION", "smallfixnumber", "3"));
+    EXPECT_EQ("6.2-25556 (update 3)", check(build("oldos", "1.0", {{"os_max_ver", "1.0-00001"}}))
+                                          .detail["hostVersion"]
+                                          .asString());
 }
 
 TEST_F(FileCheckTest, StepEightPlatform) {
