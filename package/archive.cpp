@@ -31,11 +31,11 @@ namespace ZARNPackageTool {
 
 namespace {
 
-// Words blank-separated: a command line for the log, a list for a message.
-std::string JoinedWords(const std::vector<std::string>& words) {
+// Words blank-separated: a command line for the log, and a list in a message too.
+std::string CommandText(const std::vector<std::string>& argv) {
     std::string text;
-    for (const auto& w : words) {
-        text += (text.empty() ? "" : " ") + w;
+    for (const auto& a : argv) {
+        text += (text.empty() ? "" : " ") + a;
     }
     return text;
 }
@@ -292,7 +292,7 @@ int PMSQarExtract(const std::string& file, const std::vector<TarMember>& members
                                      "--no-overwrite-dir",
                                      "--"};
     argv.insert(argv.end(), names.begin(), names.end());
-    command = JoinedWords(argv);
+    command = CommandText(argv);
     int rc = RunTool(argv, out, err);
     if (rc != 0) {
         LogRun(command, out, err);
@@ -580,7 +580,7 @@ bool CheckPackageFileInfoImpl(const char* lang, const char* file, std::string& d
     // 8. Architecture and model.
     if (!PMSCheckPackageArchModelMatched(info)) {
         code = PKG_ERR_PLATFORM;
-        detail["pkgArch"] = JoinedWords(info.arch);
+        detail["pkgArch"] = CommandText(info.arch);
         detail["hostArch"] = PMSGetSystemArchString();
         return false;
     }
