@@ -61,5 +61,3 @@ int CmdCheck(CliContext& ctx);
 int CmdStatus(CliContext& ctx);
 int CmdLog(CliContext& ctx);
 int CmdOrder(CliContext& ctx);
-// A file named on the command line as the library must see it (logical, or relative).
-std::string CliFilePath(const std::string& path);

@@ -1,39 +1,13 @@
-#include <unistd.h>
+#include <iostream>
 
 #include "cli/zarnpkg_cli.h"
 #include "core/infoloader.h"
 #include "package/archive.h"
+#include "package/lint.h"
+#include "platform/files.h"
 #include "platform/sysroot.h"
 
 using namespace ZARNPackageTool;
-
-std::string CliFilePath(const std::string& path) {
-    const std::string& root = ZARNPackageCore::GetSystemRoot();
-    if (root == "/" || path.empty() || path[0] != '/') {
-        return path;  // relative paths mean the same to the library and to the tools it runs
-    }
-    const std::string logical = ZARNLogicalPath(path);
-    if (logical != path || path == root) {
-        return logical;
-    }
-    // A file outside the root: said relative to the working folder, which no mapping changes.
-    char cwd[4096];
-    if (getcwd(cwd, sizeof(cwd)) == nullptr) {
-        return path;
-    }
-    std::string up;
-    for (const char* p = cwd; *p != '\0'; ++p) {
-        if (*p == '/' && p[1] != '\0') {
-            up += "../";
-        }
-    }
-    if (std::string(cwd) == "/") {
-        up.clear();
-    } else if (up.empty()) {
-        up = "../";
-    }
-    return (up.empty() ? "./" : up) + path.substr(1);
-}
 
 namespace {
 
@@ -80,13 +54,78 @@ std::string CheckReason(PKG_ERRCODE code) {
     }
 }
 
+// The facts behind a refusal, as the file check left them beside its message.
+std::string CheckFacts(PKG_ERRCODE code, const Json::Value& detail, const Json::Value& message) {
+    auto text = [&detail](const char* name) {
+        return detail.isObject() && detail[name].isString() ? detail[name].asString() : "";
+    };
+    const std::string bound =
+        message.size() > 1 && message[1].isString() ? message[1].asString() : "";
+    switch (code) {
+        case PKG_ERR_OS_TOO_NEW:
+            return "it runs on versions up to " + bound + ", and this system is " +
+                   text("hostVersion");
+        case PKG_ERR_OS_TOO_OLD:
+            return "it needs version " + bound + " or later, and this system is " +
+                   text("hostVersion");
+        case PKG_ERR_PLATFORM:
+            return "it is built for \"" + text("pkgArch") + "\", and this machine is \"" +
+                   text("hostArch") + "\"";
+        case PKG_ERR_UPGRADE:
+            return "it lacks " + text("missingScript");
+        default:
+            return "";
+    }
+}
+
+// The string facts of the detail, for scripts that read the failure object.
+Json::Value CheckParams(const Json::Value& detail) {
+    Json::Value params(Json::objectValue);
+    if (detail.isObject()) {
+        for (const auto& name : detail.getMemberNames()) {
+            if (detail[name].isString()) {
+                params[name] = detail[name];
+            }
+        }
+    }
+    return params;
+}
+
+// The author's check beside the file check: what it finds is told, and changes no answer.
+Json::Value LintWarnings(const std::string& file) {
+    Json::Value warnings(Json::arrayValue);
+    PMSLintReport report;
+    if (PMSLintPackageFile(file, report)) {
+        for (const auto* list : {&report.errors, &report.warnings}) {
+            for (const auto& w : *list) {
+                std::cerr << "warning: " << w << std::endl;
+                warnings.append(w);
+            }
+        }
+    }
+    return warnings;
+}
+
 }  // namespace
 
 int CmdCheck(CliContext& ctx) {
     if (ctx.args.size() != 1) {
         return PrintUsage(ctx, "check takes one package file");
     }
-    const std::string file = CliFilePath(ctx.args[0]);
+    const std::string file = ZARNCommandLinePath(ctx.args[0]);
+    if (!ZARNPathExists(file)) {
+        return PrintFailureMessage(ctx, PKG_ERR_BROKEN,
+                                   PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), ""),
+                                   ctx.args[0] + ": no such file");
+    }
+    const std::string& root = ZARNPackageCore::GetSystemRoot();
+    if (root != "/" && !ZARNPathExists("/etc.defaults/zarninfo.conf")) {
+        // Without the machine's settings every file would look broken.
+        return PrintFailureMessage(
+            ctx, PKG_ERR_SYSTEM, PMSFileCheckMessage(PKG_ERR_SYSTEM, Json::Value(), ""),
+            "the root " + root + " is not a standalone root yet; run zarnpkg --root " + root +
+                " host-init");
+    }
     std::string displayName;
     PKG_ERRCODE code = PKG_ERR_SUCCESS;
     Json::Value detail(Json::objectValue);
@@ -97,16 +136,21 @@ int CmdCheck(CliContext& ctx) {
         language = "enu";
     }
     const char* lang = language.c_str();
-    if (CheckPackageFileInfoImpl(lang, file.c_str(), displayName, code, detail, info)) {
+    const bool ok = CheckPackageFileInfoImpl(lang, file.c_str(), displayName, code, detail, info);
+    const Json::Value warnings = LintWarnings(file);
+    const Json::Value message = PMSFileCheckMessage(code, detail, displayName);
+    if (ok) {
         Json::Value out(Json::objectValue);
         out["code"] = static_cast<unsigned int>(PKG_ERR_SUCCESS);
-        out["message"] = PMSFileCheckMessage(code, detail, displayName);
+        out["message"] = message;
+        out["warnings"] = warnings;
         return PrintSuccess(ctx, out,
                             ctx.args[0] + ": " + (displayName.empty() ? info.name : displayName) +
                                 " " + info.version + " can be installed");
     }
-    const Json::Value message = PMSFileCheckMessage(code, detail, displayName);
-    return PrintFailureMessage(
-        ctx, code, message,
-        ctx.args[0] + " can't be installed on this machine: " + CheckReason(code));
+    const std::string facts = CheckFacts(code, detail, message);
+    return PrintFailureMessage(ctx, code, message,
+                               ctx.args[0] + " can't be installed on this machine: " +
+                                   CheckReason(code) + (facts.empty() ? "" : ": " + facts),
+                               CheckParams(detail));
 }

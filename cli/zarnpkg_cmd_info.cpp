@@ -3,8 +3,11 @@
 #include <cstring>
 
 #include "cli/zarnpkg_cli.h"
+#include "package/lint.h"
 #include "platform/files.h"
+#include "platform/json.h"
 #include "platform/log.h"
+#include "platform/sysroot.h"
 
 using namespace ZARNPackageTool;
 
@@ -60,23 +63,34 @@ int CmdInfo(CliContext& ctx) {
     const std::string& name = ctx.args.back();
     PackageManager pm;
     PackageInfo info;
+    Json::Value out(Json::objectValue);
+    std::string contents;
     if (fileGiven || NamesAFile(name)) {
-        // A package file: its record as read from the archive.
-        const std::string file = CliFilePath(name);
+        // A package file: its record as read from the archive, and what it holds.
+        const std::string file = ZARNCommandLinePath(name);
         if (!IsFileExists(file)) {
             ZLOGERR("No such file %s", file.c_str());
             return PrintFailureCode(ctx, PKG_ERR_SYSTEM, "no such file: " + name);
         }
-        if (!pm.queryPackageFileInfo(file, info, PKG_INSTALLATION_NONE, ctx.language()) ||
+        std::vector<std::string> scripts, conf;
+        if (!PMSPackageFileContents(file, scripts, conf) ||
+            !pm.queryPackageFileInfo(file, info, PKG_INSTALLATION_NONE, ctx.language()) ||
             info.name.empty()) {
             return PrintFailureCode(ctx, PKG_ERR_BROKEN, name + " is no readable package file");
+        }
+        for (const auto& [key, names] :
+             {std::make_pair("scripts", &scripts), std::make_pair("conf", &conf)}) {
+            out[key] = Json::Value(Json::arrayValue);
+            for (const auto& n : *names) {
+                out[key].append(n);
+            }
+            contents += std::string(key) + ": " + Json::toCompactString(out[key]) + "\n";
         }
     } else if (!pm.getPackageInfo(name, info, ctx.language(), PKG_MASK_ALL)) {
         return PrintFailure(ctx, pm, "package " + name + " is not installed or its INFO is bad");
     }
     Json::Value record;
     PMSPackageInfoToJson(info, record);
-    Json::Value out(Json::objectValue);
     out["package"] = record;
-    return PrintSuccess(ctx, out, RecordText(record));
+    return PrintSuccess(ctx, out, RecordText(record) + contents);
 }

@@ -1,5 +1,8 @@
+#include <iostream>
+
 #include "cli/zarnpkg_cli.h"
 #include "package/pack.h"
+#include "platform/sysroot.h"
 
 using namespace ZARNPackageTool;
 
@@ -8,7 +11,10 @@ int CmdPack(CliContext& ctx) {
     std::string output;
     for (size_t i = 0; i < ctx.args.size(); ++i) {
         const std::string& a = ctx.args[i];
-        if (a == "-o" && i + 1 < ctx.args.size()) {
+        if (a == "-o") {
+            if (i + 1 == ctx.args.size() || ctx.args[i + 1].empty()) {
+                return PrintUsage(ctx, "pack: -o needs a file name");
+            }
             output = ctx.args[++i];
         } else if (!a.empty() && a[0] == '-') {
             return PrintUsage(ctx, "pack: unknown option " + a);
@@ -22,7 +28,8 @@ int CmdPack(CliContext& ctx) {
         return PrintUsage(ctx, "pack DIR -o FILE");
     }
     std::string error;
-    if (!PMSPackPackage(CliFilePath(dir), CliFilePath(output), error)) {
+    std::vector<std::string> warnings;
+    if (!PMSPackPackage(ZARNCommandLinePath(dir), ZARNCommandLinePath(output), error, &warnings)) {
         // The key first, as in every failure; the reason in words follows it.
         Json::Value message = PMSFileCheckMessage(PKG_ERR_BAD_PACKAGE, Json::Value(), "");
         message.append(error);
@@ -31,5 +38,10 @@ int CmdPack(CliContext& ctx) {
     }
     Json::Value out(Json::objectValue);
     out["file"] = output;
+    out["warnings"] = Json::Value(Json::arrayValue);
+    for (const auto& w : warnings) {
+        std::cerr << "warning: " << w << std::endl;
+        out["warnings"].append(w);
+    }
     return PrintSuccess(ctx, out, "wrote " + output);
 }

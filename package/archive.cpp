@@ -20,15 +20,18 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/log.h"
+#include "platform/os_version.h"
 #include "platform/process.h"
 #include "platform/programs.h"
 #include "platform/scope_guard.h"
 #include "platform/sysroot.h"
+#include "platform/volumes.h"
 
 namespace ZARNPackageTool {
 
 namespace {
 
+// Words blank-separated: a command line for the log, and a list in a message too.
 std::string CommandText(const std::vector<std::string>& argv) {
     std::string text;
     for (const auto& a : argv) {
@@ -88,29 +91,65 @@ std::string OSVersionText(const OSVersionNumbers& v) {
     return buf;
 }
 
-// The bound as the file check hands it on: the sub-build is added when it isn't the default, so
-// that the message can name the update.
-std::string OSBoundDetail(const OSVersionNumbers& v, int nano, int defaultNano) {
-    std::string text = OSVersionText(v);
-    if (nano != defaultNano) {
-        text += "-" + std::to_string(nano);
-    }
-    return text;
+// The running OS as the bounds are shown, with its update when it has one.
+std::string HostOSVersionText() {
+    OSVersionNumbers host;
+    host.major = ZARN_OS_MAJOR;
+    host.minor = ZARN_OS_MINOR;
+    host.build = ZARN_OS_BUILD;
+    const int nano = PMSGetOSSubBuild();
+    return OSVersionText(host) + (nano != 0 ? " (update " + std::to_string(nano) + ")" : "");
 }
 
-// Size of a member and of everything below it when it is a folder.
-unsigned long long SizeUnder(const std::vector<TarMember>& members, const std::string& name) {
-    unsigned long long total = 0;
+// The bound as the file check hands it on, with the running OS beside it so that the person
+// told of the refusal learns both sides.
+Json::Value OSBoundDetail(const OSVersionNumbers& v, int nano) {
+    Json::Value detail(Json::objectValue);
+    detail["major"] = v.major;
+    detail["minor"] = v.minor;
+    detail["build"] = v.build;
+    detail["nano"] = nano;
+    detail["hostVersion"] = HostOSVersionText();
+    return detail;
+}
+
+// The members that are `name` or lie below it when it is a folder.
+std::vector<const TarMember*> MembersUnder(const std::vector<TarMember>& members,
+                                           const std::string& name) {
+    std::vector<const TarMember*> found;
     for (const auto& m : members) {
         std::string n = m.name;
         while (n.compare(0, 2, "./") == 0) {
             n.erase(0, 2);
         }
         if (n == name || n.compare(0, name.size() + 1, name + "/") == 0) {
-            total += m.size;
+            found.push_back(&m);
         }
     }
+    return found;
+}
+
+// Size of a member and of everything below it when it is a folder.
+unsigned long long SizeUnder(const std::vector<TarMember>& members, const std::string& name) {
+    unsigned long long total = 0;
+    for (const TarMember* m : MembersUnder(members, name)) {
+        total += m->size;
+    }
     return total;
+}
+
+// conf/ and the wizard folder are unpacked whole by queries, a file each: a flood of members
+// there would cost minutes and fill the temp folder long before any size limit.
+bool FolderMemberCountsOk(const std::vector<TarMember>& members, std::string& why) {
+    for (const char* folder : {"conf", "WIZARD_UIFILES"}) {
+        const size_t count = MembersUnder(members, folder).size();
+        if (count > PMS_QAR_FOLDER_MEMBERS_MAX) {
+            why = std::to_string(count) + " members under " + folder + "/, more than " +
+                  std::to_string(PMS_QAR_FOLDER_MEMBERS_MAX);
+            return false;
+        }
+    }
+    return true;
 }
 
 // Reads the INFO member straight from the archive into `tmp`/INFO: the payload is never
@@ -219,7 +258,7 @@ bool PMSQarListVetted(const std::string& file, std::vector<TarMember>& members, 
         ZLOGERR("Refused archive %s: %s", file.c_str(), why.c_str());
         return false;
     }
-    if (!PMSTarVetMembers(members, why)) {
+    if (!PMSTarVetMembers(members, why) || !FolderMemberCountsOk(members, why)) {
         ZLOGERR("Refused archive %s: %s", file.c_str(), why.c_str());
         return false;
     }
@@ -406,6 +445,9 @@ bool PMSCheckPackagePortConflict(const PackageInfo& info) {
 
 bool PackageManager::checkPkgInfoCanInstallEx(PackageInfo& info, const char* lang) {
     const int os = PMSComparePackageAndOSVersion(info);
+    if (os != 0) {
+        insertMapParam("hostVersion", HostOSVersionText());
+    }
     if (os == 1) {
         setResult(PKG_ERR_OS_TOO_NEW, OSVersionText(PMSGetOSMaxVer(info)));
         return false;
@@ -478,14 +520,14 @@ bool CheckPackageFileInfoImpl(const char* lang, const char* file, std::string& d
     // 3. A volume that can take it.
     if (!pm.CheckVolume(file, info)) {
         switch (VLIBCErrGet()) {
-            case 0x8300:
+            case ZARN_ERR_NO_VOLUME:
                 code = PKG_ERR_NO_WORKING_VOLUME;
                 break;
-            case 0xd900:
+            case ZARN_ERR_NO_GENERIC_VOLUME:
                 code = PKG_ERR_NO_WORKING_VOLUME;
                 detail["required_volume_type"] = "generic";
                 break;
-            case 0x2900:
+            case ZARN_ERR_NO_SPACE:
                 code = PKG_ERR_NO_SPACE;
                 break;
             default:
@@ -527,17 +569,19 @@ bool CheckPackageFileInfoImpl(const char* lang, const char* file, std::string& d
     const int os = PMSComparePackageAndOSVersion(info);
     if (os == 1) {
         code = PKG_ERR_OS_TOO_NEW;
-        detail = OSBoundDetail(PMSGetOSMaxVer(info), PMSGetOSMaxVerNano(info), 99999);
+        detail = OSBoundDetail(PMSGetOSMaxVer(info), PMSGetOSMaxVerNano(info));
         return false;
     }
     if (os == -1) {
         code = PKG_ERR_OS_TOO_OLD;
-        detail = OSBoundDetail(PMSGetOSMinVer(info), PMSGetOSMinVerNano(info), 0);
+        detail = OSBoundDetail(PMSGetOSMinVer(info), PMSGetOSMinVerNano(info));
         return false;
     }
     // 8. Architecture and model.
     if (!PMSCheckPackageArchModelMatched(info)) {
         code = PKG_ERR_PLATFORM;
+        detail["pkgArch"] = CommandText(info.arch);
+        detail["hostArch"] = PMSGetSystemArchString();
         return false;
     }
     // 9. The admin port.
@@ -585,6 +629,7 @@ bool CheckPackageFileInfoImpl(const char* lang, const char* file, std::string& d
     if (PMSCheckPackage(info.name) &&
         !(info.script_mask & (PKG_SCRIPT_PREUPGRADE | PKG_SCRIPT_POSTUPGRADE))) {
         code = PKG_ERR_UPGRADE;
+        detail["missingScript"] = "scripts/preupgrade or scripts/postupgrade";
         return false;
     }
     // 14. The signature.

@@ -20,6 +20,7 @@ namespace ZARNPackageTool {
 constexpr unsigned long long PMS_QAR_INFO_MAX = 4ULL * 1024 * 1024;   // the INFO member
 constexpr unsigned long long PMS_QAR_META_MAX = 64ULL * 1024 * 1024;  // conf/, scripts/, wizards
 constexpr unsigned long long PMS_QAR_LICENSE_MAX = 0x100000;          // licence text read
+constexpr size_t PMS_QAR_FOLDER_MEMBERS_MAX = 4096;  // members of conf/ and of the wizard folder
 
 // A path as a program run from here must be given it: physical, and absolute even when the
 // caller named a file relative to the working folder (tools change folders with -C).
@@ -29,7 +30,8 @@ ZARNPKG_API std::string PMSProgramPath(const std::string& path);
 ZARNPKG_API const std::vector<std::string>& PMSPackageScriptNames();
 
 // Lists and vets the members of an untrusted QAR before anything is extracted (see
-// PMSTarVetMembers). False with the reason logged and in `why`.
+// PMSTarVetMembers); more than PMS_QAR_FOLDER_MEMBERS_MAX members under conf/ or the wizard
+// folder are refused too. False with the reason logged and in `why`.
 ZARNPKG_API bool PMSQarListVetted(const std::string& file, std::vector<TarMember>& members,
                                   std::string& why);
 

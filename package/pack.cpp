@@ -1,5 +1,6 @@
 #include "package/pack.h"
 
+#include <sys/stat.h>
 #include <algorithm>
 #include <cstdlib>
 #include <map>
@@ -8,6 +9,7 @@
 #include "core/packageinfo.h"
 #include "core/paths.h"
 #include "package/archive.h"
+#include "package/lint.h"
 #include "platform/files.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"
@@ -117,13 +119,65 @@ bool Md5Of(const std::string& file, std::string& md5, std::string& error) {
     return !md5.empty();
 }
 
-bool PackPackage(const std::string& dir, const std::string& output, std::string& error) {
+// True when `path` would be written inside the folder `dir`, however the two are spelled. "." and
+// ".." are taken out by their text; every folder above the result is then compared with `dir`
+// by identity, so links to the folder count too.
+bool LiesInside(const std::string& path, const std::string& dir) {
+    struct stat d;
+    if (!ZARNStat(dir, d)) {
+        return false;
+    }
+    const bool absolute = !path.empty() && path[0] == '/';
+    std::vector<std::string> parts;
+    for (const auto& p : ZARNSplitText(path, '/')) {
+        if (p.empty() || p == "." || (p == ".." && absolute && parts.empty())) {
+            continue;
+        }
+        if (p == ".." && !parts.empty() && parts.back() != "..") {
+            parts.pop_back();
+        } else {
+            parts.push_back(p);
+        }
+    }
+    for (size_t n = parts.size(); n > 0; --n) {
+        std::string folder = absolute ? "" : ".";
+        for (size_t i = 0; i + 1 < n; ++i) {
+            folder += "/" + parts[i];
+        }
+        struct stat st;
+        if (ZARNStat(folder.empty() ? "/" : folder, st) && st.st_dev == d.st_dev &&
+            st.st_ino == d.st_ino) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string Joined(const std::vector<std::string>& items, const char* sep) {
+    std::string text;
+    for (const auto& item : items) {
+        text += (text.empty() ? "" : sep) + item;
+    }
+    return text;
+}
+
+bool PackPackage(const std::string& dir, const std::string& output, std::string& error,
+                 std::vector<std::string>& warnings) {
     if (dir.empty() || output.empty()) {
         error = "a source folder and an output file are needed";
         return false;
     }
     if (!ZARNIsDir(dir)) {
         error = dir + " is no folder";
+        return false;
+    }
+    if (ZARNIsDir(output)) {
+        error = output + " is a folder: name the file to write, such as " + output + "/package.qar";
+        return false;
+    }
+    if (LiesInside(output, dir)) {
+        error = output + " lies inside the source folder " + dir +
+                ", so the next pack would take it in: write it elsewhere";
         return false;
     }
     std::string infoText;
@@ -190,6 +244,13 @@ bool PackPackage(const std::string& dir, const std::string& output, std::string&
         error = "the payload can't be packed safely: " + why;
         return false;
     }
+    PMSLintReport report;
+    PMSLintSourceFolder(dir, tmp + "/package.tgz", report);
+    if (!report.errors.empty()) {
+        error = Joined(report.errors, "; ");
+        return false;
+    }
+    warnings = report.warnings;
     std::string md5;
     if (!Md5Of(tmp + "/package.tgz", md5, error)) {
         return false;
@@ -236,10 +297,18 @@ bool PackPackage(const std::string& dir, const std::string& output, std::string&
 
 }  // namespace
 
-bool PMSPackPackage(const std::string& dir, const std::string& output, std::string& error) {
-    if (!PackPackage(dir, output, error)) {
+bool PMSPackPackage(const std::string& dir, const std::string& output, std::string& error,
+                    std::vector<std::string>* warnings) {
+    std::vector<std::string> found;
+    if (!PackPackage(dir, output, error, found)) {
         ZLOGERR("Failed to pack %s into %s: %s", dir.c_str(), output.c_str(), error.c_str());
         return false;
+    }
+    for (const auto& w : found) {
+        ZLOGWARN("%s: %s", dir.c_str(), w.c_str());
+    }
+    if (warnings != nullptr) {
+        *warnings = found;
     }
     return true;
 }

@@ -22,7 +22,7 @@ constexpr unsigned long long kBlock = 512;
 // Extended headers and long names are small; anything bigger is an attack on our memory.
 constexpr unsigned long long kMaxExtendedHeader = 1024 * 1024;
 // An archive of a package has a few hundred members; this stops header floods.
-constexpr size_t kMaxMembers = 200000;
+size_t g_maxMembers = PMS_TAR_MAX_MEMBERS;
 // No member of a real archive comes near this; it keeps offset sums far from overflow.
 constexpr unsigned long long kMaxMemberSize = 1ULL << 62;
 
@@ -345,7 +345,7 @@ TarScanStatus ScanImpl(ReadFn readAt, unsigned long long fileSize, std::vector<T
         m.size = size;
         m.dataOffset = dataOffset;
         members.push_back(m);
-        if (members.size() > kMaxMembers) {
+        if (members.size() > g_maxMembers) {
             why = "too many members";
             return TarScanStatus::BadHeader;
         }
@@ -423,6 +423,12 @@ TarScanStatus PMSTarScanStream(
         return true;
     };
     return ScanImpl(readAt, ~0ULL, members, why, onMember);
+}
+
+size_t PMSTarSetMaxMembers(size_t cap) {
+    const size_t previous = g_maxMembers;
+    g_maxMembers = cap;
+    return previous;
 }
 
 bool PMSTarVetMembers(const std::vector<TarMember>& members, std::string& why) {

@@ -28,6 +28,12 @@ enum class TarScanStatus {
     Refused,    // the caller's member test stopped the walk
 };
 
+// The most members a walk accepts before it calls the archive damaged.
+constexpr size_t PMS_TAR_MAX_MEMBERS = 200000;
+// Changes that cap for the whole process and returns the one before: a test of the cap needs no
+// archive of 200,000 headers.
+ZARNPKG_API size_t PMSTarSetMaxMembers(size_t cap);
+
 // Walks the headers of an uncompressed tar archive (logical path), seeking over member data, so
 // the time does not depend on the size of the members. `why` says what is wrong when the status
 // isn't Ok.

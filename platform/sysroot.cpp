@@ -90,3 +90,31 @@ std::string ZARNLogicalPath(const std::string& physical) {
     }
     return physical.substr(root.size());
 }
+
+std::string ZARNCommandLinePath(const std::string& path) {
+    const std::string& root = ZARNPackageCore::GetSystemRoot();
+    if (root == "/" || path.empty() || path[0] != '/') {
+        return path;  // relative paths mean the same to the library and to the tools it runs
+    }
+    const std::string logical = ZARNLogicalPath(path);
+    if (logical != path || path == root) {
+        return logical;
+    }
+    // A file outside the root: said relative to the working folder, which no mapping changes.
+    char cwd[4096];
+    if (getcwd(cwd, sizeof(cwd)) == nullptr) {
+        return path;
+    }
+    std::string up;
+    for (const char* p = cwd; *p != '\0'; ++p) {
+        if (*p == '/' && p[1] != '\0') {
+            up += "../";
+        }
+    }
+    if (std::string(cwd) == "/") {
+        up.clear();
+    } else if (up.empty()) {
+        up = "../";
+    }
+    return (up.empty() ? "./" : up) + path.substr(1);
+}

@@ -17,3 +17,8 @@ ZARNPKG_API const std::string& GetSystemRoot();
 // outside the root is returned unchanged by ZARNLogicalPath.
 ZARNPKG_API std::string ZARNPhysicalPath(const std::string& logical);
 ZARNPKG_API std::string ZARNLogicalPath(const std::string& physical);
+
+// A path that a person named on a command line (physical, or relative to the working folder) as
+// the library must see it: logical when it lies inside the root, relative to the working folder
+// when it lies outside, so that no mapping changes it.
+ZARNPKG_API std::string ZARNCommandLinePath(const std::string& path);

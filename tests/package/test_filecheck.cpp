@@ -7,6 +7,7 @@
 
 #include "core/packagemanager.h"
 #include "core/paths.h"
+#include "core/version.h"
 #include "package/archive.h"
 #include "platform/files.h"
 #include "platform/keyfile.h"
@@ -198,6 +199,7 @@ TEST_F(FileCheckTest, StepSevenOSRange) {
     ASSERT_EQ(2u, r.message.size());
     EXPECT_EQ("pkgmgr:pkgmgr_pkg_required_newer_version", r.message[0].asString());
     EXPECT_EQ(0u, r.message[1].asString().find("99.0-"));
+    EXPECT_EQ(0u, r.detail["hostVersion"].asString().find("6.2-25556")) << r.detail;
     r = check(build("oldos", "1.0", {{"os_max_ver", "1.0-00001"}}));
     EXPECT_EQ(PKG_ERR_OS_TOO_NEW, r.code);
     ASSERT_EQ(2u, r.message.size());
@@ -216,6 +218,10 @@ TEST_F(FileCheckTest, StepSevenOSRange) {
     EXPECT_EQ(PKG_ERR_OS_TOO_NEW, r.code);
     EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_required_older_version", "1.0-0001 (update 5)"}),
               r.message);
+    ASSERT_TRUE(VLIBCFileSetKeyValue("/etc.defaults/VERSION", "smallfixnumber", "3"));
+    EXPECT_EQ("6.2-25556 (update 3)", check(build("oldos", "1.0", {{"os_max_ver", "1.0-00001"}}))
+                                          .detail["hostVersion"]
+                                          .asString());
 }
 
 TEST_F(FileCheckTest, StepEightPlatform) {
@@ -225,6 +231,8 @@ TEST_F(FileCheckTest, StepEightPlatform) {
     std::string product;
     ASSERT_EQ(1, VLIBCFileGetKeyValue("/etc.defaults/zarninfo.conf", "product", product));
     EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_not_support_platform", product}), r.message);
+    EXPECT_EQ("nosucharch", r.detail["pkgArch"].asString());
+    EXPECT_EQ(PMSGetSystemArchString(), r.detail["hostArch"].asString());
     // Without the product name the array stays empty, and the reason is logged.
     removeKey("/etc.defaults/zarninfo.conf", "product");
     EXPECT_TRUE(PMSFileCheckMessage(PKG_ERR_PLATFORM, Json::Value(), "").empty());
@@ -316,6 +324,7 @@ TEST_F(FileCheckTest, StepThirteenUpgradeScripts) {
     EXPECT_FALSE(r.ok);
     EXPECT_EQ(PKG_ERR_UPGRADE, r.code);
     EXPECT_EQ(Array({"pkgmgr:pkgmgr_pkg_cannot_upgrade"}), r.message);
+    EXPECT_EQ("scripts/preupgrade or scripts/postupgrade", r.detail["missingScript"].asString());
     // With a postupgrade script it may go on; a fresh install needs none.
     EXPECT_TRUE(check(build("noup", "1.2", {}, {{"scripts/postupgrade", "#!/bin/sh\n"}})).ok);
     EXPECT_TRUE(check(build("fresh", "1.0", {}, {})).ok);
@@ -346,6 +355,7 @@ TEST_F(FileCheckTest, InstallChecksOfTheRecord) {
                                         PKG_INSTALLATION_NONE, "enu"));
     EXPECT_FALSE(pm.checkPkgInfoCanInstallEx(info, "enu"));
     EXPECT_EQ(PKG_ERR_OS_TOO_OLD, pm.getResult());
+    EXPECT_EQ(0u, pm.getMapParam("hostVersion").find("6.2-25556"));
     Json::Value data;
     EXPECT_FALSE(pm.checkPkgInfoCanInstall(info, "enu"));
     EXPECT_EQ(PKG_ERR_OS_RANGE, pm.getResult(data));
