@@ -26,6 +26,8 @@ constexpr int kExitUsage = 2;
 // Prints text for a person, with a newline added where it lacks one. Control characters are
 // shown as escapes, so that text from packages can't steer the terminal.
 void PrintText(std::ostream& stream, const std::string& text);
+// Tells each warning on standard error, escaped, and returns them as a JSON array.
+Json::Value PrintWarnings(const std::vector<std::string>& warnings);
 // Prints a success: the JSON object (with "success": true added) or the plain text.
 int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& text);
 // Prints a failure with its code, message array, the sentence `what` (what failed, in words)

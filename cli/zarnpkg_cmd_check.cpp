@@ -93,17 +93,13 @@ Json::Value CheckParams(const Json::Value& detail) {
 
 // The author's check beside the file check: what it finds is told, and changes no answer.
 Json::Value LintWarnings(const std::string& file) {
-    Json::Value warnings(Json::arrayValue);
     PMSLintReport report;
-    if (PMSLintPackageFile(file, report)) {
-        for (const auto* list : {&report.errors, &report.warnings}) {
-            for (const auto& w : *list) {
-                std::cerr << "warning: " << w << std::endl;
-                warnings.append(w);
-            }
-        }
+    if (!PMSLintPackageFile(file, report)) {
+        return Json::Value(Json::arrayValue);
     }
-    return warnings;
+    std::vector<std::string> all = report.errors;
+    all.insert(all.end(), report.warnings.begin(), report.warnings.end());
+    return PrintWarnings(all);
 }
 
 }  // namespace
@@ -116,7 +112,7 @@ int CmdCheck(CliContext& ctx) {
     if (!ZARNPathExists(file)) {
         return PrintFailureMessage(ctx, PKG_ERR_BROKEN,
                                    PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), ""),
-                                   ctx.args[0] + ": no such file");
+                                   "no such file: " + ctx.args[0]);
     }
     const std::string& root = ZARNPackageCore::GetSystemRoot();
     if (root != "/" && !ZARNPathExists("/etc.defaults/zarninfo.conf")) {

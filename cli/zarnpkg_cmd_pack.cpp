@@ -38,10 +38,6 @@ int CmdPack(CliContext& ctx) {
     }
     Json::Value out(Json::objectValue);
     out["file"] = output;
-    out["warnings"] = Json::Value(Json::arrayValue);
-    for (const auto& w : warnings) {
-        std::cerr << "warning: " << w << std::endl;
-        out["warnings"].append(w);
-    }
+    out["warnings"] = PrintWarnings(warnings);
     return PrintSuccess(ctx, out, "wrote " + output);
 }

@@ -111,6 +111,15 @@ void PrintText(std::ostream& stream, const std::string& text) {
     stream.flush();
 }
 
+Json::Value PrintWarnings(const std::vector<std::string>& warnings) {
+    Json::Value out(Json::arrayValue);
+    for (const auto& w : warnings) {
+        PrintText(std::cerr, "warning: " + w);
+        out.append(w);
+    }
+    return out;
+}
+
 int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& text) {
     if (ctx.json) {
         Json::Value out(Json::objectValue);
