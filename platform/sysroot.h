@@ -8,12 +8,12 @@ namespace ZARNPackageCore {
 
 // The system root that every logical path of the library lives under; "/" by default, or the
 // value of ZARNPKG_ROOT. Set it before any other call.
-ZARNPKG_API void SetSystemRoot(const std::string& path);
-ZARNPKG_API const std::string& GetSystemRoot();
+ZARNHOST_API void SetSystemRoot(const std::string& path);
+ZARNHOST_API const std::string& GetSystemRoot();
 
 }  // namespace ZARNPackageCore
 
 // Logical path (as the system names it) to the path on this machine, and back. A physical path
 // outside the root is returned unchanged by ZARNLogicalPath.
-ZARNPKG_API std::string ZARNPhysicalPath(const std::string& logical);
-ZARNPKG_API std::string ZARNLogicalPath(const std::string& physical);
+ZARNHOST_API std::string ZARNPhysicalPath(const std::string& logical);
+ZARNHOST_API std::string ZARNLogicalPath(const std::string& physical);
