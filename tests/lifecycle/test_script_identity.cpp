@@ -36,11 +36,8 @@ protected:
     }
 
     void addPackage(const std::string& name, const std::string& privilege) {
+        TempRootTest::addPackage(name);
         const std::string dir = "/var/packages/" + name;
-        writeFile(dir + "/INFO", "package=\"" + name +
-                                     "\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
-        writeFile("/volume1/@appstore/" + name + "/.keep", "");
-        ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/" + name, dir + "/target"));
         writeFile(dir + "/conf/privilege", privilege);
         writeFile(dir + "/scripts/postinst",
                   "#!/bin/sh\necho \"uid=$(id -u)\"\necho \"gid=$(id -g)\"\n"
