@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "core/errcode.h"
+#include "core/export.h"
 #include "core/packageinfo.h"
-#include "platform/export.h"
 
 namespace ZARNPackageTool {
 

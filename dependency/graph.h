@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/export.h"
+#include "core/export.h"
 
 namespace ZARNPackageTool {
 

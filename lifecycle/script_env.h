@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "core/export.h"
 #include "core/packageinfo.h"
-#include "platform/export.h"
 
 namespace ZARNUtils {
 class ProcessRunner;

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/export.h"
+#include "core/export.h"
 
 namespace ZARNPackageTool {
 

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "core/errcode.h"
+#include "core/export.h"
 #include "core/packageinfo.h"
 #include "package/tar_reader.h"
-#include "platform/export.h"
 
 // Reading and judging QAR files. The member functions of PackageManager that belong here
 // (queryPackageFileInfo, verifyPackageTgzFile, compareWithInstallPkgInfo,

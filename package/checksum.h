@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/export.h"
+#include "core/export.h"
 
 namespace ZARNPackageTool {
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/export.h"
+#include "core/export.h"
 
 // The package author's check: what the loader lets through but makes a package that can't be
 // installed (errors), or one that installs and then misbehaves (warnings).

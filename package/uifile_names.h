@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "core/export.h"
 #include "core/packageinfo.h"
-#include "platform/export.h"
 
 namespace ZARNPackageTool {
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "platform/export.h"
+#include "core/export.h"
 
 // The web engine's answers that the package checks need, for the standalone host.
 

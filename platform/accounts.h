@@ -41,29 +41,29 @@ struct ZARNUserRecord {
 };
 
 // The uid and primary gid of a user; either pointer may be null.
-ZARNPKG_API int ZARNUserGetUGID(const std::string& name, uid_t* uid, gid_t* gid);
-ZARNPKG_API int ZARNUserGet(const std::string& name, ZARNUserRecord& record);
-ZARNPKG_API int ZARNGroupGetGID(const std::string& name, gid_t* gid);
+ZARNHOST_API int ZARNUserGetUGID(const std::string& name, uid_t* uid, gid_t* gid);
+ZARNHOST_API int ZARNUserGet(const std::string& name, ZARNUserRecord& record);
+ZARNHOST_API int ZARNGroupGetGID(const std::string& name, gid_t* gid);
 
 // Non-zero for names and ids the system keeps for itself: ids below 1000 and the names of the
 // system's own accounts. An id of -1 (not known yet) is judged by the name alone.
-ZARNPKG_API int ZARNUserIsReserved(const std::string& name, uid_t uid);
-ZARNPKG_API int ZARNGroupIsReserved(const std::string& name, gid_t gid);
+ZARNHOST_API int ZARNUserIsReserved(const std::string& name, uid_t uid);
+ZARNHOST_API int ZARNGroupIsReserved(const std::string& name, gid_t gid);
 
 // Makes the package's account and its primary group when they are missing, or adjusts an
 // existing one: primary group, home directory as given, no login shell.
-ZARNPKG_API int ZARNLocalAccountUserPrepareForPkg(const std::string& user, const std::string& group,
+ZARNHOST_API int ZARNLocalAccountUserPrepareForPkg(const std::string& user, const std::string& group,
                                                   const std::string& home);
 
-ZARNPKG_API int ZARNGroupGet(const std::string& name, ZARNGroupRecord** record);
-ZARNPKG_API void ZARNGroupFree(ZARNGroupRecord* record);
+ZARNHOST_API int ZARNGroupGet(const std::string& name, ZARNGroupRecord** record);
+ZARNHOST_API void ZARNGroupFree(ZARNGroupRecord* record);
 // Writes the member list of the record to the group `name`.
-ZARNPKG_API int ZARNLocalAccountGroupSet(const std::string& name, const ZARNGroupRecord* record);
+ZARNHOST_API int ZARNLocalAccountGroupSet(const std::string& name, const ZARNGroupRecord* record);
 
 // The members listed for a group in /etc/group (not the users that have it as primary group).
-ZARNPKG_API int ZARNGroupListMember(const std::string& name, std::vector<std::string>& members);
+ZARNHOST_API int ZARNGroupListMember(const std::string& name, std::vector<std::string>& members);
 // The gids of all groups that list the user as a member.
-ZARNPKG_API int ZARNUserListGroupIds(const std::string& name, std::vector<gid_t>& gids);
+ZARNHOST_API int ZARNUserListGroupIds(const std::string& name, std::vector<gid_t>& gids);
 
 // The numbers a child process takes on to run as a package's user: `primaryOwnGroup` true gives
 // the user's own primary group, false the group "system" (gid 1) as primary with the user's
@@ -75,5 +75,5 @@ struct ZARNRuntimeIdentity {
     gid_t gid = 0;
     std::vector<gid_t> groups;
 };
-ZARNPKG_API int ZARNRuntimeIdentityGet(const std::string& user, bool primaryOwnGroup,
+ZARNHOST_API int ZARNRuntimeIdentityGet(const std::string& user, bool primaryOwnGroup,
                                        ZARNRuntimeIdentity& identity);

@@ -16,23 +16,23 @@ constexpr const char* ZARN_EVENTS_LOG = "/var/log/zarnhost/events.log";
 
 // Grants one application to one user or group: 0, or -1 (last error set). A grant that exists
 // is success without a second entry.
-ZARNPKG_API int VLIBAppPrivUserAddOne(const std::string& user, const std::string& app);
-ZARNPKG_API int VLIBAppPrivGroupAddOne(const std::string& group, const std::string& app);
+ZARNHOST_API int VLIBAppPrivUserAddOne(const std::string& user, const std::string& app);
+ZARNHOST_API int VLIBAppPrivGroupAddOne(const std::string& group, const std::string& app);
 
 // 1 when the user belongs to the group "administrators" (listed, or as primary group), 0 when
 // not, -1 when the accounts can't be read. `flags` is unused on this host.
-ZARNPKG_API int VLIBGroupIsAdminGroupMem(const std::string& user, int flags);
+ZARNHOST_API int VLIBGroupIsAdminGroupMem(const std::string& user, int flags);
 
 // Directory services: the standalone host is bound to none.
-ZARNPKG_API int ZARNLDAPIsBinded();
-ZARNPKG_API int ZARNLDAPLoginSuffixGet(std::string& suffix);
-ZARNPKG_API int ZARNWinsIsJoined();
-ZARNPKG_API int ZARNGroupDomainAdminListGet(std::vector<std::string>& groups);
+ZARNHOST_API int ZARNLDAPIsBinded();
+ZARNHOST_API int ZARNLDAPLoginSuffixGet(std::string& suffix);
+ZARNHOST_API int ZARNWinsIsJoined();
+ZARNHOST_API int ZARNGroupDomainAdminListGet(std::vector<std::string>& groups);
 
 // The desktop's application configuration: the members of every JSON object in
 // /usr/zarn/zarnman/webman/3rdparty/<folder>/config, merged in folder order (a later group of
 // the same name adds its applications). `lang` names the language of the texts.
-ZARNPKG_API bool ZARNAppConfigLoad(const char* lang, Json::Value& out);
+ZARNHOST_API bool ZARNAppConfigLoad(const char* lang, Json::Value& out);
 
 // Appends one line, stamped, to the events log.
-ZARNPKG_API bool ZARNEventLog(const std::string& text);
+ZARNHOST_API bool ZARNEventLog(const std::string& text);

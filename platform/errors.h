@@ -15,9 +15,9 @@ enum ZARNErrorCode : int {
     ZARN_ERR_NO_SPACE = 0x2900,
 };
 
-ZARNPKG_API void VLIBCErrSetEx(int code, const char* file, int line);
-ZARNPKG_API int VLIBCErrGet();
-ZARNPKG_API const char* VLIBCErrorGetFile();
-ZARNPKG_API int VLIBCErrorGetLine();
+ZARNHOST_API void VLIBCErrSetEx(int code, const char* file, int line);
+ZARNHOST_API int VLIBCErrGet();
+ZARNHOST_API const char* VLIBCErrorGetFile();
+ZARNHOST_API int VLIBCErrorGetLine();
 
 #define VLIBCErrSet(code) VLIBCErrSetEx((code), __FILE__, __LINE__)

@@ -1,4 +1,4 @@
 #pragma once
 
-// Symbols of the library are hidden unless marked as part of its interface.
-#define ZARNPKG_API __attribute__((visibility("default")))
+// Symbols of the host library are hidden unless marked as one of its interfaces.
+#define ZARNHOST_API __attribute__((visibility("default")))

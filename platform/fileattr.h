@@ -10,12 +10,12 @@
 // Work on an open descriptor, so that what was checked is what gets changed, and the real
 // location of a logical path. Failures set errno and the last-error slot and do not log.
 
-ZARNPKG_API bool ZARNFStat(int fd, struct stat& st);
-ZARNPKG_API bool ZARNFChown(int fd, uid_t uid, gid_t gid);
-ZARNPKG_API bool ZARNFChmod(int fd, mode_t mode);
+ZARNHOST_API bool ZARNFStat(int fd, struct stat& st);
+ZARNHOST_API bool ZARNFChown(int fd, uid_t uid, gid_t gid);
+ZARNHOST_API bool ZARNFChmod(int fd, mode_t mode);
 // Closes a descriptor, keeping errno as it was.
-ZARNPKG_API void ZARNClose(int fd);
+ZARNHOST_API void ZARNClose(int fd);
 
 // The logical path of a logical path with every symbolic link and "." or ".." resolved, as the
 // machine sees it. A result outside the system root comes back as the machine's own path.
-ZARNPKG_API bool ZARNRealPath(const std::string& path, std::string& real);
+ZARNHOST_API bool ZARNRealPath(const std::string& path, std::string& real);

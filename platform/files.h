@@ -11,31 +11,31 @@
 // File helpers on logical paths. Every descriptor they open is close-on-exec. Failures set the
 // last-error slot and errno; they do not log, the caller decides what a failure means.
 
-ZARNPKG_API bool IsFileExists(const std::string& path);    // any kind, links followed
-ZARNPKG_API bool ZARNPathExists(const std::string& path);  // any kind, links not followed
-ZARNPKG_API bool ZARNIsDir(const std::string& path);       // links followed
-ZARNPKG_API bool ZARNIsRegularFile(const std::string& path);
-ZARNPKG_API bool ZARNIsSymlink(const std::string& path);
-ZARNPKG_API bool ZARNStat(const std::string& path, struct stat& st);
-ZARNPKG_API bool ZARNLstat(const std::string& path, struct stat& st);
+ZARNHOST_API bool IsFileExists(const std::string& path);    // any kind, links followed
+ZARNHOST_API bool ZARNPathExists(const std::string& path);  // any kind, links not followed
+ZARNHOST_API bool ZARNIsDir(const std::string& path);       // links followed
+ZARNHOST_API bool ZARNIsRegularFile(const std::string& path);
+ZARNHOST_API bool ZARNIsSymlink(const std::string& path);
+ZARNHOST_API bool ZARNStat(const std::string& path, struct stat& st);
+ZARNHOST_API bool ZARNLstat(const std::string& path, struct stat& st);
 
 // Makes a directory with its parents (mkdir -p). uid/gid of -1 leave the owner; the mode
 // applies to the directories made. Returns 0 or a negative number on failure.
-ZARNPKG_API int ZARNFSMkdirP(const std::string& path, int unused1, int unused2, uid_t uid,
+ZARNHOST_API int ZARNFSMkdirP(const std::string& path, int unused1, int unused2, uid_t uid,
                              gid_t gid, mode_t mode);
 
 // Reads a whole file; limit > 0 reads at most that many bytes.
-ZARNPKG_API bool ZARNFileRead(const std::string& path, std::string& out, size_t limit = 0);
+ZARNHOST_API bool ZARNFileRead(const std::string& path, std::string& out, size_t limit = 0);
 // Writes a whole file in place (truncate).
-ZARNPKG_API bool ZARNFileWrite(const std::string& path, const std::string& data,
+ZARNHOST_API bool ZARNFileWrite(const std::string& path, const std::string& data,
                                mode_t mode = 0644);
 // Writes under a unique name beside the target, syncs, renames, syncs the directory.
-ZARNPKG_API bool ZARNFileWriteDurable(const std::string& path, const std::string& data,
+ZARNHOST_API bool ZARNFileWriteDurable(const std::string& path, const std::string& data,
                                       mode_t mode = 0644);
-ZARNPKG_API bool ZARNFileAppend(const std::string& path, const std::string& data,
+ZARNHOST_API bool ZARNFileAppend(const std::string& path, const std::string& data,
                                 mode_t mode = 0644);
 // Creates an empty file if it doesn't exist.
-ZARNPKG_API bool ZARNFileTouch(const std::string& path, mode_t mode = 0644);
+ZARNHOST_API bool ZARNFileTouch(const std::string& path, mode_t mode = 0644);
 
 enum class ZARNFileType { Unknown, Regular, Directory, Symlink, Other };
 struct ZARNDirEntry {
@@ -43,28 +43,28 @@ struct ZARNDirEntry {
     ZARNFileType type;  // as the directory listing reports it (d_type), links not followed
 };
 // Lists a directory without "." and "..", in directory order.
-ZARNPKG_API bool ZARNListDir(const std::string& path, std::vector<ZARNDirEntry>& out);
+ZARNHOST_API bool ZARNListDir(const std::string& path, std::vector<ZARNDirEntry>& out);
 
 // The full logical paths of the regular files directly in a directory, sorted.
-ZARNPKG_API bool GetRegularFilePathsInDirectory(const std::string& dir,
+ZARNHOST_API bool GetRegularFilePathsInDirectory(const std::string& dir,
                                                 std::vector<std::string>& out);
 
 // Reads a symbolic link; an absolute target inside the root comes back logical.
-ZARNPKG_API bool ZARNReadLink(const std::string& path, std::string& target);
+ZARNHOST_API bool ZARNReadLink(const std::string& path, std::string& target);
 // Makes a symbolic link; an absolute logical target is stored as its physical path.
-ZARNPKG_API bool ZARNSymlink(const std::string& target, const std::string& linkPath);
+ZARNHOST_API bool ZARNSymlink(const std::string& target, const std::string& linkPath);
 
-ZARNPKG_API bool ZARNChmod(const std::string& path, mode_t mode);
-ZARNPKG_API bool ZARNChown(const std::string& path, uid_t uid, gid_t gid, bool followLinks = true);
-ZARNPKG_API bool ZARNUnlink(const std::string& path);
-ZARNPKG_API bool ZARNRmdir(const std::string& path);
-ZARNPKG_API bool ZARNRename(const std::string& from, const std::string& to);
+ZARNHOST_API bool ZARNChmod(const std::string& path, mode_t mode);
+ZARNHOST_API bool ZARNChown(const std::string& path, uid_t uid, gid_t gid, bool followLinks = true);
+ZARNHOST_API bool ZARNUnlink(const std::string& path);
+ZARNHOST_API bool ZARNRmdir(const std::string& path);
+ZARNHOST_API bool ZARNRename(const std::string& from, const std::string& to);
 // Removes a file, link or whole tree; a missing path is success.
-ZARNPKG_API bool ZARNRemoveTree(const std::string& path);
+ZARNHOST_API bool ZARNRemoveTree(const std::string& path);
 // Opens with O_CLOEXEC added; returns the descriptor or -1.
-ZARNPKG_API int ZARNOpen(const std::string& path, int flags, mode_t mode = 0644);
-ZARNPKG_API bool ZARNUtimeNow(const std::string& path);
+ZARNHOST_API int ZARNOpen(const std::string& path, int flags, mode_t mode = 0644);
+ZARNHOST_API bool ZARNUtimeNow(const std::string& path);
 
 // fsync on each file / directory; false if any fails.
-ZARNPKG_API bool FsyncFiles(const std::vector<std::string>& paths);
-ZARNPKG_API bool FsyncDirectories(const std::vector<std::string>& paths);
+ZARNHOST_API bool FsyncFiles(const std::vector<std::string>& paths);
+ZARNHOST_API bool FsyncDirectories(const std::vector<std::string>& paths);

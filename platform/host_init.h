@@ -9,4 +9,4 @@
 // library expects. Existing files and settings are kept; only what is missing is added, so running
 // it again changes nothing. Refuses the root "/", which belongs to the machine. On failure `error`
 // says what could not be made.
-ZARNPKG_API bool ZARNHostInit(std::string& error);
+ZARNHOST_API bool ZARNHostInit(std::string& error);

@@ -10,12 +10,12 @@
 namespace Json {
 
 // Parses text into `value`; false (value null) when the text is no JSON.
-ZARNPKG_API bool fromString(Value& value, const std::string& text, std::string* error = nullptr);
+ZARNHOST_API bool fromString(Value& value, const std::string& text, std::string* error = nullptr);
 // Reads a JSON file by logical path.
-ZARNPKG_API bool fromFile(Value& value, const std::string& path);
+ZARNHOST_API bool fromFile(Value& value, const std::string& path);
 // Writes a value to a file by logical path, durably (temporary file and rename).
-ZARNPKG_API bool toFile(const Value& value, const std::string& path);
+ZARNHOST_API bool toFile(const Value& value, const std::string& path);
 // Compact text of a value, without the trailing newline.
-ZARNPKG_API std::string toCompactString(const Value& value);
+ZARNHOST_API std::string toCompactString(const Value& value);
 
 }  // namespace Json

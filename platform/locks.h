@@ -9,8 +9,8 @@
 constexpr unsigned int PackageLockId = 0x10000006;
 
 // The logical lock file of a numbered lock.
-ZARNPKG_API std::string ZARNLockPath(unsigned int id);
+ZARNHOST_API std::string ZARNLockPath(unsigned int id);
 // Takes the lock, waiting up to `seconds` (0: one try). 0 when held; else -1 with errno set
 // (EAGAIN for a plain timeout) and the last error set.
-ZARNPKG_API int VLIBCFileLock(unsigned int id, int seconds);
-ZARNPKG_API int VLIBCFileUnlock(unsigned int id);
+ZARNHOST_API int VLIBCFileLock(unsigned int id, int seconds);
+ZARNHOST_API int VLIBCFileUnlock(unsigned int id);

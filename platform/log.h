@@ -9,14 +9,14 @@
 // Writes a line at the given syslog priority; "%m" expands to the text of errno as with
 // syslog(3). Lines are mirrored to the file named by ZARNPKG_LOG_FILE and, when asked, to
 // standard error.
-ZARNPKG_API void ZARNSyslog(int priority, const char* format, ...)
+ZARNHOST_API void ZARNSyslog(int priority, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
 // The "[0x%04X %s:%d]" suffix that names the last library error.
-ZARNPKG_API std::string ZARNLastErrorSuffix();
+ZARNHOST_API std::string ZARNLastErrorSuffix();
 
 // Copies every log line to standard error (the command line's -v).
-ZARNPKG_API void ZARNLogSetVerbose(bool verbose);
+ZARNHOST_API void ZARNLogSetVerbose(bool verbose);
 
 // Logs an error line with the caller's file and line first: ZLOGERR("Failed to %s", what).
 #define ZLOGERR(fmt, ...) ZARNSyslog(LOG_ERR, "%s:%d " fmt, __FILE__, __LINE__, ##__VA_ARGS__)

@@ -14,7 +14,7 @@ namespace ZARNUtils {
 // Runs a program with an argument vector, never through a shell. argv[0] is a physical path
 // (ZARNPhysicalPath for appliance tools and package scripts; machine tools as they stand).
 // The child closes every descriptor but 0, 1, 2 and the one descriptor it is told to pass.
-class ZARNPKG_API ProcessRunner {
+class ZARNHOST_API ProcessRunner {
 public:
     explicit ProcessRunner(std::vector<std::string> argv);
     ~ProcessRunner();

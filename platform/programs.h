@@ -6,4 +6,4 @@
 
 // The machine's path of one of its own tools named as the appliance names it ("/sbin/lslocks"):
 // the path itself when it exists, else the same name in the usual program folders.
-ZARNPKG_API std::string ZARNMachineProgram(const std::string& path);
+ZARNHOST_API std::string ZARNMachineProgram(const std::string& path);

@@ -8,17 +8,17 @@ namespace ZARNPackageCore {
 
 // The system root that every logical path of the library lives under; "/" by default, or the
 // value of ZARNPKG_ROOT. Set it before any other call.
-ZARNPKG_API void SetSystemRoot(const std::string& path);
-ZARNPKG_API const std::string& GetSystemRoot();
+ZARNHOST_API void SetSystemRoot(const std::string& path);
+ZARNHOST_API const std::string& GetSystemRoot();
 
 }  // namespace ZARNPackageCore
 
 // Logical path (as the system names it) to the path on this machine, and back. A physical path
 // outside the root is returned unchanged by ZARNLogicalPath.
-ZARNPKG_API std::string ZARNPhysicalPath(const std::string& logical);
-ZARNPKG_API std::string ZARNLogicalPath(const std::string& physical);
+ZARNHOST_API std::string ZARNPhysicalPath(const std::string& logical);
+ZARNHOST_API std::string ZARNLogicalPath(const std::string& physical);
 
 // A path that a person named on a command line (physical, or relative to the working folder) as
 // the library must see it: logical when it lies inside the root, relative to the working folder
 // when it lies outside, so that no mapping changes it.
-ZARNPKG_API std::string ZARNCommandLinePath(const std::string& path);
+ZARNHOST_API std::string ZARNCommandLinePath(const std::string& path);

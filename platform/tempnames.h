@@ -8,6 +8,6 @@
 
 // Creates the file (mode 0600) and returns its open descriptor (close-on-exec) with the logical
 // path in `out`; -1 with errno on failure.
-ZARNPKG_API int ZARNMkstemp(const std::string& logicalTemplate, std::string& out);
+ZARNHOST_API int ZARNMkstemp(const std::string& logicalTemplate, std::string& out);
 // Creates the folder (mode 0700); false with errno on failure.
-ZARNPKG_API bool ZARNMkdtemp(const std::string& logicalTemplate, std::string& out);
+ZARNHOST_API bool ZARNMkdtemp(const std::string& logicalTemplate, std::string& out);

@@ -64,9 +64,9 @@ struct ZARNMountVolInfo {
 
 // Mount information of the volume that holds `path` (a volume path or a path inside one).
 // 0 on success; -1 with library error 0x0d00 (bad path) or 0x600 (no such volume).
-ZARNPKG_API int ZARNMountVolInfoGet(const char* path, ZARNMountVolInfo* info);
+ZARNHOST_API int ZARNMountVolInfoGet(const char* path, ZARNMountVolInfo* info);
 // Releases what ZARNMountVolInfoGet filled in (nothing is heap-held; the record is reset).
-ZARNPKG_API void ZARNMountVolInfoFree(ZARNMountVolInfo* info);
+ZARNHOST_API void ZARNMountVolInfoFree(ZARNMountVolInfo* info);
 
 // Picks the first volume (lowest N) that is writable, created, not crashed and has at least
 // `size` bytes free; mode 0 looks at generic volumes only, ZARN_VOL_ENUM_ALL at all volumes.
@@ -74,29 +74,29 @@ ZARNPKG_API void ZARNMountVolInfoFree(ZARNMountVolInfo* info);
 // why (ZARN_VOL_AVAIL_*), and `info` holds the first candidate, if any (a volume still being
 // created shows there with created false). Returns -1 when the volumes can't be read or all
 // candidates are read-only or crashed (library error set).
-ZARNPKG_API int VolumeAvailGet(unsigned long long size, ZARNMountVolInfo* info,
+ZARNHOST_API int VolumeAvailGet(unsigned long long size, ZARNMountVolInfo* info,
                                unsigned int* status, int mode);
 
 // Reduces a path to its volume ("/volume3/a/b" -> "/volume3"), by its text alone.
 // 0 on success, -1 with library error 0x0d00 when it isn't under /volumeN.
-ZARNPKG_API int VolumePathParse(const char* path, std::string& volume);
+ZARNHOST_API int VolumePathParse(const char* path, std::string& volume);
 // As VolumePathParse, after following links inside the root; the volume must exist
 // (else -1 with 0x600).
-ZARNPKG_API int VolumePathParseEx(const char* path, std::string& volume);
+ZARNHOST_API int VolumePathParseEx(const char* path, std::string& volume);
 
 // The temp folder of a volume, "<volume>/@tmp", written into `buf`. 0 or -1.
-ZARNPKG_API int ZARNShareTmpPathGet(const char* volume, char* buf, size_t size);
+ZARNHOST_API int ZARNShareTmpPathGet(const char* volume, char* buf, size_t size);
 
 // Attribute bits (ZARN_VOL_ATTR_*) of the volume that holds `path`. 0 or -1.
-ZARNPKG_API int ZARNVolumeAttributeGet(const char* path, unsigned int* attr);
+ZARNHOST_API int ZARNVolumeAttributeGet(const char* path, unsigned int* attr);
 
 // Lists volumes of the kinds in the mask `kind`; without ZARN_VOL_ENUM_ALL in `flags` only
 // generic volumes that are created. `owner` is unused on this host. Returns the count or -1.
-ZARNPKG_API int ZARNMountVolAllEnum(int owner, int kind, int flags,
+ZARNHOST_API int ZARNMountVolAllEnum(int owner, int kind, int flags,
                                     std::vector<ZARNMountVolInfo>& out);
 
 // A dock-type host has a single fixed volume, /volume1 ("dock_host" in volumes.json).
-ZARNPKG_API bool VLIBCIsDockHost();
+ZARNHOST_API bool VLIBCIsDockHost();
 
 // File system state of a volume.
 constexpr unsigned int ZARN_FS_STATUS_NOT_WORKING = 1u << 2;  // crashed or unreadable
@@ -107,8 +107,8 @@ struct ZARNFSInfo {
     unsigned long long totalBytes = 0;
 };
 // 1 with `info` filled for a volume that exists; 0 for no such volume; -1 on bad arguments.
-ZARNPKG_API int FSInfoGet(const char* volume, ZARNFSInfo* info);
-ZARNPKG_API void FSInfoFree(ZARNFSInfo* info);
+ZARNHOST_API int FSInfoGet(const char* volume, ZARNFSInfo* info);
+ZARNHOST_API void FSInfoFree(ZARNFSInfo* info);
 
 // statfs of the file system that holds a logical path, with the space caps of volumes.json
 // applied (a capped place reports a block size of 1). false with errno set on failure.
@@ -117,8 +117,8 @@ struct ZARNStatfsInfo {
     unsigned long long availBlocks = 0;  // for ordinary users
     unsigned long long freeBlocks = 0;   // including reserved blocks
 };
-ZARNPKG_API bool ZARNStatfs(const std::string& path, ZARNStatfsInfo& out);
+ZARNHOST_API bool ZARNStatfs(const std::string& path, ZARNStatfsInfo& out);
 
 // Makes /volume1 .. /volumeN and lists each in volumes.json as writable, generic and created,
 // keeping the entries and settings that are there already (host-init).
-ZARNPKG_API bool ZARNHostVolumesInit(int count, std::string& error);
+ZARNHOST_API bool ZARNHostVolumesInit(int count, std::string& error);

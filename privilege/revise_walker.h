@@ -5,7 +5,7 @@
 #include <initializer_list>
 #include <string>
 
-#include "platform/export.h"
+#include "core/export.h"
 #include "privilege/walker.h"
 
 namespace ZARNPackageTool {

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Builds the project, makes a standalone root in a temporary folder and shows the registry
-# through the command line. The root is left behind for a look around; its path is printed.
+# Builds the command-line program, makes a standalone root in a temporary folder and shows the
+# registry through the command line. The root is left behind for a look around; its path is printed.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 "$here/scripts/install-deps.sh"
-"$here/scripts/build.sh"
+"$here/scripts/build.sh" zarnpkg-bin
 zarnpkg="${BUILD_DIR:-$here/build}/zarnpkg"
 root=${DEMO_ROOT:-$(mktemp -d /tmp/zarnpkg-demo.XXXXXX)}
 

@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config clang-format
+  build-essential cmake pkg-config clang-format clang libclang-rt-14-dev
   libjsoncpp-dev libboost-filesystem-dev libboost-system-dev
   libcurl4-openssl-dev libssl-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev

@@ -21,16 +21,7 @@ class Registry : public TempRootTest {
 protected:
     void addPackage(const std::string& name, const std::string& target,
                     const std::string& extra = "") {
-        writeFile("/var/packages/" + name + "/INFO", "package=\"" + name +
-                                                         "\"\nversion=\"1.0\"\nmaintainer=\"m\"\n"
-                                                         "description=\"d\"\n" +
-                                                         extra);
-        if (!target.empty()) {
-            writeFile(target + "/.keep", "");
-            EXPECT_EQ(
-                symlink(phys(target).c_str(), phys("/var/packages/" + name + "/target").c_str()),
-                0);
-        }
+        TempRootTest::addPackage(name, extra, target);
     }
     static std::vector<std::string> sorted(std::vector<std::string> v) {
         std::sort(v.begin(), v.end());

@@ -17,17 +17,9 @@ protected:
     // A package on /volume1 whose control script ends with `exitCode`; a negative code means no
     // control script at all.
     void addPackage(const std::string& name, int exitCode, const std::string& extraInfo = "") {
-        const std::string dir = "/var/packages/" + name;
-        writeFile(dir + "/INFO", "package=\"" + name + "\"\nversion=\"1.0-0001\"\n" +
-                                     "maintainer=\"m\"\ndescription=\"d\"\n" + extraInfo);
-        const std::string target = "/volume1/@appstore/" + name;
-        writeFile(target + "/.keep", "");
-        ASSERT_TRUE(ZARNSymlink(target, dir + "/target"));
+        TempRootTest::addPackage(name, "version=\"1.0-0001\"\n" + extraInfo);
         if (exitCode >= 0) {
-            writeFile(
-                dir + "/scripts/start-stop-status",
-                "#!/bin/sh\n[ \"$1\" = status ] || exit 0\nexit " + std::to_string(exitCode) + "\n",
-                0755);
+            addControlScript(name, exitCode);
         }
     }
     void enable(const std::string& name) { writeFile("/var/packages/" + name + "/enabled", ""); }

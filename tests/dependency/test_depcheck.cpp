@@ -27,23 +27,13 @@ protected:
     // A registry entry on /volume1 with the display name "Disp <name>" and extra INFO lines.
     void addPackage(const std::string& name, const std::string& version,
                     const std::string& extraInfo = "", State state = kNoScript) {
-        const std::string dir = "/var/packages/" + name;
-        writeFile(dir + "/INFO",
-                  "package=\"" + name + "\"\nversion=\"" + version +
-                      "\"\nmaintainer=\"m\"\ndescription=\"d\"\ndisplayname=\"Disp " + name +
-                      "\"\n" + extraInfo);
-        const std::string target = "/volume1/@appstore/" + name;
-        writeFile(target + "/.keep", "");
-        ASSERT_TRUE(ZARNSymlink(target, dir + "/target"));
+        TempRootTest::addPackage(
+            name, "version=\"" + version + "\"\ndisplayname=\"Disp " + name + "\"\n" + extraInfo);
         if (state != kNoScript) {
-            writeFile(dir + "/scripts/start-stop-status",
-                      std::string("#!/bin/sh\n[ \"$1\" = status ] || exit 0\nexit ") +
-                          (state == kRunning ? "0" : "3") + "\n",
-                      0755);
+            addControlScript(name, state == kRunning ? 0 : 3);
         }
         if (state == kRunning) {
-            writeFile(dir + "/enabled", "");
-            ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 1, 1, ZARN_JOB_PHASE_RUNNING));
+            markRunning(name);
         }
     }
 

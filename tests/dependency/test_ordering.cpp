@@ -44,23 +44,13 @@ protected:
 
     void addPackage(const std::string& name, const std::string& deps = "", State state = kNoScript,
                     const std::string& extraInfo = "") {
-        const std::string dir = "/var/packages/" + name;
-        writeFile(dir + "/INFO", "package=\"" + name +
-                                     "\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n" +
-                                     "install_dep_packages=\"" + deps + "\"\n" + extraInfo);
-        const std::string target = "/volume1/@appstore/" + name;
-        writeFile(target + "/.keep", "");
-        ASSERT_TRUE(ZARNSymlink(target, dir + "/target"));
+        TempRootTest::addPackage(name, "install_dep_packages=\"" + deps + "\"\n" + extraInfo);
         if (state == kNoScript) {
             return;
         }
-        writeFile(dir + "/scripts/start-stop-status",
-                  std::string("#!/bin/sh\n[ \"$1\" = status ] || exit 0\nexit ") +
-                      (state == kRunning ? "0" : "3") + "\n",
-                  0755);
+        addControlScript(name, state == kRunning ? 0 : 3);
         if (state == kRunning) {
-            enable(name);
-            ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 1, 1, ZARN_JOB_PHASE_RUNNING));
+            markRunning(name);
         }
         if (state == kTransition) {
             ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 0, 0, ZARN_JOB_PHASE_FAILED));

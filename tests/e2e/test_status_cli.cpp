@@ -21,13 +21,9 @@ protected:
         return r.status;
     }
     void addPackage(const std::string& name, const std::string& script) {
-        const std::string dir = "/var/packages/" + name;
-        writeFile(dir + "/INFO", "package=\"" + name +
-                                     "\"\nversion=\"4.2\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
-        writeFile("/volume1/@appstore/" + name + "/.keep", "");
-        ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/" + name, dir + "/target"));
+        TempRootTest::addPackage(name, "version=\"4.2\"\n");
         if (!script.empty()) {
-            writeFile(dir + "/scripts/start-stop-status", script, 0755);
+            writeFile("/var/packages/" + name + "/scripts/start-stop-status", script, 0755);
         }
     }
 };

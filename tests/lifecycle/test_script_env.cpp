@@ -34,12 +34,6 @@ protected:
         return info;
     }
 
-    void linkTarget(const std::string& name, const std::string& target) {
-        writeFile(target + "/.keep", "");
-        writeFile("/var/packages/" + name + "/INFO", "package=\"" + name + "\"\n");
-        ASSERT_TRUE(ZARNSymlink(target, "/var/packages/" + name + "/target"));
-    }
-
     // What a program started by the runner sees.
     Env childEnv(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const char* lang,
                  const std::string* logFile, const Json::Value* wizard, const char* volume,
@@ -63,7 +57,7 @@ protected:
 };
 
 TEST_F(ScriptEnv, InstallVariables) {
-    linkTarget("demo", "/volume1/@appstore/demo");
+    addPackage("demo", "", "/volume1/@appstore/demo");
     const std::string logFile = "/tmp/zarnpkgmgr.log-demo";
     Env env = childEnv(record("demo", 8080), PKG_INSTALLATION_INSTALL, "ger", &logFile, nullptr,
                        nullptr, "/tmp/demo.qar", "alice");
@@ -129,7 +123,7 @@ TEST_F(ScriptEnv, UnsetRulesAndSystemLanguage) {
 }
 
 TEST_F(ScriptEnv, UpgradeFoldersAndVolumes) {
-    linkTarget("up", "/volume1/@appstore/up");
+    addPackage("up", "", "/volume1/@appstore/up");
     PackageInfo info = record("up");
     info.extra.get()->use_deprecated_replace_mechanism = false;
     Env env = childEnv(info, PKG_INSTALLATION_UPGRADE, "enu", nullptr, nullptr, nullptr, nullptr,
@@ -147,7 +141,7 @@ TEST_F(ScriptEnv, UpgradeFoldersAndVolumes) {
     EXPECT_EQ(dangling["ZARNPKG_PKGDEST_VOL"], phys("/volume2"));
 
     // The system partition gives the head of the path.
-    linkTarget("sys", "/usr/local/packages/@appstore/sys");
+    addPackage("sys", "", "/usr/local/packages/@appstore/sys");
     Env sys = childEnv(record("sys"), PKG_INSTALLATION_NONE, "enu", nullptr, nullptr, nullptr,
                        nullptr, nullptr);
     EXPECT_EQ(sys["ZARNPKG_PKGDEST"], phys("/usr/local/packages/@appstore/sys"));
@@ -220,7 +214,7 @@ TEST_F(ScriptEnv, WizardValuesComeAndGo) {
 }
 
 TEST_F(ScriptEnv, PrepareEnvAndCleanAll) {
-    linkTarget("own", "/volume1/@appstore/own");
+    addPackage("own", "", "/volume1/@appstore/own");
     PMSPrepareEnv(record("own", 5000), "fre", nullptr, "/tmp/own.qar");
     EXPECT_STREQ(getenv("ZARNPKG_PKGNAME"), "own");
     EXPECT_STREQ(getenv("ZARNPKG_PKGVER"), "2.1-0003");

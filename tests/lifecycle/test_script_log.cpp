@@ -113,11 +113,8 @@ TEST_F(ScriptLog, StampsAndMessageFiles) {
 }
 
 TEST_F(ScriptLog, PackageLogFromTheControlScript) {
+    addPackage("talky");
     const std::string dir = "/var/packages/talky";
-    writeFile(dir + "/INFO",
-              "package=\"talky\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
-    writeFile("/volume1/@appstore/talky/.keep", "");
-    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/talky", dir + "/target"));
     writeFile(dir + "/scripts/start-stop-status",
               "#!/bin/sh\n[ \"$1\" = log ] || exit 1\nprintf 'line one\\nline two\\n\\n'\n", 0755);
     PackageManager pm;

@@ -13,6 +13,7 @@
 #include "platform/files.h"
 #include "platform/process.h"
 #include "platform/sysroot.h"
+#include "support/huge_alloc.h"
 #include "support/qar_builder.h"
 #include "support/temproot.h"
 
@@ -362,7 +363,7 @@ TEST_F(HostileQarTest, DeepWizardWithALargeValueIsWalkedInItsOwnSize) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-#ifndef __SANITIZE_ADDRESS__
+#ifndef ZARN_UNDER_ASAN
         // The address sanitizer reserves far more address space than this for itself.
         struct rlimit limit = {1ULL << 30, 1ULL << 30};
         setrlimit(RLIMIT_AS, &limit);

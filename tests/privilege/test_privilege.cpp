@@ -317,8 +317,11 @@ TEST_F(PrivilegeTest, ReviseFileAttrRefusesBadConfigBeforeAccounts) {
     writeConf(staging, R"({"username": "daemon"})");
     EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
     EXPECT_NE(logText().find("User daemon is reservered for system"), std::string::npos);
-    writeConf(staging, R"({"username": "admin"})");
-    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
+    for (const char* conf :
+         {R"({"username": "admin"})", R"({"username": "nobody"})", R"({"groupname": "users"})"}) {
+        writeConf(staging, conf);
+        EXPECT_FALSE(ReviseFileAttr("pkga", staging, false)) << conf;
+    }
 
     writeConf(staging, R"({"username": "pkga", "groupname": "administrators"})");
     EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));

@@ -299,15 +299,4 @@ TEST_F(PrivilegeRootTest, BadInputNeverLeavesThePackageAsRoot) {
     EXPECT_EQ(machineAfter.st_ctim.tv_nsec, machineBefore.st_ctim.tv_nsec);
     EXPECT_NE(logText().find("Failed to resolve ../../etc/shadow [0x"), std::string::npos);
     EXPECT_NE(logText().find("Failed to revise " + top + "/bin/helper [0x4000"), std::string::npos);
-
-    // Reserved accounts are refused before the account files change.
-    const std::string passwd = readFile("/etc/passwd");
-    for (const char* conf :
-         {R"({"username": "root"})", R"({"username": "nobody"})", R"({"groupname": "users"})"}) {
-        ASSERT_TRUE(ZARNRemoveTree(staging));
-        makeStaging(conf);
-        EXPECT_FALSE(ReviseFileAttr("pkgres", staging, false)) << conf;
-    }
-    EXPECT_EQ(readFile("/etc/passwd"), passwd);
-    EXPECT_LT(ZARNUserGetUGID("pkgres", nullptr, nullptr), 0);
 }

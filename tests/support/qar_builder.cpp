@@ -111,13 +111,13 @@ std::string BasicInfo(const std::string& name, const std::string& version,
         {"maintainer", "tests"},
         {"arch", "noarch"},
     };
-    for (const auto& [key, value] : extra) {
+    for (const auto& entry : extra) {
         auto it = std::find_if(keys.begin(), keys.end(),
-                               [&key](const auto& kv) { return kv.first == key; });
+                               [&entry](const auto& kv) { return kv.first == entry.first; });
         if (it != keys.end()) {
-            it->second = value;
+            it->second = entry.second;
         } else {
-            keys.emplace_back(key, value);
+            keys.push_back(entry);
         }
     }
     return InfoText(keys);

@@ -7,6 +7,7 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/host_init.h"
+#include "platform/services.h"
 #include "platform/sysroot.h"
 
 TempRootTest::SavedVar TempRootTest::saveVar(const char* name) {
@@ -83,6 +84,38 @@ void TempRootTest::removeKey(const std::string& logical, const std::string& key)
     ASSERT_NE(std::string::npos, line) << key << " in " << logical;
     text.erase(line, text.find('\n', line) - line + 1);
     writeFile(logical, text);
+}
+
+void TempRootTest::addPackage(const std::string& name, const std::string& info,
+                              const std::string& target) {
+    std::string text;
+    for (const char* key : {"package", "version", "maintainer", "description"}) {
+        const std::string line = std::string(key) + "=";
+        if (info.compare(0, line.size(), line) != 0 &&
+            info.find("\n" + line) == std::string::npos) {
+            const std::string value = line == "package=" ? name : line == "version=" ? "1.0" : key;
+            text += line + "\"" + value + "\"\n";
+        }
+    }
+    const std::string dir = "/var/packages/" + name;
+    writeFile(dir + "/INFO", text + info);
+    if (target.empty()) {
+        return;
+    }
+    const std::string payload = target == kDefaultTarget ? "/volume1/@appstore/" + name : target;
+    writeFile(payload + "/.keep", "");
+    ASSERT_TRUE(ZARNSymlink(payload, dir + "/target")) << payload;
+}
+
+void TempRootTest::addControlScript(const std::string& name, int statusExit) {
+    writeFile("/var/packages/" + name + "/scripts/start-stop-status",
+              "#!/bin/sh\n[ \"$1\" = status ] || exit 0\nexit " + std::to_string(statusExit) + "\n",
+              0755);
+}
+
+void TempRootTest::markRunning(const std::string& name) {
+    writeFile("/var/packages/" + name + "/enabled", "");
+    ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 1, 1, ZARN_JOB_PHASE_RUNNING));
 }
 
 std::string TempRootTest::readFile(const std::string& logical) const {

@@ -23,6 +23,17 @@ protected:
     std::string readFile(const std::string& logical) const;
     // Takes the line of `key` out of a key file (by logical path), keeping the others.
     void removeKey(const std::string& logical, const std::string& key);
+    // Lays down a registry entry: INFO with the package name, version "1.0", maintainer and
+    // description (each unless `info` holds a line of its own for it) and then the lines of
+    // `info`; a payload folder at `target` and the target link to it (no link when empty).
+    void addPackage(const std::string& name, const std::string& info = "",
+                    const std::string& target = kDefaultTarget);
+    static constexpr const char* kDefaultTarget = "/volume1/@appstore/<name>";
+    // Gives a package a control script whose `status` ends with `statusExit`; every other
+    // action succeeds.
+    void addControlScript(const std::string& name, int statusExit);
+    // Marks a package enabled with its job running, as a start leaves it.
+    void markRunning(const std::string& name);
     // Everything the library logged during the test so far.
     std::string logText() const;
     // The physical path of the log mirror.
