@@ -7,11 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/depparse.h"
 #include "core/infoloader.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "core/version.h"
-#include "dependency/depparse.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/fsnames.h"

@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "core/version.h"
 #include "dependency/depinternal.h"
-#include "dependency/depparse.h"
 #include "platform/log.h"
 
 namespace ZARNPackageTool {

@@ -5,10 +5,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "dependency/depinternal.h"
-#include "dependency/depparse.h"
 #include "dependency/graph.h"
 #include "platform/log.h"
 

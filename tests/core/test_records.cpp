@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/version.h"
-#include "dependency/depparse.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
-#include "dependency/depparse.h"
 #include "dependency/graph.h"
 #include "platform/files.h"
 #include "platform/services.h"
