@@ -277,8 +277,8 @@ bool PackageManager::getDepServicePkgs(const std::set<std::string>& services,
         return true;
     }
     std::vector<PackageInfo> matching;
-    for (auto& info : ScanInstalled(
-             nullptr, kDepMaskOrder | kDepMaskInstallDepServices | kDepMaskStartDepServices)) {
+    for (auto& info : ScanInstalled(nullptr, kDepMaskOrder | PKG_MASK_INSTALL_DEP_SERVICES |
+                                                 PKG_MASK_START_DEP_SERVICES)) {
         if (!PMSCheckEnabledFile(PMSRegistryDir(info.name).c_str())) {
             continue;
         }
