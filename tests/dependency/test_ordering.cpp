@@ -155,6 +155,11 @@ TEST_F(Ordering, SortIsAPartialOrderOnLargeSets) {
     // One back edge closes a cycle.
     records.push_back(Record("p0", "1", "p2999"));
     EXPECT_FALSE(pm.topologicalSortPkgs(records, out));
+    // Every package leads down to p0, so the one cycle runs through p0 and p2999.
+    const std::string cycles = pm.getMapParam("cycles");
+    EXPECT_EQ(cycles.rfind("p0, ", 0), 0u) << cycles;
+    EXPECT_NE(cycles.find(", p2999"), std::string::npos);
+    EXPECT_EQ(cycles.find(';'), std::string::npos);
 }
 
 TEST_F(Ordering, HasCycleAndWholeRegistry) {
