@@ -5,9 +5,7 @@
 
 #include <fcntl.h>
 
-#include "core/packagemanager.h"
 #include "platform/files.h"
-#include "platform/log.h"
 
 namespace ZARNPackageTool {
 
@@ -76,29 +74,6 @@ void PMSUnlockFile(int fd) {
     }
     flock(fd, LOCK_UN);
     close(fd);
-}
-
-bool PackageManager::hasEnableConf(const std::string& dir, bool& enabled) {
-    enabled = IsFileExists(dir + "/enabled");
-    return true;
-}
-
-bool PackageManager::isServiceEnabled(const char* name) {
-    if (name == nullptr || name[0] == '\0') {
-        setResult(PKG_ERR_SYSTEM);
-        return false;
-    }
-    const std::string dir = PMSRegistryDir(name);
-    if (!ZARNIsDir(dir)) {
-        setResult(PKG_ERR_NOT_INSTALLED);
-        return false;
-    }
-    if (!PMSCheckEnabledFile(dir.c_str())) {
-        setResult(PKG_ERR_NOT_ENABLED);
-        return false;
-    }
-    setResult(PKG_ERR_SUCCESS);
-    return true;
 }
 
 }  // namespace ZARNPackageTool

@@ -247,4 +247,27 @@ bool PackageManager::getPackageInfoByPathAndInfoType(const char* dir, PackageInf
     return loaded;
 }
 
+bool PackageManager::hasEnableConf(const std::string& dir, bool& enabled) {
+    enabled = IsFileExists(dir + "/enabled");
+    return true;
+}
+
+bool PackageManager::isServiceEnabled(const char* name) {
+    if (name == nullptr || name[0] == '\0') {
+        setResult(PKG_ERR_SYSTEM);
+        return false;
+    }
+    const std::string dir = PMSRegistryDir(name);
+    if (!ZARNIsDir(dir)) {
+        setResult(PKG_ERR_NOT_INSTALLED);
+        return false;
+    }
+    if (!PMSCheckEnabledFile(dir.c_str())) {
+        setResult(PKG_ERR_NOT_ENABLED);
+        return false;
+    }
+    setResult(PKG_ERR_SUCCESS);
+    return true;
+}
+
 }  // namespace ZARNPackageTool
