@@ -83,7 +83,7 @@ int main(int argc, char** argv) {
     }
     std::printf("packages: %d, mean INFO size: %zu bytes\n", count, bytes / count);
 
-    const unsigned long long listMask = PKG_MASK_ALL & ~0x8000000ULL;
+    const unsigned long long listMask = PKG_MASK_ALL & ~PKG_MASK_ICONS;
     std::vector<double> runs;
     size_t found = 0;
     for (int r = 0; r < 6; ++r) {

@@ -8,7 +8,7 @@ using namespace ZARNPackageTool;
 namespace {
 
 // A listing needs no icons.
-constexpr unsigned long long kListMask = PKG_MASK_ALL & ~0x8000000ULL;
+constexpr unsigned long long kListMask = PKG_MASK_ALL & ~PKG_MASK_ICONS;
 
 }  // namespace
 

@@ -1,3 +1,5 @@
+#include "core/helpers.h"
+
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -5,7 +7,6 @@
 #include <exception>
 #include <limits>
 
-#include "core/packagemanager.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/keyfile.h"

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/packagemanager.h"
+#include "core/helpers.h"
 #include "platform/errors.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"

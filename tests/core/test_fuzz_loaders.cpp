@@ -2,9 +2,9 @@
 
 #include <random>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/version.h"
-#include "dependency/depparse.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;
@@ -71,8 +71,9 @@ TEST_F(FuzzLoaders, MutatedInputsReturn) {
                                                                           rng)
                                                                  : "");
         PackageInfo record;
-        loaded += PMSLoadPKGInfoFile("/var/packages/fuzz", record, i % 2 ? "enu" : nullptr,
-                                     i % 5 ? PKG_MASK_ALL : 0x1000001ULL);
+        loaded +=
+            PMSLoadPKGInfoFile("/var/packages/fuzz", record, i % 2 ? "enu" : nullptr,
+                               i % 5 ? PKG_MASK_ALL : PKG_MASK_DESCRIPTION | PKG_MASK_DEP_PACKAGES);
         DepPkgVector deps;
         PMSExplodeDepPKGString(info.c_str(), deps);
         PMSParseDepJSONString(info, deps);
