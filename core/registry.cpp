@@ -1,9 +1,6 @@
 #include "core/registry.h"
 
-#include <sys/file.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <thread>
 
@@ -12,6 +9,7 @@
 #include "lifecycle/script_mask.h"
 #include "package/uifile_names.h"
 #include "platform/files.h"
+#include "platform/locks.h"
 #include "platform/log.h"
 
 namespace ZARNPackageTool {
@@ -126,23 +124,16 @@ int PMSLockFile(const char* path, bool exclusive) {
     if (path == nullptr) {
         return -1;
     }
-    int fd = ZARNOpen(path, O_RDWR | O_CREAT, 0644);
-    if (fd < 0) {
+    Fd fd = ZARNLockFileOpen(path);
+    if (!fd.valid() || !ZARNFlock(fd.get(), exclusive, -1)) {
         return -1;
     }
-    if (flock(fd, exclusive ? LOCK_EX : LOCK_SH) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return fd.release();
 }
 
 void PMSUnlockFile(int fd) {
-    if (fd < 0) {
-        return;
-    }
-    flock(fd, LOCK_UN);
-    close(fd);
+    // Closing the descriptor releases its lock.
+    Fd owned(fd);
 }
 
 std::vector<std::string> PackageManager::enumPackages(const std::set<std::string>& volumes,

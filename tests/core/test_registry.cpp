@@ -27,9 +27,7 @@ protected:
                                                          extra);
         if (!target.empty()) {
             writeFile(target + "/.keep", "");
-            EXPECT_EQ(
-                symlink(phys(target).c_str(), phys("/var/packages/" + name + "/target").c_str()),
-                0);
+            EXPECT_TRUE(ZARNSymlink(target, "/var/packages/" + name + "/target"));
         }
     }
     static std::vector<std::string> sorted(std::vector<std::string> v) {
@@ -48,7 +46,7 @@ TEST_F(Registry, EnumerationRules) {
     writeFile("/var/packages/noinfo/scripts/x", "");
     writeFile("/var/packages/plainfile", "package=\"plainfile\"\n");
     addPackage("real", "/volume1/@appstore/real");
-    ASSERT_EQ(symlink(phys("/var/packages/real").c_str(), phys("/var/packages/linked").c_str()), 0);
+    ASSERT_TRUE(ZARNSymlink("/var/packages/real", "/var/packages/linked"));
     writeFile("/var/packages/bad/INFO", "package=\"bad\"\n");
 
     PackageManager pm;
