@@ -122,9 +122,7 @@ bool FsyncFd(int fd) {
 
 // Stats a logical path inside the root; `follow` follows a link in the last place.
 bool StatPath(const std::string& path, bool follow, struct stat& st) {
-    ZARNAtPath at;
-    return !path.empty() && ZARNResolveAt(path, follow, at) &&
-           fstatat(at.dir, at.name.c_str(), &st, at.noFollow) == 0;
+    return !path.empty() && ZARNStatInRoot(path, follow, st);
 }
 
 ZARNFileType TypeFromMode(mode_t mode) {

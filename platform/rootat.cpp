@@ -10,7 +10,6 @@
 #include <climits>
 #include <cstdlib>
 #include <deque>
-#include <mutex>
 
 #include "platform/errors.h"
 #include "platform/log.h"
@@ -26,13 +25,12 @@ bool InRootMode(const std::string& logical) {
     return !logical.empty() && logical[0] == '/' && ZARNPackageCore::GetSystemRoot() != "/";
 }
 
-// The root's folder, opened once per root; -1 with errno when it can't be opened.
+// The root's folder, opened once per root and thread, so that scans on several threads share
+// no lock; -1 with errno when it can't be opened.
 int RootFd() {
-    static std::mutex mutex;
-    static std::string openedRoot;
-    static Fd fd;
+    thread_local std::string openedRoot;
+    thread_local Fd fd;
     const std::string& root = ZARNPackageCore::GetSystemRoot();
-    std::lock_guard<std::mutex> guard(mutex);
     if (!fd.valid() || openedRoot != root) {
         fd.reset(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         openedRoot = root;
@@ -162,25 +160,38 @@ void ZARNRootWalkForce(bool force) {
     g_walk.store(force, std::memory_order_relaxed);
 }
 
-Fd ZARNOpenInRoot(const std::string& logical, int flags, mode_t mode) {
+namespace {
+
+// Opens inside the root without touching the last error.
+Fd OpenQuietly(const std::string& logical, int flags, mode_t mode) {
     if (!InRootMode(logical)) {
-        Fd fd(open(logical.c_str(), flags | O_CLOEXEC, mode));
-        if (!fd.valid()) {
-            SetErrnoError();
-        }
-        return fd;
+        return Fd(open(logical.c_str(), flags | O_CLOEXEC, mode));
     }
     const int rootFd = RootFd();
     if (rootFd < 0) {
-        SetErrnoError();
         return Fd();
     }
     const size_t first = logical.find_first_not_of('/');
-    Fd fd = OpenRel(rootFd, first == std::string::npos ? "." : logical.substr(first), flags, mode);
+    return OpenRel(rootFd, first == std::string::npos ? "." : logical.substr(first), flags, mode);
+}
+
+}  // namespace
+
+Fd ZARNOpenInRoot(const std::string& logical, int flags, mode_t mode) {
+    Fd fd = OpenQuietly(logical, flags, mode);
     if (!fd.valid()) {
         SetErrnoError();
     }
     return fd;
+}
+
+bool ZARNStatInRoot(const std::string& logical, bool follow, struct stat& st) {
+    if (!InRootMode(logical)) {
+        return (follow ? stat(logical.c_str(), &st) : lstat(logical.c_str(), &st)) == 0;
+    }
+    // One resolution of the whole path; O_PATH with O_NOFOLLOW holds a last link itself.
+    const Fd fd = OpenQuietly(logical, O_PATH | (follow ? 0 : O_NOFOLLOW), 0);
+    return fd.valid() && fstat(fd.get(), &st) == 0;
 }
 
 bool ZARNResolveAt(const std::string& logical, bool followLast, ZARNAtPath& at) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string>
@@ -28,6 +29,9 @@ struct ZARNAtPath {
 ZARNPKG_API bool ZARNResolveAt(const std::string& logical, bool followLast, ZARNAtPath& at);
 // Opens a logical path inside the root; O_CLOEXEC is added. Invalid with errno on failure.
 ZARNPKG_API Fd ZARNOpenInRoot(const std::string& logical, int flags, mode_t mode = 0);
+// stat (follow) or lstat inside the root; errno on failure, the last error untouched, so that
+// a mere test for a file never hides the failure a caller is reporting.
+ZARNPKG_API bool ZARNStatInRoot(const std::string& logical, bool follow, struct stat& st);
 // Makes the resolution walk the components itself, as it does where the kernel lacks
 // openat2: for tests of that walk.
 ZARNPKG_API void ZARNRootWalkForce(bool force);
