@@ -68,10 +68,11 @@ TEST_F(SignalE2ETest, StoppedCheckLeavesNoTemporaryFolderNorChild) {
               static_cast<char*>(nullptr));
         _exit(127);
     }
-    // Stopped while its tar writes the payload into the temporary folder.
+    // Stopped while its tar writes the payload into the temporary folder, or its checksum is
+    // taken.
     bool busy = false;
     for (int i = 0; i < 3000 && !busy; ++i) {
-        for (const std::string& p : ProcessesNaming(qar)) {
+        for (const std::string& p : ProcessesNaming(root())) {
             busy = busy || p.find("package.tgz") != std::string::npos;
         }
         if (!busy) {

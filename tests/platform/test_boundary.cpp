@@ -10,6 +10,7 @@
 #include "platform/fileattr.h"
 #include "platform/files.h"
 #include "platform/locks.h"
+#include "platform/process.h"
 #include "platform/rootat.h"
 #include "platform/tempnames.h"
 #include "support/qar_builder.h"
@@ -90,6 +91,14 @@ TEST_P(BoundaryTest, LinksLeadingOutsideStayInsideTheRoot) {
     EXPECT_FALSE(ZARNIsRegularFile("/volume1/@appstore/x/data"));
     std::string real;
     EXPECT_FALSE(ZARNRealPath("/var/packages/good/target/data", real)) << real;
+
+    // A program is refused a path that the machine would follow outside the root.
+    for (const char* path : {"/var/packages/good/target/data", "/volume1/@appstore/x/new"}) {
+        ZARNUtils::ProcessRunner cp({"/bin/cp", phys("/var/packages/good/INFO"), phys(path)});
+        EXPECT_EQ(cp.captureOutput().run(), -1) << path;
+    }
+    ZARNUtils::ProcessRunner inside({"/bin/cp", phys("/var/packages/good/INFO"), phys("/tmp/c")});
+    EXPECT_EQ(inside.run(), 0);
 
     // Writes, folders, modes, renames and removals through the links land inside the root or
     // fail; the folder outside is never touched.
