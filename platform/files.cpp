@@ -377,7 +377,9 @@ bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
         SET_ERRNO_ERROR();
         return false;
     }
-    const int flags = fcntl(fd.get(), F_GETFL);
+    // Reads of a regular file never block; anything else is read as it would be without the
+    // flag.
+    const int flags = regular ? -1 : fcntl(fd.get(), F_GETFL);
     if (flags >= 0) {
         fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK);
     }
