@@ -284,7 +284,10 @@ bool ZARNProgramArgsInRoot(const std::vector<std::string>& argv) {
     if (!RealPlace(root, realRoot)) {
         realRoot = root;
     }
-    for (const std::string& arg : argv) {
+    // The program itself may be a tool of the root linked to the machine's binary; what it is
+    // handed must stay inside.
+    for (size_t i = 1; i < argv.size(); ++i) {
+        const std::string& arg = argv[i];
         if (!Under(arg, root)) {
             continue;
         }

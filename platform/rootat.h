@@ -36,6 +36,7 @@ ZARNPKG_API bool ZARNStatInRoot(const std::string& logical, bool follow, struct 
 // openat2: for tests of that walk.
 ZARNPKG_API void ZARNRootWalkForce(bool force);
 
-// Checks the physical paths in a program's argument vector: one under the root must lead to a
-// place inside it when the program follows its links. False, logged, when one leads outside.
+// Checks the physical paths among a program's arguments (argv[0], the program, aside): one
+// under the root must lead to a place inside it when the program follows its links. False,
+// logged, when one leads outside.
 ZARNPKG_API bool ZARNProgramArgsInRoot(const std::vector<std::string>& argv);
