@@ -54,15 +54,14 @@ std::string Md5(const std::string& physical) {
 std::string MakeQar(const std::string& name, unsigned long long mib, std::string& checksum) {
     const std::string dir = "/tmp/" + name;
     ZARNFSMkdirP(dir, 0, 0, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0755);
-    int fd = ZARNOpen(dir + "/package.tgz", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) {
+    Fd fd = ZARNOpen(dir + "/package.tgz", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!fd.valid()) {
         return "";
     }
     ZARNUtils::ProcessRunner head(
         {"/usr/bin/head", "-c", std::to_string(mib * 1024 * 1024), "/dev/urandom"});
-    head.setOutputFd(fd);
+    head.setOutputFd(fd.get());
     const int rc = head.run();
-    close(fd);
     if (rc != 0) {
         return "";
     }

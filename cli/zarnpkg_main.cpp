@@ -7,6 +7,7 @@
 
 #include "cli/zarnpkg_cli.h"
 #include "platform/log.h"
+#include "platform/process.h"
 #include "platform/sysroot.h"
 
 namespace {
@@ -137,8 +138,12 @@ int Run(CliContext& ctx, int argc, char** argv) {
     if (rootGiven) {
         ZARNPackageCore::SetSystemRoot(root);
     }
+    // SIGINT and SIGTERM only set a flag: the command stops its child, cleans up on its way
+    // out, and the exit status says which signal stopped it.
+    ZARNInstallStopHandler();
     try {
-        return command->run(ctx);
+        const int rc = command->run(ctx);
+        return ZARNStopSignal() != 0 ? 128 + ZARNStopSignal() : rc;
     } catch (const std::exception& e) {
         // The library must not throw; if it ever does, the caller still gets one answer.
         ZLOGERR("Unexpected failure of %s: %s", command->name, e.what());

@@ -253,12 +253,10 @@ bool CanUploadtoRoot(unsigned long long size, std::string& out) {
 std::string PMSMakeTmpFile(const char* prefix) {
     const std::string dir = TmpNameFolder();
     std::string path;
-    int fd = ZARNMkstemp(dir + "/" + (prefix ? prefix : "") + "XXXXXX", path);
-    if (fd < 0) {
+    if (!ZARNMkstemp(dir + "/" + (prefix ? prefix : "") + "XXXXXX", path).valid()) {
         ZLOGERR("Failed to mkstemp under %s, %m", dir.c_str());
         return "";
     }
-    close(fd);
     return path;
 }
 
@@ -505,17 +503,17 @@ namespace {
 bool FsyncEach(const std::vector<std::string>& paths, int flags) {
     bool ok = true;
     for (const std::string& path : paths) {
-        int fd = ZARNOpen(path, flags);
-        if (fd < 0) {
+        Fd fd = ZARNOpen(path, flags);
+        if (!fd.valid()) {
             ZLOGERR("Failed to open file, path=[%s]", path.c_str());
             ok = false;
             continue;
         }
-        if (fsync(fd) != 0) {
+        if (fsync(fd.get()) != 0) {
             ZLOGERR("Failed to fsync file, path=[%s]", path.c_str());
             ok = false;
         }
-        if (close(fd) != 0) {
+        if (!fd.close()) {
             ZLOGERR("Failed to close file, path=[%s]", path.c_str());
             ok = false;
         }

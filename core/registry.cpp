@@ -1,11 +1,9 @@
 #include "core/registry.h"
 
-#include <sys/file.h>
 #include <unistd.h>
 
-#include <fcntl.h>
-
 #include "platform/files.h"
+#include "platform/locks.h"
 
 namespace ZARNPackageTool {
 
@@ -57,23 +55,16 @@ int PMSLockFile(const char* path, bool exclusive) {
     if (path == nullptr) {
         return -1;
     }
-    int fd = ZARNOpen(path, O_RDWR | O_CREAT, 0644);
-    if (fd < 0) {
+    Fd fd = ZARNLockFileOpen(path);
+    if (!fd.valid() || !ZARNFlock(fd.get(), exclusive, -1)) {
         return -1;
     }
-    if (flock(fd, exclusive ? LOCK_EX : LOCK_SH) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return fd.release();
 }
 
 void PMSUnlockFile(int fd) {
-    if (fd < 0) {
-        return;
-    }
-    flock(fd, LOCK_UN);
-    close(fd);
+    // Closing the descriptor releases its lock.
+    Fd owned(fd);
 }
 
 }  // namespace ZARNPackageTool

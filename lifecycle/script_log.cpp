@@ -32,25 +32,25 @@ void WriteAll(int fd, const std::string& text) {
     }
 }
 
-// Opens the package log, or the common log when that fails; -1 without any log.
-int OpenPackageLog(const std::string& name) {
+// Opens the package log, or the common log when that fails; invalid without any log.
+Fd OpenPackageLog(const std::string& name) {
     if (ZARNFSMkdirP(PKG_LOG_DIR, 0, 0, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0755) !=
         0) {
         ZLOGERR("Failed to create directory for package logs [%s] errno=[%m]", PKG_LOG_DIR);
     }
     const std::string path = PMSPackageLogPath(name);
-    int fd = ZARNOpen(path, O_WRONLY | O_APPEND | O_CREAT, 0644);
-    if (fd >= 0) {
+    Fd fd = ZARNOpen(path, O_WRONLY | O_APPEND | O_CREAT, 0644);
+    if (fd.valid()) {
         return fd;
     }
     ZLOGERR("Failed to open package log [%s] errno=[%m], try to fallback", path.c_str());
     fd = ZARNOpen(PKG_SYSTEM_LOG, O_WRONLY | O_APPEND, 0644);
-    if (fd >= 0) {
+    if (fd.valid()) {
         return fd;
     }
     ZLOGERR("Failed to open package log [/var/log/zarnpkg.log] errno=[%m]");
     ZLOGERR("Failed to open package log for [%s]", name.c_str());
-    return -1;
+    return fd;
 }
 
 }  // namespace
@@ -71,23 +71,21 @@ void PMSWriteSysLog(const char* text) {
     if (text == nullptr || *text == '\0') {
         return;
     }
-    int fd = ZARNOpen(PKG_SYSTEM_LOG, O_WRONLY | O_APPEND | O_CREAT, 0644);
-    if (fd < 0) {
-        return;
+    Fd fd = ZARNOpen(PKG_SYSTEM_LOG, O_WRONLY | O_APPEND | O_CREAT, 0644);
+    if (fd.valid()) {
+        WriteAll(fd.get(), ToStringWithCurrentTime(text) + "\n");
     }
-    WriteAll(fd, ToStringWithCurrentTime(text) + "\n");
-    close(fd);
 }
 
 std::string PMSReadPackageLog(const std::string& path) {
-    int fd = ZARNOpen(path, O_RDONLY);
-    if (fd < 0) {
+    Fd fd = ZARNOpen(path, O_RDONLY);
+    if (!fd.valid()) {
         return "";
     }
     std::string text;
     char block[513];
     for (;;) {
-        ssize_t n = read(fd, block, 512);
+        ssize_t n = read(fd.get(), block, 512);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -98,7 +96,7 @@ std::string PMSReadPackageLog(const std::string& path) {
         // Text of each block up to its first zero byte.
         text.append(block);
     }
-    close(fd);
+    fd.reset();
     static const char* const kBlanks = " \t\r\n\v\f";
     size_t first = text.find_first_not_of(kBlanks);
     if (first == std::string::npos) {
@@ -121,19 +119,18 @@ int PMSRunAndWriteScriptLog(const PackageInfo& info, PKG_INSTALLATION_TYPE type,
              info.version.c_str(), command.c_str());
     PMSWriteSysLog(line);
 
-    int fd = OpenPackageLog(info.name);
-    if (fd >= 0) {
-        WriteAll(fd, ToStringWithCurrentTime(line) + "\n");
+    Fd fd = OpenPackageLog(info.name);
+    if (fd.valid()) {
+        WriteAll(fd.get(), ToStringWithCurrentTime(line) + "\n");
     }
     // Without a log the output is captured and dropped rather than mixed into the caller's.
-    const int ret = runner.run(mode == PKG_RUN_MODE_COMMAND ? 1 : mode, true, true, fd);
+    const int ret = runner.run(mode == PKG_RUN_MODE_COMMAND ? 1 : mode, true, true, fd.get());
 
     snprintf(line, sizeof(line), "%s %s %s End %s ret=[%d]", typeText.c_str(), info.name.c_str(),
              info.version.c_str(), command.c_str(), ret);
     PMSWriteSysLog(line);
-    if (fd >= 0) {
-        WriteAll(fd, ToStringWithCurrentTime(line) + "\n");
-        close(fd);
+    if (fd.valid()) {
+        WriteAll(fd.get(), ToStringWithCurrentTime(line) + "\n");
     }
     return ret;
 }

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <functional>
 #include <set>
-#include <thread>
 
 #include "core/packagemanager.h"
 #include "core/paths.h"
@@ -669,25 +668,19 @@ bool PMSPayloadVet(const std::string& tgz, unsigned long long limit, unsigned lo
         ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
         return false;
     }
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        why = "no pipe";
-        ZLOGERR("Failed to make a pipe, %m");
-        return false;
-    }
     // The decompressed stream is read here and never written anywhere: closing the pipe stops
     // the decompressor as soon as the sizes go beyond the limit.
     ZARNUtils::ProcessRunner runner(
         {ZARNMachineProgram("/bin/gzip"), "-dc", "--", PMSProgramPath(tgz)});
-    runner.setOutputFd(fds[1]);
-    int rc = -1;
-    std::thread child([&] {
-        rc = runner.run();
-        close(fds[1]);
-    });
+    const int stream = runner.startReading();
+    if (stream < 0) {
+        why = "the decompressor did not start";
+        ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
+        return false;
+    }
     std::vector<TarMember> members;
     TarScanStatus st =
-        PMSTarScanStream(fds[0], members, why, [&](const TarMember& m, std::string& reason) {
+        PMSTarScanStream(stream, members, why, [&](const TarMember& m, std::string& reason) {
             total += m.size;
             if (total > limit) {
                 reason = "payload unpacks to more than " + std::to_string(limit) + " bytes";
@@ -700,7 +693,7 @@ bool PMSPayloadVet(const std::string& tgz, unsigned long long limit, unsigned lo
         char buf[16384];
         size_t trailing = 0;
         ssize_t n;
-        while ((n = read(fds[0], buf, sizeof(buf))) != 0) {
+        while ((n = read(stream, buf, sizeof(buf))) != 0) {
             if (n < 0 && errno == EINTR) {
                 continue;
             }
@@ -711,8 +704,7 @@ bool PMSPayloadVet(const std::string& tgz, unsigned long long limit, unsigned lo
             }
         }
     }
-    close(fds[0]);
-    child.join();
+    const int rc = runner.finish();
     if (st != TarScanStatus::Ok) {
         ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
         return false;

@@ -12,7 +12,6 @@
 #include <set>
 
 #include "platform/files.h"
-#include "platform/scope_guard.h"
 
 namespace ZARNPackageTool {
 
@@ -373,16 +372,13 @@ TarScanStatus PMSTarScan(const std::string& file, std::vector<TarMember>& member
         why = "not a regular file";
         return TarScanStatus::ReadError;
     }
-    int fd = ZARNOpen(file, O_RDONLY);
-    if (fd < 0) {
+    Fd fd = ZARNOpen(file, O_RDONLY);
+    if (!fd.valid()) {
         why = "can't open";
         return TarScanStatus::ReadError;
     }
-    ZARN_SCOPE_EXIT {
-        close(fd);
-    };
-    auto readAt = [fd](unsigned long long offset, char* buf, size_t len) {
-        return ReadAt(fd, offset, buf, len);
+    auto readAt = [&fd](unsigned long long offset, char* buf, size_t len) {
+        return ReadAt(fd.get(), offset, buf, len);
     };
     return ScanImpl(readAt, static_cast<unsigned long long>(st.st_size), members, why,
                     [](const TarMember&, std::string&) { return true; });
@@ -542,15 +538,12 @@ bool PMSTarReadMember(const std::string& file, const TarMember& member, unsigned
     if ((member.type != '0' && member.type != '7') || member.size > limit) {
         return false;
     }
-    int fd = ZARNOpen(file, O_RDONLY);
-    if (fd < 0) {
+    Fd fd = ZARNOpen(file, O_RDONLY);
+    if (!fd.valid()) {
         return false;
     }
-    ZARN_SCOPE_EXIT {
-        close(fd);
-    };
     out.resize(static_cast<size_t>(member.size));
-    if (member.size > 0 && !ReadAt(fd, member.dataOffset, &out[0], out.size())) {
+    if (member.size > 0 && !ReadAt(fd.get(), member.dataOffset, &out[0], out.size())) {
         out.clear();
         return false;
     }

@@ -66,8 +66,8 @@ bool RegisteredElsewhere(int port, const std::string& owner) {
 }
 
 bool InUseOnLoopback(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+    Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
         return false;
     }
     sockaddr_in addr{};
@@ -76,10 +76,9 @@ bool InUseOnLoopback(int port) {
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     // Without SO_REUSEADDR a port in TIME_WAIT would look taken.
     int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    const bool taken =
-        bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 && errno == EADDRINUSE;
-    close(fd);
+    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    const bool taken = bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 &&
+                       errno == EADDRINUSE;
     return taken;
 }
 

@@ -1,5 +1,6 @@
 #include "platform/fileattr.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,6 +8,7 @@
 #include <cstdlib>
 
 #include "platform/errors.h"
+#include "platform/rootat.h"
 #include "platform/sysroot.h"
 
 namespace {
@@ -43,26 +45,24 @@ bool ZARNFChmod(int fd, mode_t mode) {
     return true;
 }
 
-void ZARNClose(int fd) {
-    if (fd >= 0) {
-        int saved = errno;
-        close(fd);
-        errno = saved;
-    }
-}
-
 bool ZARNRealPath(const std::string& path, std::string& real) {
     if (path.empty() || path.find('\0') != std::string::npos) {
         errno = EINVAL;
         VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
         return false;
     }
-    char* resolved = realpath(ZARNPhysicalPath(path).c_str(), nullptr);
-    if (resolved == nullptr) {
+    // Resolved inside the root; the kernel names the place the descriptor reached.
+    Fd fd = ZARNOpenInRoot(path, O_PATH);
+    char resolved[PATH_MAX];
+    ssize_t n = -1;
+    if (fd.valid()) {
+        const std::string self = "/proc/self/fd/" + std::to_string(fd.get());
+        n = readlink(self.c_str(), resolved, sizeof(resolved));
+    }
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(resolved)) {
         SetIoError(__FILE__, __LINE__);
         return false;
     }
-    real = ZARNLogicalPath(resolved);
-    free(resolved);
+    real = ZARNLogicalPath(std::string(resolved, static_cast<size_t>(n)));
     return true;
 }

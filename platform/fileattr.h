@@ -13,8 +13,6 @@
 ZARNHOST_API bool ZARNFStat(int fd, struct stat& st);
 ZARNHOST_API bool ZARNFChown(int fd, uid_t uid, gid_t gid);
 ZARNHOST_API bool ZARNFChmod(int fd, mode_t mode);
-// Closes a descriptor, keeping errno as it was.
-ZARNHOST_API void ZARNClose(int fd);
 
 // The logical path of a logical path with every symbolic link and "." or ".." resolved, as the
 // machine sees it. A result outside the system root comes back as the machine's own path.

@@ -12,7 +12,9 @@
 #include <new>
 
 #include "platform/errors.h"
+#include "platform/rootat.h"
 #include "platform/sysroot.h"
+#include "platform/tempnames.h"
 
 namespace {
 
@@ -93,36 +95,34 @@ std::string BaseName(const std::string& path) {
 }
 
 // Opens a file for writing; a file made here gets exactly `mode`, whatever the umask.
-int OpenForWrite(const std::string& phys, int extraFlags, mode_t mode) {
+Fd OpenForWrite(const std::string& path, int extraFlags, mode_t mode) {
     for (int attempt = 0; attempt < 8; ++attempt) {
-        int fd = open(phys.c_str(), O_WRONLY | O_CLOEXEC | extraFlags);
-        if (fd >= 0 || errno != ENOENT) {
+        Fd fd = ZARNOpenInRoot(path, O_WRONLY | extraFlags);
+        if (fd.valid() || errno != ENOENT) {
             return fd;
         }
-        fd = open(phys.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | extraFlags, mode);
-        if (fd >= 0) {
-            if (fchmod(fd, mode) != 0) {
-                CloseKeepErrno(fd);
-                return -1;
+        fd = ZARNOpenInRoot(path, O_WRONLY | O_CREAT | O_EXCL | extraFlags, mode);
+        if (fd.valid()) {
+            if (fchmod(fd.get(), mode) != 0) {
+                return Fd();
             }
             return fd;
         }
         if (errno != EEXIST) {
-            return -1;
+            return fd;
         }
     }
     errno = EAGAIN;
-    return -1;
+    return Fd();
 }
 
-bool FsyncPath(const std::string& phys, bool directory) {
-    int fd = open(phys.c_str(), O_RDONLY | O_CLOEXEC | (directory ? O_DIRECTORY : 0));
-    if (fd < 0) {
-        return false;
-    }
-    int rc = fsync(fd);
-    CloseKeepErrno(fd);
-    return rc == 0;
+bool FsyncFd(int fd) {
+    return fd >= 0 && fsync(fd) == 0;
+}
+
+// Stats a logical path inside the root; `follow` follows a link in the last place.
+bool StatPath(const std::string& path, bool follow, struct stat& st) {
+    return !path.empty() && ZARNStatInRoot(path, follow, st);
 }
 
 ZARNFileType TypeFromMode(mode_t mode) {
@@ -143,17 +143,16 @@ bool WriteWithFlags(const std::string& path, const std::string& data, int extraF
     if (BadPath(path)) {
         return false;
     }
-    int fd = OpenForWrite(ZARNPhysicalPath(path), extraFlags, mode);
-    if (fd < 0) {
+    Fd fd = OpenForWrite(path, extraFlags, mode);
+    if (!fd.valid()) {
         SET_ERRNO_ERROR();
         return false;
     }
-    if (!WriteAllFd(fd, data.data(), data.size())) {
+    if (!WriteAllFd(fd.get(), data.data(), data.size())) {
         SET_ERRNO_ERROR();
-        CloseKeepErrno(fd);
         return false;
     }
-    if (close(fd) != 0) {
+    if (!fd.close()) {
         SET_ERRNO_ERROR();
         return false;
     }
@@ -164,7 +163,8 @@ bool WriteWithFlags(const std::string& path, const std::string& data, int extraF
 bool FsyncEach(const std::vector<std::string>& paths, bool directories) {
     bool ok = true;
     for (const std::string& path : paths) {
-        if (BadPath(path) || !FsyncPath(ZARNPhysicalPath(path), directories)) {
+        if (BadPath(path) ||
+            !FsyncFd(ZARNOpenInRoot(path, O_RDONLY | (directories ? O_DIRECTORY : 0)).get())) {
             SET_ERRNO_ERROR();
             ok = false;
         }
@@ -216,34 +216,34 @@ bool RemoveAt(int parentFd, const char* name) {
 
 bool IsFileExists(const std::string& path) {
     struct stat st;
-    return !path.empty() && stat(ZARNPhysicalPath(path).c_str(), &st) == 0;
+    return StatPath(path, true, st);
 }
 
 bool ZARNPathExists(const std::string& path) {
     struct stat st;
-    return !path.empty() && lstat(ZARNPhysicalPath(path).c_str(), &st) == 0;
+    return StatPath(path, false, st);
 }
 
 bool ZARNIsDir(const std::string& path) {
     struct stat st;
-    return !path.empty() && stat(ZARNPhysicalPath(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    return StatPath(path, true, st) && S_ISDIR(st.st_mode);
 }
 
 bool ZARNIsRegularFile(const std::string& path) {
     struct stat st;
-    return !path.empty() && stat(ZARNPhysicalPath(path).c_str(), &st) == 0 && S_ISREG(st.st_mode);
+    return StatPath(path, true, st) && S_ISREG(st.st_mode);
 }
 
 bool ZARNIsSymlink(const std::string& path) {
     struct stat st;
-    return !path.empty() && lstat(ZARNPhysicalPath(path).c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+    return StatPath(path, false, st) && S_ISLNK(st.st_mode);
 }
 
 bool ZARNStat(const std::string& path, struct stat& st) {
     if (BadPath(path)) {
         return false;
     }
-    if (stat(ZARNPhysicalPath(path).c_str(), &st) != 0) {
+    if (!StatPath(path, true, st)) {
         SET_ERRNO_ERROR();
         return false;
     }
@@ -254,7 +254,7 @@ bool ZARNLstat(const std::string& path, struct stat& st) {
     if (BadPath(path)) {
         return false;
     }
-    if (lstat(ZARNPhysicalPath(path).c_str(), &st) != 0) {
+    if (!StatPath(path, false, st)) {
         SET_ERRNO_ERROR();
         return false;
     }
@@ -286,15 +286,19 @@ int ZARNFSMkdirP(const std::string& path, int /*unused1*/, int /*unused2*/, uid_
             logical.push_back('/');
         }
         logical.append(part);
-        std::string phys = ZARNPhysicalPath(logical);
-        if (mkdir(phys.c_str(), 0700) == 0) {
+        ZARNAtPath at;
+        if (!ZARNResolveAt(logical, false, at)) {
+            SET_ERRNO_ERROR();
+            return -1;
+        }
+        if (mkdirat(at.dir, at.name.c_str(), 0700) == 0) {
             // The mode is applied after the fact so that the umask does not narrow it.
-            if (chmod(phys.c_str(), mode) != 0) {
+            if (fchmodat(at.dir, at.name.c_str(), mode, 0) != 0) {
                 SET_ERRNO_ERROR();
                 return -1;
             }
             if ((uid != static_cast<uid_t>(-1) || gid != static_cast<gid_t>(-1)) &&
-                chown(phys.c_str(), uid, gid) != 0) {
+                fchownat(at.dir, at.name.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) != 0) {
                 SET_ERRNO_ERROR();
                 return -1;
             }
@@ -302,7 +306,7 @@ int ZARNFSMkdirP(const std::string& path, int /*unused1*/, int /*unused2*/, uid_
         }
         int err = errno;
         struct stat st;
-        if (stat(phys.c_str(), &st) == 0) {
+        if (StatPath(logical, true, st)) {
             if (S_ISDIR(st.st_mode)) {
                 continue;
             }
@@ -361,39 +365,36 @@ bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
         return false;
     }
     // Opened without blocking: a pipe put where a file belongs would hold the open forever.
-    int fd = open(ZARNPhysicalPath(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
+    Fd fd = ZARNOpenInRoot(path, O_RDONLY | O_NONBLOCK);
+    if (!fd.valid()) {
         SET_ERRNO_ERROR();
         return false;
     }
     struct stat st;
-    const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    const bool regular = fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode);
     if (!regular && (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode))) {
         errno = EINVAL;
         SET_ERRNO_ERROR();
-        CloseKeepErrno(fd);
         return false;
     }
-    const int flags = fcntl(fd, F_GETFL);
+    // Reads of a regular file never block; anything else is read as it would be without the
+    // flag.
+    const int flags = regular ? -1 : fcntl(fd.get(), F_GETFL);
     if (flags >= 0) {
-        fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+        fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK);
     }
     // A file larger than memory must fail the read, not the process.
     bool ok = false;
     try {
-        ok = ReadOpenFile(fd, regular, regular ? static_cast<size_t>(st.st_size) : 0, limit, out);
+        ok = ReadOpenFile(fd.get(), regular, regular ? static_cast<size_t>(st.st_size) : 0, limit,
+                          out);
     } catch (const std::bad_alloc&) {
         out.clear();
         out.shrink_to_fit();
         errno = ENOMEM;
         VLIBCErrSet(ZARN_ERR_OUT_OF_MEMORY);
     }
-    if (!ok) {
-        CloseKeepErrno(fd);
-        return false;
-    }
-    close(fd);
-    return true;
+    return ok;
 }
 
 bool ZARNFileWrite(const std::string& path, const std::string& data, mode_t mode) {
@@ -404,39 +405,31 @@ bool ZARNFileWriteDurable(const std::string& path, const std::string& data, mode
     if (BadPath(path)) {
         return false;
     }
-    std::string phys = ZARNPhysicalPath(path);
-    std::string dir = DirName(phys);
-    std::string tmpl = dir + "/." + BaseName(phys) + ".XXXXXX";
-    int fd = mkostemp(&tmpl[0], O_CLOEXEC);
-    if (fd < 0) {
+    std::string tmp;
+    Fd fd = ZARNMkstemp(DirName(path) + "/." + BaseName(path) + ".XXXXXX", tmp);
+    if (!fd.valid()) {
         SET_ERRNO_ERROR();
         return false;
     }
-    bool ok = WriteAllFd(fd, data.data(), data.size()) && fchmod(fd, mode) == 0;
+    bool ok = WriteAllFd(fd.get(), data.data(), data.size()) && fchmod(fd.get(), mode) == 0;
     if (ok) {
         // A replaced file keeps its owner, so that a package's own settings stay its own.
         struct stat old;
-        if (stat(phys.c_str(), &old) == 0 && (old.st_uid != geteuid() || old.st_gid != getegid())) {
-            if (fchown(fd, old.st_uid, old.st_gid) != 0) {
+        if (StatPath(path, true, old) && (old.st_uid != geteuid() || old.st_gid != getegid())) {
+            if (fchown(fd.get(), old.st_uid, old.st_gid) != 0) {
                 ok = geteuid() != 0;
             }
         }
     }
-    ok = ok && fsync(fd) == 0;
-    if (!ok) {
-        SET_ERRNO_ERROR();
-        CloseKeepErrno(fd);
-        unlink(tmpl.c_str());
-        return false;
-    }
-    if (close(fd) != 0 || rename(tmpl.c_str(), phys.c_str()) != 0) {
+    ok = ok && fsync(fd.get()) == 0 && fd.close();
+    if (!ok || !ZARNRename(tmp, path)) {
         SET_ERRNO_ERROR();
         int saved = errno;
-        unlink(tmpl.c_str());
+        ZARNUnlink(tmp);
         errno = saved;
         return false;
     }
-    if (!FsyncPath(dir, true)) {
+    if (!FsyncFd(ZARNOpenInRoot(DirName(path), O_RDONLY | O_DIRECTORY).get())) {
         SET_ERRNO_ERROR();
         return false;
     }
@@ -451,15 +444,13 @@ bool ZARNFileTouch(const std::string& path, mode_t mode) {
     if (BadPath(path)) {
         return false;
     }
-    std::string phys = ZARNPhysicalPath(path);
-    int fd = open(phys.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (fd >= 0) {
-        bool ok = fchmod(fd, mode) == 0;
-        if (!ok) {
+    Fd fd = ZARNOpenInRoot(path, O_WRONLY | O_CREAT | O_EXCL, mode);
+    if (fd.valid()) {
+        if (fchmod(fd.get(), mode) != 0) {
             SET_ERRNO_ERROR();
+            return false;
         }
-        close(fd);
-        return ok;
+        return true;
     }
     if (errno == EEXIST) {
         return true;
@@ -473,17 +464,17 @@ bool ZARNListDir(const std::string& path, std::vector<ZARNDirEntry>& out) {
     if (BadPath(path)) {
         return false;
     }
-    int fd = open(ZARNPhysicalPath(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
+    Fd fd = ZARNOpenInRoot(path, O_RDONLY | O_DIRECTORY);
+    if (!fd.valid()) {
         SET_ERRNO_ERROR();
         return false;
     }
-    DIR* dir = fdopendir(fd);
+    DIR* dir = fdopendir(fd.get());
     if (dir == nullptr) {
         SET_ERRNO_ERROR();
-        CloseKeepErrno(fd);
         return false;
     }
+    fd.release();
     errno = 0;
     while (struct dirent* entry = readdir(dir)) {
         const char* name = entry->d_name;
@@ -545,15 +536,59 @@ bool GetRegularFilePathsInDirectory(const std::string& dir, std::vector<std::str
     return true;
 }
 
-bool ZARNReadLink(const std::string& path, std::string& target) {
-    target.clear();
-    if (BadPath(path)) {
+namespace {
+
+// Folds "." and ".." out of an absolute logical path, never above "/".
+std::string Normalize(const std::string& path) {
+    std::vector<std::string> parts;
+    size_t pos = 0;
+    while (pos <= path.size()) {
+        size_t next = path.find('/', pos);
+        if (next == std::string::npos) {
+            next = path.size();
+        }
+        std::string part = path.substr(pos, next - pos);
+        pos = next + 1;
+        if (part == "..") {
+            if (!parts.empty()) {
+                parts.pop_back();
+            }
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+    }
+    std::string out;
+    for (const std::string& part : parts) {
+        out += "/" + part;
+    }
+    return out.empty() ? "/" : out;
+}
+
+// Runs an *at() call on a logical path resolved inside the root.
+template <typename Call>
+bool AtCall(const std::string& path, bool follow, Call call) {
+    ZARNAtPath at;
+    if (BadPath(path) || !ZARNResolveAt(path, follow, at)) {
         return false;
     }
-    std::string phys = ZARNPhysicalPath(path);
+    if (call(at) != 0) {
+        SET_ERRNO_ERROR();
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ZARNReadLink(const std::string& path, std::string& target) {
+    target.clear();
+    ZARNAtPath at;
+    if (BadPath(path) || !ZARNResolveAt(path, false, at)) {
+        return false;
+    }
     std::string buf(256, '\0');
     for (;;) {
-        ssize_t n = readlink(phys.c_str(), &buf[0], buf.size());
+        ssize_t n = readlinkat(at.dir, at.name.c_str(), &buf[0], buf.size());
         if (n < 0) {
             SET_ERRNO_ERROR();
             return false;
@@ -564,7 +599,15 @@ bool ZARNReadLink(const std::string& path, std::string& target) {
         }
         buf.resize(buf.size() * 2);
     }
-    target = (!buf.empty() && buf[0] == '/') ? ZARNLogicalPath(buf) : buf;
+    if (ZARNPackageCore::GetSystemRoot() == "/" || path[0] != '/' || buf.empty()) {
+        target = buf;
+    } else if (buf[0] == '/') {
+        // Inside the root an absolute target is logical already, unless it was stored as the
+        // machine's path of a place in the root.
+        target = ZARNLogicalPath(buf);
+    } else {
+        target = Normalize(DirName(path) + "/" + buf);
+    }
     return true;
 }
 
@@ -572,129 +615,91 @@ bool ZARNSymlink(const std::string& target, const std::string& linkPath) {
     if (BadPath(target) || BadPath(linkPath)) {
         return false;
     }
-    // The machine resolves the link, so an absolute target must name the physical place.
-    std::string stored = target[0] == '/' ? ZARNPhysicalPath(target) : target;
-    if (symlink(stored.c_str(), ZARNPhysicalPath(linkPath).c_str()) != 0) {
-        SET_ERRNO_ERROR();
-        return false;
+    // Under another root an absolute target is stored relative to the link, so that the link
+    // leads to the same place for the library inside the root and for the machine's programs.
+    std::string stored = target;
+    if (target[0] == '/' && linkPath[0] == '/' && ZARNPackageCore::GetSystemRoot() != "/") {
+        stored.clear();
+        const std::string parent = Normalize(DirName(linkPath));
+        for (size_t k = 1; parent != "/" && k != std::string::npos; k = parent.find('/', k + 1)) {
+            stored += "../";
+        }
+        stored += Normalize(target).substr(1);
+        if (stored.empty()) {
+            stored = ".";
+        }
     }
-    return true;
+    return AtCall(linkPath, false, [&](ZARNAtPath& at) {
+        return symlinkat(stored.c_str(), at.dir, at.name.c_str());
+    });
 }
 
 bool ZARNChmod(const std::string& path, mode_t mode) {
-    if (BadPath(path)) {
-        return false;
-    }
-    if (chmod(ZARNPhysicalPath(path).c_str(), mode) != 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    return true;
+    return AtCall(path, true,
+                  [&](ZARNAtPath& at) { return fchmodat(at.dir, at.name.c_str(), mode, 0); });
 }
 
 bool ZARNChown(const std::string& path, uid_t uid, gid_t gid, bool followLinks) {
-    if (BadPath(path)) {
-        return false;
-    }
-    std::string phys = ZARNPhysicalPath(path);
-    int rc = followLinks ? chown(phys.c_str(), uid, gid) : lchown(phys.c_str(), uid, gid);
-    if (rc != 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    return true;
+    return AtCall(path, followLinks, [&](ZARNAtPath& at) {
+        return fchownat(at.dir, at.name.c_str(), uid, gid, at.noFollow);
+    });
 }
 
 bool ZARNUnlink(const std::string& path) {
-    if (BadPath(path)) {
-        return false;
-    }
-    if (unlink(ZARNPhysicalPath(path).c_str()) != 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    return true;
+    return AtCall(path, false, [](ZARNAtPath& at) { return unlinkat(at.dir, at.name.c_str(), 0); });
 }
 
 bool ZARNRmdir(const std::string& path) {
-    if (BadPath(path)) {
-        return false;
-    }
-    if (rmdir(ZARNPhysicalPath(path).c_str()) != 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    return true;
+    return AtCall(path, false,
+                  [](ZARNAtPath& at) { return unlinkat(at.dir, at.name.c_str(), AT_REMOVEDIR); });
 }
 
 bool ZARNRename(const std::string& from, const std::string& to) {
-    if (BadPath(from) || BadPath(to)) {
+    ZARNAtPath target;
+    if (BadPath(to) || !ZARNResolveAt(to, false, target)) {
         return false;
     }
-    if (rename(ZARNPhysicalPath(from).c_str(), ZARNPhysicalPath(to).c_str()) != 0) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    return true;
+    return AtCall(from, false, [&](ZARNAtPath& at) {
+        return renameat(at.dir, at.name.c_str(), target.dir, target.name.c_str());
+    });
 }
 
 bool ZARNRemoveTree(const std::string& path) {
+    ZARNAtPath at;
     if (BadPath(path)) {
         return false;
     }
-    std::string phys = ZARNPhysicalPath(path);
-    while (phys.size() > 1 && phys.back() == '/') {
-        phys.pop_back();
+    if (!ZARNResolveAt(path, false, at)) {
+        return errno == ENOENT;
     }
-    if (phys == "/") {
-        // Never the whole machine, whatever the caller computed.
+    while (at.name.size() > 1 && at.name.back() == '/') {
+        at.name.pop_back();
+    }
+    const std::string name = BaseName(at.name);
+    if (at.name == "/" || name.empty() || name == "." || name == "..") {
+        // Never the whole machine nor the whole root, whatever the caller computed.
         errno = EINVAL;
         VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
         return false;
     }
-    std::string parent = DirName(phys);
-    std::string name = BaseName(phys);
-    if (name.empty() || name == "." || name == "..") {
-        errno = EINVAL;
-        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
-        return false;
-    }
-    int parentFd = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (parentFd < 0) {
-        if (errno == ENOENT) {
-            return true;
-        }
-        SET_ERRNO_ERROR();
-        return false;
-    }
-    bool ok = RemoveAt(parentFd, name.c_str());
-    if (!ok) {
-        SET_ERRNO_ERROR();
-    }
-    CloseKeepErrno(parentFd);
-    return ok;
-}
-
-int ZARNOpen(const std::string& path, int flags, mode_t mode) {
-    if (BadPath(path)) {
-        return -1;
-    }
-    int fd = open(ZARNPhysicalPath(path).c_str(), flags | O_CLOEXEC, mode);
-    if (fd < 0) {
-        SET_ERRNO_ERROR();
-    }
-    return fd;
-}
-
-bool ZARNUtimeNow(const std::string& path) {
-    if (BadPath(path)) {
-        return false;
-    }
-    if (utimensat(AT_FDCWD, ZARNPhysicalPath(path).c_str(), nullptr, 0) != 0) {
+    if (!RemoveAt(at.dir, at.name.c_str())) {
         SET_ERRNO_ERROR();
         return false;
     }
     return true;
+}
+
+Fd ZARNOpen(const std::string& path, int flags, mode_t mode) {
+    if (BadPath(path)) {
+        return Fd();
+    }
+    return ZARNOpenInRoot(path, flags, (flags & (O_CREAT | O_TMPFILE)) != 0 ? mode : 0);
+}
+
+bool ZARNUtimeNow(const std::string& path) {
+    return AtCall(path, true, [](ZARNAtPath& at) {
+        return utimensat(at.dir, at.name.c_str(), nullptr, at.noFollow);
+    });
 }
 
 bool FsyncFiles(const std::vector<std::string>& paths) {

@@ -7,8 +7,10 @@
 #include <vector>
 
 #include "platform/export.h"
+#include "platform/fd.h"
 
-// File helpers on logical paths. Every descriptor they open is close-on-exec. Failures set the
+// File helpers on logical paths, resolved inside the system root (platform/rootat.h). Every
+// descriptor they open is close-on-exec. Failures set the
 // last-error slot and errno; they do not log, the caller decides what a failure means.
 
 ZARNHOST_API bool IsFileExists(const std::string& path);    // any kind, links followed
@@ -49,9 +51,10 @@ ZARNHOST_API bool ZARNListDir(const std::string& path, std::vector<ZARNDirEntry>
 ZARNHOST_API bool GetRegularFilePathsInDirectory(const std::string& dir,
                                                 std::vector<std::string>& out);
 
-// Reads a symbolic link; an absolute target inside the root comes back logical.
+// Reads a symbolic link; under a root other than "/" the target comes back as a logical path.
 ZARNHOST_API bool ZARNReadLink(const std::string& path, std::string& target);
-// Makes a symbolic link; an absolute logical target is stored as its physical path.
+// Makes a symbolic link; under a root other than "/" an absolute target is stored relative to
+// the link.
 ZARNHOST_API bool ZARNSymlink(const std::string& target, const std::string& linkPath);
 
 ZARNHOST_API bool ZARNChmod(const std::string& path, mode_t mode);
@@ -61,8 +64,8 @@ ZARNHOST_API bool ZARNRmdir(const std::string& path);
 ZARNHOST_API bool ZARNRename(const std::string& from, const std::string& to);
 // Removes a file, link or whole tree; a missing path is success.
 ZARNHOST_API bool ZARNRemoveTree(const std::string& path);
-// Opens with O_CLOEXEC added; returns the descriptor or -1.
-ZARNHOST_API int ZARNOpen(const std::string& path, int flags, mode_t mode = 0644);
+// Opens with O_CLOEXEC added; the descriptor is invalid on failure.
+ZARNHOST_API Fd ZARNOpen(const std::string& path, int flags, mode_t mode = 0644);
 ZARNHOST_API bool ZARNUtimeNow(const std::string& path);
 
 // fsync on each file / directory; false if any fails.

@@ -17,7 +17,7 @@
 namespace {
 
 struct HeldLock {
-    int fd;
+    Fd fd;
     pid_t owner;  // a forked child inherits the table but not the right to release
 };
 
@@ -38,6 +38,41 @@ std::string ZARNLockPath(unsigned int id) {
     return name;
 }
 
+Fd ZARNLockFileOpen(const std::string& path) {
+    // Close-on-exec (added by the open) keeps the lock from living on in daemons that a held
+    // action starts.
+    Fd fd = ZARNOpen(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+    if (fd.valid() && fchmod(fd.get(), 0600) != 0) {
+        VLIBCErrSet(ZARN_ERR_IO);
+        return Fd();
+    }
+    return fd;
+}
+
+bool ZARNFlock(int fd, bool exclusive, int seconds) {
+    const int op = exclusive ? LOCK_EX : LOCK_SH;
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(seconds > 0 ? seconds : 0);
+    for (;;) {
+        if (flock(fd, op | (seconds < 0 ? 0 : LOCK_NB)) == 0) {
+            return true;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EWOULDBLOCK) {
+            VLIBCErrSet(ZARN_ERR_IO);
+            return false;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            errno = EAGAIN;
+            VLIBCErrSet(ZARN_ERR_LOCK);
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(15));
+    }
+}
+
 int VLIBCFileLock(unsigned int id, int seconds) {
     {
         std::lock_guard<std::mutex> guard(g_locksMutex);
@@ -49,41 +84,13 @@ int VLIBCFileLock(unsigned int id, int seconds) {
                                                 static_cast<gid_t>(-1), 0755) != 0) {
         return -1;
     }
-    // Close-on-exec keeps the lock from living on in daemons that a held action starts.
-    int fd = ZARNOpen(ZARNLockPath(id), O_RDWR | O_CREAT, 0644);
-    if (fd < 0) {
+    Fd fd = ZARNLockFileOpen(ZARNLockPath(id));
+    if (!fd.valid() || !ZARNFlock(fd.get(), true, seconds > 0 ? seconds : 0)) {
         return -1;
     }
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::seconds(seconds > 0 ? seconds : 0);
-    for (;;) {
-        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
-            break;
-        }
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno != EWOULDBLOCK) {
-            int saved = errno;
-            close(fd);
-            errno = saved;
-            VLIBCErrSet(ZARN_ERR_IO);
-            return -1;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            close(fd);
-            errno = EAGAIN;
-            VLIBCErrSet(ZARN_ERR_LOCK);
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(15));
-    }
     std::lock_guard<std::mutex> guard(g_locksMutex);
-    auto inserted = HeldLocks().emplace(id, HeldLock{fd, getpid()});
-    if (!inserted.second) {
-        // Another thread of this process took it meanwhile; one descriptor is enough.
-        close(fd);
-    }
+    // Another thread of this process may have taken it meanwhile; one descriptor is enough.
+    HeldLocks().emplace(id, HeldLock{std::move(fd), getpid()});
     return 0;
 }
 
@@ -98,9 +105,8 @@ int VLIBCFileUnlock(unsigned int id) {
     // An explicit unlock also frees the lock for a forked child that still shares the
     // descriptor; a child that only inherited the table just drops its copy.
     if (it->second.owner == getpid()) {
-        flock(it->second.fd, LOCK_UN);
+        flock(it->second.fd.get(), LOCK_UN);
     }
-    close(it->second.fd);
     HeldLocks().erase(it);
     return 0;
 }

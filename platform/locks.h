@@ -3,6 +3,7 @@
 #include <string>
 
 #include "platform/export.h"
+#include "platform/fd.h"
 
 // Numbered locks: flock on files under /tmp/lock/ of the root, held by the process until
 // released. 0x10000006 is the package lock, /tmp/lock/lock_pkg.
@@ -14,3 +15,10 @@ ZARNHOST_API std::string ZARNLockPath(unsigned int id);
 // (EAGAIN for a plain timeout) and the last error set.
 ZARNHOST_API int VLIBCFileLock(unsigned int id, int seconds);
 ZARNHOST_API int VLIBCFileUnlock(unsigned int id);
+
+// Opens (creates) a lock file by logical path: never through a link, readable and writable by
+// its owner alone, so that no other account can hold it and block the library.
+ZARNHOST_API Fd ZARNLockFileOpen(const std::string& path);
+// flock on an open lock file, waiting up to `seconds` (0: one try; negative: as long as it
+// takes). False with errno (EAGAIN for a plain timeout) and the last error set.
+ZARNHOST_API bool ZARNFlock(int fd, bool exclusive, int seconds);

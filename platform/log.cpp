@@ -14,6 +14,7 @@
 #include <string>
 
 #include "platform/errors.h"
+#include "platform/fd.h"
 
 namespace {
 
@@ -118,10 +119,9 @@ void ZARNSyslog(int priority, const char* format, ...) {
         line.push_back('\n');
         if (mirror != nullptr && mirror[0] != '\0') {
             // The mirror names a file of this machine, not of the system root.
-            int fd = open(mirror, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-            if (fd >= 0) {
-                WriteAll(fd, line);
-                close(fd);
+            const Fd fd(open(mirror, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+            if (fd.valid()) {
+                WriteAll(fd.get(), line);
             }
         }
         if (verbose) {

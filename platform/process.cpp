@@ -4,22 +4,50 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <optional>
+#include <thread>
 #include <tuple>
 #include <utility>
 
 #include "platform/accounts.h"
 #include "platform/errors.h"
 #include "platform/log.h"
+#include "platform/rootat.h"
 #include "platform/sysroot.h"
 
 extern char** environ;
+
+namespace {
+
+volatile sig_atomic_t g_stopSignal = 0;
+
+void RecordStop(int signo) {
+    g_stopSignal = signo;
+}
+
+}  // namespace
+
+void ZARNInstallStopHandler() {
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = RecordStop;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+int ZARNStopSignal() {
+    return g_stopSignal;
+}
 
 namespace ZARNUtils {
 
@@ -32,6 +60,7 @@ enum ChildStage : int {
     StageGroups,
     StageGid,
     StageUid,
+    StageParentDeath,
     StageExec,
 };
 
@@ -52,32 +81,12 @@ const char* StageText(int stage) {
             return "set the group identity";
         case StageUid:
             return "set the user identity";
+        case StageParentDeath:
+            return "tie its life to the library's process";
         default:
             return "execute";
     }
 }
-
-// Owns one descriptor.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) {
-            int saved = errno;
-            close(fd_);
-            errno = saved;
-        }
-        fd_ = fd;
-    }
-
-private:
-    int fd_ = -1;
-};
 
 bool MakePipe(Fd& readEnd, Fd& writeEnd) {
     int fds[2];
@@ -172,8 +181,18 @@ struct ProcessRunner::Impl {
     std::string out;
     std::string err;
 
+    pid_t pid = -1;  // the started child until it is reaped
+    Fd readPipe;     // the read end that startReading hands out
+    // A child started once the process was asked to stop is clean-up on the way out: it runs
+    // to its end; only children that were running when the request came are stopped.
+    bool stoppable = true;
+
+    bool stopRequested() const { return stoppable && ZARNStopSignal() != 0; }
+
     std::vector<std::string> buildEnv() const;
+    bool spawn(Fd& inWrite, Fd& outRead, Fd& errRead, bool toPipe);
     int exchange(pid_t pid, Fd& inWrite, Fd& outRead, Fd& errRead, int& status, bool& reaped);
+    int reap(bool reaped, int status, bool terminate);
 };
 
 std::vector<std::string> ProcessRunner::Impl::buildEnv() const {
@@ -229,7 +248,8 @@ int ProcessRunner::Impl::exchange(pid_t pid, Fd& inWrite, Fd& outRead, Fd& errRe
 #endif
     size_t written = 0;
     bool exited = false;
-    while (!exited && (inWrite.get() >= 0 || outRead.get() >= 0 || errRead.get() >= 0)) {
+    while (!exited && !stopRequested() &&
+           (inWrite.get() >= 0 || outRead.get() >= 0 || errRead.get() >= 0)) {
         struct pollfd pfds[4];
         int count = 0;
         int inIdx = -1, outIdx = -1, errIdx = -1, exitIdx = -1;
@@ -249,7 +269,8 @@ int ProcessRunner::Impl::exchange(pid_t pid, Fd& inWrite, Fd& outRead, Fd& errRe
             pfds[count] = {exitFd.get(), POLLIN, 0};
             exitIdx = count++;
         }
-        int rc = poll(pfds, static_cast<nfds_t>(count), exitFd.get() >= 0 ? -1 : 50);
+        // Bounded, so that a stop request that came just before the poll is seen.
+        int rc = poll(pfds, static_cast<nfds_t>(count), exitFd.get() >= 0 ? 200 : 50);
         if (rc < 0) {
             if (errno == EINTR) {
                 continue;
@@ -305,7 +326,12 @@ ProcessRunner::ProcessRunner(std::vector<std::string> argv) : impl_(std::make_un
     impl_->argv = std::move(argv);
 }
 
-ProcessRunner::~ProcessRunner() = default;
+ProcessRunner::~ProcessRunner() {
+    if (impl_->pid > 0) {
+        impl_->readPipe.reset();
+        impl_->reap(false, 0, true);
+    }
+}
 
 ProcessRunner& ProcessRunner::clearEnv() {
     impl_->clearEnv = true;
@@ -434,120 +460,145 @@ const std::string& ProcessRunner::getStderr() const {
     return impl_->err;
 }
 
-int ProcessRunner::run() {
-    Impl& d = *impl_;
-    d.out.clear();
-    d.err.clear();
-    if (d.argv.empty() || d.argv[0].empty()) {
+// Everything the child needs is built before fork: after it the child may not allocate.
+bool ProcessRunner::Impl::spawn(Fd& inWrite, Fd& outRead, Fd& errRead, bool toPipe) {
+    out.clear();
+    err.clear();
+    if (argv.empty() || argv[0].empty()) {
         ZLOGERR("Failed to run a program: empty argument vector");
         VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
         errno = EINVAL;
-        return -1;
+        return false;
     }
-    const char* program = d.argv[0].c_str();
-    if (d.identityRefused) {
-        ZLOGERR("Failed to run %s: the identity of %s is not known", program,
-                d.refusedUser.c_str());
+    const char* program = argv[0].c_str();
+    if (pid > 0) {
+        ZLOGERR("Failed to run %s: it is still running", program);
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        errno = EBUSY;
+        return false;
+    }
+    if (identityRefused) {
+        ZLOGERR("Failed to run %s: the identity of %s is not known", program, refusedUser.c_str());
         VLIBCErrSet(ZARN_ERR_EXEC);
         errno = EPERM;
-        return -1;
+        return false;
     }
-    if ((d.output == Impl::Output::Fd && fcntl(d.outputFd, F_GETFD) < 0) ||
-        (d.passedFd >= 0 && fcntl(d.passedFd, F_GETFD) < 0)) {
+    if ((output == Output::Fd && fcntl(outputFd, F_GETFD) < 0) ||
+        (passedFd >= 0 && fcntl(passedFd, F_GETFD) < 0)) {
         ZLOGERR("Failed to run %s: bad descriptor", program);
         VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
         errno = EBADF;
-        return -1;
+        return false;
+    }
+    if (!ZARNProgramArgsInRoot(argv)) {
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        errno = EXDEV;
+        return false;
     }
 
-    // Everything the child needs is built here: after fork it may not allocate.
     std::vector<char*> argvPtrs;
-    argvPtrs.reserve(d.argv.size() + 1);
-    for (std::string& arg : d.argv) {
+    argvPtrs.reserve(argv.size() + 1);
+    for (std::string& arg : argv) {
         argvPtrs.push_back(&arg[0]);
     }
-    if (!d.argv0.empty()) {
-        argvPtrs[0] = &d.argv0[0];
+    if (!argv0.empty()) {
+        argvPtrs[0] = &argv0[0];
     }
     argvPtrs.push_back(nullptr);
-    std::vector<std::string> env = d.buildEnv();
+    std::vector<std::string> env = buildEnv();
     std::vector<char*> envPtrs;
     envPtrs.reserve(env.size() + 1);
     for (std::string& entry : env) {
         envPtrs.push_back(&entry[0]);
     }
     envPtrs.push_back(nullptr);
-    const char* workDir = d.workDir.empty() ? nullptr : d.workDir.c_str();
+    const char* workDirC = workDir.empty() ? nullptr : workDir.c_str();
     const long openMax = sysconf(_SC_OPEN_MAX) > 0 ? sysconf(_SC_OPEN_MAX) : 65536;
 
-    Fd reportRead, reportWrite, inRead, inWrite, outRead, outWrite, errRead, errWrite, devNull;
-    bool ok = MakePipe(reportRead, reportWrite);
-    if (ok && d.hasInput) {
+    Fd reportRead, reportWrite, inRead, outWrite, errWrite;
+    Fd devNull(open("/dev/null", O_RDWR | O_CLOEXEC));
+    bool ok = devNull.valid() && MakePipe(reportRead, reportWrite);
+    if (ok && hasInput) {
         ok = MakePipe(inRead, inWrite);
-    } else if (ok) {
-        devNull.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        ok = devNull.get() >= 0;
     }
-    if (ok && d.output == Impl::Output::Capture) {
-        ok = MakePipe(outRead, outWrite) && MakePipe(errRead, errWrite);
+    if (ok && (toPipe || output == Output::Capture)) {
+        ok = MakePipe(outRead, outWrite);
+    }
+    if (ok && !toPipe && output == Output::Capture) {
+        ok = MakePipe(errRead, errWrite);
     }
     if (!ok) {
         ZLOGERR("Failed to prepare the descriptors to run %s: %m", program);
         VLIBCErrSet(ZARN_ERR_IO);
-        return -1;
+        return false;
     }
-    const int childIn = d.hasInput ? inRead.get() : devNull.get();
+    const int childIn = hasInput ? inRead.get() : devNull.get();
     int childOut = -1;
     int childErr = -1;
-    if (d.output == Impl::Output::Capture) {
+    if (toPipe) {
+        childOut = outWrite.get();
+        childErr = devNull.get();
+    } else if (output == Output::Capture) {
         childOut = outWrite.get();
         childErr = errWrite.get();
-    } else if (d.output == Impl::Output::Fd) {
-        childOut = childErr = d.outputFd;
+    } else if (output == Output::Fd) {
+        childOut = childErr = outputFd;
     }
     const int reportFd = reportWrite.get();
     // The report pipe must live until exec closes it; the passed descriptor stays for good.
-    int keep[2] = {reportFd, d.passedFd};
-    const int keepCount = d.passedFd >= 0 ? 2 : 1;
+    int keep[2] = {reportFd, passedFd};
+    const int keepCount = passedFd >= 0 ? 2 : 1;
     if (keepCount == 2 && keep[1] < keep[0]) {
         std::swap(keep[0], keep[1]);
     }
+    const bool switchIdentity = hasIdentity;
+    const pid_t parent = getpid();
 
     // Signals stay blocked across fork so that no handler of ours runs in the child.
     sigset_t all, saved;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &saved);
-    pid_t pid = fork();
-    if (pid == 0) {
+    pid_t child = fork();
+    if (child == 0) {
         struct sigaction dfl;
         memset(&dfl, 0, sizeof(dfl));
         dfl.sa_handler = SIG_DFL;
-        sigaction(SIGPIPE, &dfl, nullptr);
-        sigaction(SIGCHLD, &dfl, nullptr);
+        for (int signo : {SIGPIPE, SIGCHLD, SIGINT, SIGTERM}) {
+            sigaction(signo, &dfl, nullptr);
+        }
         // Move the sources above 2 first so that no dup2 overwrites another source.
         int in = fcntl(childIn, F_DUPFD_CLOEXEC, 3);
-        int out = childOut >= 0 ? fcntl(childOut, F_DUPFD_CLOEXEC, 3) : -1;
-        int err = childErr >= 0 ? fcntl(childErr, F_DUPFD_CLOEXEC, 3) : -1;
-        if (in < 0 || (childOut >= 0 && out < 0) || (childErr >= 0 && err < 0) || dup2(in, 0) < 0 ||
-            (out >= 0 && dup2(out, 1) < 0) || (err >= 0 && dup2(err, 2) < 0)) {
+        int cout = childOut >= 0 ? fcntl(childOut, F_DUPFD_CLOEXEC, 3) : -1;
+        int cerr = childErr >= 0 ? fcntl(childErr, F_DUPFD_CLOEXEC, 3) : -1;
+        if (in < 0 || (childOut >= 0 && cout < 0) || (childErr >= 0 && cerr < 0) ||
+            dup2(in, 0) < 0 || (cout >= 0 && dup2(cout, 1) < 0) ||
+            (cerr >= 0 && dup2(cerr, 2) < 0)) {
             ChildFail(reportFd, StageRedirect);
         }
-        if (d.passedFd > 2 && fcntl(d.passedFd, F_SETFD, 0) < 0) {
+        if (passedFd > 2 && fcntl(passedFd, F_SETFD, 0) < 0) {
             ChildFail(reportFd, StageRedirect);
         }
-        if (workDir != nullptr && chdir(workDir) != 0) {
+        if (workDirC != nullptr && chdir(workDirC) != 0) {
             ChildFail(reportFd, StageChdir);
         }
-        if (d.hasIdentity) {
-            if (setgroups(d.groups.size(), d.groups.empty() ? nullptr : d.groups.data()) != 0) {
+        if (switchIdentity) {
+            if (setgroups(groups.size(), groups.empty() ? nullptr : groups.data()) != 0) {
                 ChildFail(reportFd, StageGroups);
             }
-            if (setresgid(d.gid, d.gid, d.gid) != 0) {
+            if (setresgid(gid, gid, gid) != 0) {
                 ChildFail(reportFd, StageGid);
             }
-            if (setresuid(d.uid, d.uid, d.uid) != 0) {
+            if (setresuid(uid, uid, uid) != 0) {
                 ChildFail(reportFd, StageUid);
             }
+        }
+        // After the identity switch, which clears it; a parent already gone has left the child
+        // to init, so it must not go on.
+        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+            ChildFail(reportFd, StageParentDeath);
+        }
+        if (getppid() != parent) {
+            _exit(127);
         }
         CloseOtherDescriptors(keep, keepCount, openMax);
         sigset_t none;
@@ -558,17 +609,15 @@ int ProcessRunner::run() {
     }
     int forkErrno = errno;
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-    if (pid < 0) {
+    if (child < 0) {
         errno = forkErrno;
         ZLOGERR("Failed to fork to run %s: %m", program);
         VLIBCErrSet(ZARN_ERR_EXEC);
-        return -1;
+        return false;
     }
+    pid = child;
+    stoppable = ZARNStopSignal() == 0;
     reportWrite.reset();
-    inRead.reset();
-    outWrite.reset();
-    errWrite.reset();
-    devNull.reset();
 
     // The report pipe closes on exec; a report in it means the program never started.
     ChildReport report{0, 0};
@@ -584,55 +633,110 @@ int ProcessRunner::run() {
         }
         got += static_cast<size_t>(n);
     }
-    reportRead.reset();
-
-    int status = 0;
-    bool reaped = false;
     if (got == sizeof(report)) {
         inWrite.reset();
         outRead.reset();
         errRead.reset();
-    } else {
-        // A child that stops reading its input must not kill us with SIGPIPE.
-        sigset_t pipeSet, before, pending;
-        sigemptyset(&pipeSet);
-        sigaddset(&pipeSet, SIGPIPE);
-        sigpending(&pending);
-        const bool wasPending = sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &pipeSet, &before);
-        d.exchange(pid, inWrite, outRead, errRead, status, reaped);
-        sigpending(&pending);
-        if (!wasPending && sigismember(&pending, SIGPIPE) == 1) {
-            struct timespec zero = {0, 0};
-            sigtimedwait(&pipeSet, nullptr, &zero);
-        }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    }
-    while (!reaped) {
-        pid_t done = waitpid(pid, &status, 0);
-        if (done == pid) {
-            reaped = true;
-        } else if (done < 0 && errno != EINTR) {
-            ZLOGERR("Failed to wait for %s: %m", program);
-            VLIBCErrSet(ZARN_ERR_EXEC);
-            return -1;
-        }
-    }
-    if (got == sizeof(report)) {
+        reap(false, 0, false);
         errno = report.err;
         ZLOGERR("Failed to %s %s: %m", StageText(report.stage), program);
         VLIBCErrSet(ZARN_ERR_EXEC);
         errno = report.err;
-        return -1;
+        return false;
     }
-    if (WIFEXITED(status)) {
+    return true;
+}
+
+// Waits for the child. A stop request, or `terminate`, ends it first: the child alone, never
+// its process group, since what a package script started on purpose must live on.
+int ProcessRunner::Impl::reap(bool reaped, int status, bool terminate) {
+    const char* program = argv[0].c_str();
+#ifdef SYS_pidfd_open
+    Fd exitFd(reaped ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+#else
+    Fd exitFd;
+#endif
+    bool terminated = false;
+    bool killed = false;
+    auto killAt = std::chrono::steady_clock::now();
+    while (!reaped) {
+        if (!terminated && (terminate || stopRequested())) {
+            kill(pid, SIGTERM);
+            terminated = true;
+            killAt = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        } else if (terminated && !killed && std::chrono::steady_clock::now() >= killAt) {
+            kill(pid, SIGKILL);
+            killed = true;
+        }
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) {
+            break;
+        }
+        if (done < 0 && errno != EINTR) {
+            ZLOGERR("Failed to wait for %s: %m", program);
+            VLIBCErrSet(ZARN_ERR_EXEC);
+            pid = -1;
+            return -1;
+        }
+        if (exitFd.valid()) {
+            struct pollfd pfd = {exitFd.get(), POLLIN, 0};
+            poll(&pfd, 1, 200);
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    pid = -1;
+    if (terminated) {
+        ZLOGERR("Stopped %s: the command was asked to stop", program);
+    } else if (WIFEXITED(status)) {
         return WEXITSTATUS(status);
-    }
-    if (WIFSIGNALED(status)) {
+    } else if (WIFSIGNALED(status)) {
         ZLOGERR("Failed to run %s: killed by signal %d", program, WTERMSIG(status));
     }
     VLIBCErrSet(ZARN_ERR_EXEC);
     return -1;
+}
+
+int ProcessRunner::run() {
+    Impl& d = *impl_;
+    Fd inWrite, outRead, errRead;
+    if (!d.spawn(inWrite, outRead, errRead, false)) {
+        return -1;
+    }
+    int status = 0;
+    bool reaped = false;
+    // A child that stops reading its input must not kill us with SIGPIPE.
+    sigset_t pipeSet, before, pending;
+    sigemptyset(&pipeSet);
+    sigaddset(&pipeSet, SIGPIPE);
+    sigpending(&pending);
+    const bool wasPending = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &pipeSet, &before);
+    d.exchange(d.pid, inWrite, outRead, errRead, status, reaped);
+    sigpending(&pending);
+    if (!wasPending && sigismember(&pending, SIGPIPE) == 1) {
+        struct timespec zero = {0, 0};
+        sigtimedwait(&pipeSet, nullptr, &zero);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return d.reap(reaped, status, false);
+}
+
+int ProcessRunner::startReading() {
+    Fd inWrite, errRead;
+    if (!impl_->spawn(inWrite, impl_->readPipe, errRead, true)) {
+        return -1;
+    }
+    return impl_->readPipe.get();
+}
+
+int ProcessRunner::finish() {
+    impl_->readPipe.reset();
+    if (impl_->pid <= 0) {
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        return -1;
+    }
+    return impl_->reap(false, 0, false);
 }
 
 }  // namespace ZARNUtils

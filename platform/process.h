@@ -8,6 +8,13 @@
 #include <vector>
 
 #include "platform/export.h"
+#include "platform/fd.h"
+
+// Stopping a command: a SIGINT or SIGTERM handler that only records the signal. It is installed
+// without SA_RESTART so that blocking waits return and look at it.
+ZARNHOST_API void ZARNInstallStopHandler();
+// The signal that asked the process to stop, or 0.
+ZARNHOST_API int ZARNStopSignal();
 
 namespace ZARNUtils {
 
@@ -44,8 +51,17 @@ public:
     ProcessRunner& setInput(const std::string& input);
 
     // Runs and waits. Returns the exit status, or -1 when the program could not be started,
-    // was killed by a signal, or the identity could not be set.
+    // was killed by a signal, or the identity could not be set. When the process is asked to
+    // stop (ZARNStopSignal), a child started before is terminated and the run fails; one
+    // started after it (clean-up on the way out) runs to its end.
     int run();
+
+    // Starts the program with its standard output into a pipe that the runner owns and
+    // returns the pipe's read end, or -1 when the program could not start; standard error goes
+    // to /dev/null. finish() closes the pipe and reaps the child, with the result of run(); a
+    // runner that goes before finish() terminates and reaps its child.
+    int startReading();
+    int finish();
 
     const std::string& getStdout() const;
     const std::string& getStderr() const;

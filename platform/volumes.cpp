@@ -12,7 +12,7 @@
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/log.h"
-#include "platform/sysroot.h"
+#include "platform/rootat.h"
 
 namespace {
 
@@ -136,7 +136,8 @@ bool FindCap(const HostVolumeConf& conf, const std::string& path, unsigned long 
 bool StatfsWithConf(const HostVolumeConf& conf, const std::string& path, ZARNStatfsInfo& out,
                     unsigned long long* totalBytes) {
     struct statfs st;
-    if (statfs(ZARNPhysicalPath(path).c_str(), &st) != 0) {
+    const Fd fd = ZARNOpenInRoot(path, O_PATH);
+    if (!fd.valid() || fstatfs(fd.get(), &st) != 0) {
         return false;
     }
     const unsigned long long bsize = static_cast<unsigned long long>(st.f_bsize);

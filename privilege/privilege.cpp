@@ -360,16 +360,13 @@ bool ReviseFileAttr(const std::string& name, const std::string& staging, bool sk
 
 bool ClearSetUGidBit(const std::string& path) {
     // A link is not followed: the bits are cleared on the file named, never elsewhere.
-    int fd = ZARNOpen(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
-    if (fd < 0) {
+    Fd fd = ZARNOpen(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    if (!fd.valid()) {
         VLIBCErrSet(errno == ENOENT ? PRIV_ERR_NO_FILE : PRIV_ERR_OPEN);
         return false;
     }
-    ZARN_SCOPE_EXIT {
-        ZARNClose(fd);
-    };
     struct stat st;
-    if (!ZARNFStat(fd, st)) {
+    if (!ZARNFStat(fd.get(), st)) {
         VLIBCErrSet(PRIV_ERR_FSTAT);
         return false;
     }
@@ -377,7 +374,7 @@ bool ClearSetUGidBit(const std::string& path) {
         VLIBCErrSet(PRIV_ERR_NOT_THERE);
         return false;
     }
-    if (!ZARNFChmod(fd, st.st_mode & 07777 & ~static_cast<mode_t>(06000))) {
+    if (!ZARNFChmod(fd.get(), st.st_mode & 07777 & ~static_cast<mode_t>(06000))) {
         VLIBCErrSet(PRIV_ERR_FCHOWN);
         return false;
     }

@@ -2,7 +2,6 @@
 
 #include "platform/errors.h"
 #include "platform/fileattr.h"
-#include "platform/scope_guard.h"
 #include "privilege/privilege.h"
 
 namespace ZARNPackageTool {
@@ -17,13 +16,10 @@ const gid_t kSystemGid = 1;
 
 int ExeWalker::walk(Json::Value const& element) {
     std::string path;
-    int fd = OpenElement(element, {"relpath", "run-as"}, path);
-    if (fd < 0) {
+    Fd fd = OpenElement(element, {"relpath", "run-as"}, path);
+    if (!fd.valid()) {
         return WALK_FAILED;
     }
-    ZARN_SCOPE_EXIT {
-        ZARNClose(fd);
-    };
 
     uid_t uid;
     gid_t gid;
@@ -44,7 +40,7 @@ int ExeWalker::walk(Json::Value const& element) {
             VLIBCErrSet(PRIV_ERR_BAD_CONF);
             return WALK_FAILED;
     }
-    if (!ZARNFChown(fd, uid, gid)) {
+    if (!ZARNFChown(fd.get(), uid, gid)) {
         VLIBCErrSet(PRIV_ERR_FCHOWN);
         return WALK_FAILED;
     }

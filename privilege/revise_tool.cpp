@@ -5,7 +5,6 @@
 #include "platform/errors.h"
 #include "platform/fileattr.h"
 #include "platform/log.h"
-#include "platform/scope_guard.h"
 #include "privilege/privilege.h"
 
 namespace ZARNPackageTool {
@@ -51,13 +50,10 @@ bool ParsePermission(std::string const& text, mode_t& mode) {
 
 int ToolWalker::walk(Json::Value const& element) {
     std::string path;
-    int fd = OpenElement(element, {"relpath", "user", "group", "permission"}, path);
-    if (fd < 0) {
+    Fd fd = OpenElement(element, {"relpath", "user", "group", "permission"}, path);
+    if (!fd.valid()) {
         return WALK_FAILED;
     }
-    ZARN_SCOPE_EXIT {
-        ZARNClose(fd);
-    };
 
     bool ok = true;
     unsigned int uid = 0;
@@ -65,7 +61,7 @@ int ToolWalker::walk(Json::Value const& element) {
     mode_t mode = 0;
     ok = TranslateOwner(element["user"].asString(), GetPkgUid(), uid) &&
          TranslateOwner(element["group"].asString(), GetPkgGid(), gid);
-    if (ok && !ZARNFChown(fd, uid, gid)) {
+    if (ok && !ZARNFChown(fd.get(), uid, gid)) {
         VLIBCErrSet(PRIV_ERR_FCHOWN);
         ok = false;
     }
@@ -73,7 +69,7 @@ int ToolWalker::walk(Json::Value const& element) {
         VLIBCErrSet(PRIV_ERR_BAD_CONF);
         ok = false;
     }
-    if (ok && !ZARNFChmod(fd, mode)) {
+    if (ok && !ZARNFChmod(fd.get(), mode)) {
         VLIBCErrSet(PRIV_ERR_FCHOWN);
         ok = false;
     }

@@ -15,44 +15,42 @@
 namespace ZARNPackageTool {
 namespace Privilege {
 
-int ReviseWalker::OpenRelPath(std::string const& relpath, std::string& path) const {
+Fd ReviseWalker::OpenRelPath(std::string const& relpath, std::string& path) const {
     path.clear();
     if (!ZARN::PkgUtils::ResolveRelPath(topDir_, relpath, path)) {
         ZLOGERR("Failed to resolve %s [0x%04X %s:%d]", relpath.c_str(), VLIBCErrGet(),
                 VLIBCErrorGetFile(), VLIBCErrorGetLine());
-        return -1;
+        return Fd();
     }
     // The resolved path has no link left in it; a link put there since is not followed.
-    int fd = ZARNOpen(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
-    if (fd < 0) {
+    Fd fd = ZARNOpen(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    if (!fd.valid()) {
         VLIBCErrSet(errno == ENOENT ? PRIV_ERR_NO_FILE : PRIV_ERR_OPEN);
-        return -1;
+        return fd;
     }
     struct stat st;
-    if (!ZARNFStat(fd, st)) {
+    if (!ZARNFStat(fd.get(), st)) {
         VLIBCErrSet(PRIV_ERR_FSTAT);
-        ZARNClose(fd);
-        return -1;
+        return Fd();
     }
     if (!S_ISREG(st.st_mode)) {
         VLIBCErrSet(PRIV_ERR_NOT_THERE);
-        ZARNClose(fd);
-        return -1;
+        return Fd();
     }
     return fd;
 }
 
-int ReviseWalker::OpenElement(Json::Value const& element, std::initializer_list<const char*> keys,
-                              std::string& path) const {
+Fd ReviseWalker::OpenElement(Json::Value const& element, std::initializer_list<const char*> keys,
+                             std::string& path) const {
     // Anything but an object is bad content too (and would throw on lookup).
     if (!element.isObject()) {
         VLIBCErrSet(PRIV_ERR_BAD_CONF);
-        return -1;
+        return Fd();
     }
     for (const char* key : keys) {
         if (!element.isMember(key) || !element[key].isString()) {
             VLIBCErrSet(PRIV_ERR_BAD_CONF);
-            return -1;
+            return Fd();
         }
     }
     return OpenRelPath(element["relpath"].asString(), path);

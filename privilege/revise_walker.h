@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/export.h"
+#include "platform/fd.h"
 #include "privilege/walker.h"
 
 namespace ZARNPackageTool {
@@ -24,12 +25,12 @@ public:
 
 protected:
     // Resolves the element's "relpath" under the top folder and opens the regular file there
-    // read-only; the descriptor, or -1 with the error slot set (the path is given back).
-    int OpenRelPath(std::string const& relpath, std::string& path) const;
+    // read-only; the descriptor, invalid with the error slot set (the path is given back).
+    Fd OpenRelPath(std::string const& relpath, std::string& path) const;
     // The same for a list element, once each of `keys` (the first being "relpath") is found
     // there as a string; a missing or other-typed key is bad content.
-    int OpenElement(Json::Value const& element, std::initializer_list<const char*> keys,
-                    std::string& path) const;
+    Fd OpenElement(Json::Value const& element, std::initializer_list<const char*> keys,
+                   std::string& path) const;
 
 private:
     std::string topDir_;

@@ -207,9 +207,7 @@ TEST_F(FrameRoot, FileHelpers) {
 
     writeFile("/var/packages/demo/INFO", "package=\"demo\"\nversion=\"1\"\n");
     writeFile("/volume1/@appstore/demo/ui/texts/fre/strings", "[common]\nhello=\"bonjour\"\n");
-    ASSERT_EQ(
-        symlink(phys("/volume1/@appstore/demo").c_str(), phys("/var/packages/demo/target").c_str()),
-        0);
+    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/demo", "/var/packages/demo/target"));
     EXPECT_EQ(PMSGetText("hello", "fre", "common", "demo"), "bonjour");
     EXPECT_EQ(PMSGetText("bye", "fre", "common", "demo"), "");
     EXPECT_EQ(PMSGetText("hello", "fre", "other", "demo"), "");

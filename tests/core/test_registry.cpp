@@ -39,7 +39,7 @@ TEST_F(Registry, EnumerationRules) {
     writeFile("/var/packages/noinfo/scripts/x", "");
     writeFile("/var/packages/plainfile", "package=\"plainfile\"\n");
     addPackage("real", "/volume1/@appstore/real");
-    ASSERT_EQ(symlink(phys("/var/packages/real").c_str(), phys("/var/packages/linked").c_str()), 0);
+    ASSERT_TRUE(ZARNSymlink("/var/packages/real", "/var/packages/linked"));
     writeFile("/var/packages/bad/INFO", "package=\"bad\"\n");
 
     PackageManager pm;
@@ -138,26 +138,27 @@ TEST_F(Registry, Lookup) {
 }
 
 TEST_F(Registry, ExLockAcrossProcesses) {
-    int ready[2], release[2];
-    ASSERT_EQ(pipe(ready), 0);
-    ASSERT_EQ(pipe(release), 0);
+    int fds[4];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(pipe(fds + 2), 0);
+    Fd readyRead(fds[0]), readyWrite(fds[1]), releaseRead(fds[2]), releaseWrite(fds[3]);
     pid_t holder = fork();
     ASSERT_GE(holder, 0);
     if (holder == 0) {
-        close(ready[0]);
-        close(release[1]);
+        readyRead.reset();
+        releaseWrite.reset();
         bool got = PackageManager::ExLock(1);
         char c = got ? '1' : '0';
-        (void)!write(ready[1], &c, 1);
+        (void)!write(readyWrite.get(), &c, 1);
         // Holds the lock until the parent is done with it, however slow the machine is; the
         // end of the parent (even a failed one) closes the pipe and lets it go.
-        (void)!read(release[0], &c, 1);
+        (void)!read(releaseRead.get(), &c, 1);
         _exit(got ? 0 : 1);
     }
-    close(ready[1]);
-    close(release[0]);
+    readyWrite.reset();
+    releaseRead.reset();
     char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    ASSERT_EQ(read(readyRead.get(), &c, 1), 1);
     ASSERT_EQ(c, '1');
 
     auto start = std::chrono::steady_clock::now();
@@ -172,7 +173,7 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     EXPECT_NE(logText().find("self: " + std::to_string(getpid()) + ", Lock process: "),
               std::string::npos)
         << logText();
-    close(release[1]);
+    releaseWrite.reset();
     int status = 0;
     ASSERT_EQ(waitpid(holder, &status, 0), holder);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
@@ -193,7 +194,6 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     PackageManager::setSkipUpgradeCheck(false);
     PackageManager::UnLock();
     EXPECT_NE(logText().find("Failed to lock, /var/.NormalShutdown exists"), std::string::npos);
-    close(ready[0]);
 }
 
 TEST_F(Registry, PlainFileLocks) {

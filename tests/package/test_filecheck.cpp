@@ -33,18 +33,17 @@ struct CheckResult {
 // happens to run.
 int UnusedLoopbackPort() {
     for (int port = 18300; port < 18400; ++port) {
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
+        const Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (!fd.valid()) {
             return -1;
         }
         int one = 1;
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+        setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_port = htons(static_cast<uint16_t>(port));
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const bool unused = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-        close(fd);
+        const bool unused = bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
         if (unused) {
             return port;
         }
@@ -266,18 +265,18 @@ TEST_F(FileCheckTest, StepNinePortConflict) {
         PKG_ERR_PORT_CONFLICT,
         check(build("https80", "1.0", {{"adminport", "80"}, {"adminprotocol", "https"}})).code);
     // A port that something listens on.
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
+    Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_TRUE(fd.valid());
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-    ASSERT_EQ(0, listen(fd, 1));
+    ASSERT_EQ(0, bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    ASSERT_EQ(0, listen(fd.get(), 1));
     socklen_t len = sizeof(addr);
-    ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len));
+    ASSERT_EQ(0, getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &len));
     const std::string busy = std::to_string(ntohs(addr.sin_port));
     r = check(build("busy", "1.0", {{"adminport", busy}}));
-    close(fd);
+    fd.reset();
     EXPECT_EQ(PKG_ERR_PORT_CONFLICT, r.code);
     EXPECT_EQ(Array({"pkgmgr:port_conflict", busy}), r.message);
 }

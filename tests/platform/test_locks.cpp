@@ -52,27 +52,28 @@ TEST_F(LocksTest, PathsAndReentry) {
 }
 
 TEST_F(LocksTest, TimeoutAgainstAnotherProcess) {
-    int ready[2], release[2];
-    ASSERT_EQ(pipe(ready), 0);
-    ASSERT_EQ(pipe(release), 0);
+    int fds[4];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(pipe(fds + 2), 0);
+    Fd readyRead(fds[0]), readyWrite(fds[1]), releaseRead(fds[2]), releaseWrite(fds[3]);
     pid_t holder = fork();
     ASSERT_GE(holder, 0);
     if (holder == 0) {
-        close(ready[0]);
-        close(release[1]);
+        readyRead.reset();
+        releaseWrite.reset();
         char byte = VLIBCFileLock(PackageLockId, 0) == 0 ? 'y' : 'n';
-        if (write(ready[1], &byte, 1) != 1) {
+        if (write(readyWrite.get(), &byte, 1) != 1) {
             _exit(2);
         }
         // Holds the lock until the parent has seen it fail.
-        ssize_t ignored = read(release[0], &byte, 1);
+        ssize_t ignored = read(releaseRead.get(), &byte, 1);
         (void)ignored;
         _exit(0);
     }
-    close(ready[1]);
-    close(release[0]);
+    readyWrite.reset();
+    releaseRead.reset();
     char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    ASSERT_EQ(read(readyRead.get(), &byte, 1), 1);
     ASSERT_EQ(byte, 'y');
 
     const auto start = std::chrono::steady_clock::now();
@@ -85,8 +86,7 @@ TEST_F(LocksTest, TimeoutAgainstAnotherProcess) {
     EXPECT_EQ(VLIBCFileLock(PackageLockId, 0), -1);
     EXPECT_EQ(errno, EAGAIN);
 
-    close(release[1]);
-    close(ready[0]);
+    releaseWrite.reset();
     int status = 0;
     ASSERT_EQ(waitpid(holder, &status, 0), holder);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);

