@@ -21,4 +21,7 @@ libdir=$(pkg-config --variable=libdir zarnpkg)
 mkdir -p "$work/root"
 # The installed tool finds the installed libraries too.
 "$work/prefix/bin/zarnpkg" --root "$work/root" host-init >/dev/null
-ZARNPKG_ROOT="$work/root" "$work/consumer"
+# The program's own init makes the registry again, under the root it set.
+rm -rf "$work/root/var/packages"
+"$work/consumer" "$work/root"
+test -d "$work/root/var/packages"

@@ -3,7 +3,10 @@
 
 #include "all_public_headers.h"
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc > 1) {
+        ZARNPackageCore::SetSystemRoot(argv[1]);
+    }
     ZARNPackageTool::PackageManager manager;
     if (!manager.init()) {
         std::fprintf(stderr, "init failed: 0x%x\n", static_cast<unsigned>(manager.getResult()));
