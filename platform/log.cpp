@@ -15,6 +15,7 @@
 
 #include "platform/errors.h"
 #include "platform/fd.h"
+#include "platform/terminal_text.h"
 
 namespace {
 
@@ -125,7 +126,8 @@ void ZARNSyslog(int priority, const char* format, ...) {
             }
         }
         if (verbose) {
-            WriteAll(STDERR_FILENO, line);
+            // Log lines quote package texts, which must not steer the terminal they reach.
+            WriteAll(STDERR_FILENO, ZARNTerminalText(line));
         }
     }
     errno = savedErrno;

@@ -58,3 +58,16 @@ TEST_F(LogTest, LastErrorSuffix) {
     VLIBCErrSetEx(ZARN_ERR_NONE, nullptr, 0);
     EXPECT_EQ(ZARNLastErrorSuffix(), "[0x0000 :0]");
 }
+
+TEST_F(LogTest, VerboseCopyEscapesControlCharacters) {
+    // The copy on standard error reaches a terminal; the mirror file keeps the text as it was.
+    testing::internal::CaptureStderr();
+    ZARNLogSetVerbose(true);
+    ZLOGERR("displayname %s",
+            "\x1b]0;owned\x07 \xc2\x9b"
+            "2J");
+    ZARNLogSetVerbose(false);
+    const std::string copy = testing::internal::GetCapturedStderr();
+    EXPECT_NE(copy.find("displayname \\x1b]0;owned\\x07 \\u009b2J\n"), std::string::npos) << copy;
+    EXPECT_NE(logText().find("displayname \x1b]0;owned"), std::string::npos);
+}
