@@ -31,7 +31,8 @@ arch="noarch"
 os_min_ver="6.0-0000"
 install_dep_services="ssh"
 INFO
-ln -sfn "$root/volume1/@appstore/hello" "$root/var/packages/hello/target"
+# Relative, as the library makes links under a root other than "/".
+ln -sfn ../../../volume1/@appstore/hello "$root/var/packages/hello/target"
 
 run list
 run info hello
