@@ -172,9 +172,7 @@ TEST_F(Ordering, HasCycleAndWholeRegistry) {
     EXPECT_TRUE(pm.hasCycle(Record("b", "0.5", "c")));
 
     addPackage("z", "c");
-    writeFile("/var/packages/c/INFO",
-              "package=\"c\"\nversion=\"1\"\nmaintainer=\"m\"\ndescription=\"d\"\n"
-              "install_dep_packages=\"z\"\n");
+    TempRootTest::addPackage("c", "install_dep_packages=\"z\"\n", "");
     EXPECT_FALSE(pm.getDependencyOrder(all));
 }
 
