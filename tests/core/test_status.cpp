@@ -120,8 +120,7 @@ TEST_F(Status, ScriptExitCodes) {
 
 TEST_F(Status, BrokenStates) {
     // A target link that leads nowhere.
-    writeFile("/var/packages/dangling/INFO",
-              "package=\"dangling\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
+    TempRootTest::addPackage("dangling", "", "");
     ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/missing", "/var/packages/dangling/target"));
     PackageManager pm;
     PackageInfo info;
@@ -131,11 +130,7 @@ TEST_F(Status, BrokenStates) {
     EXPECT_EQ(rough("dangling"), 5);
 
     // A package in the system partition needs no volume; one on a crashed volume is broken.
-    writeFile("/var/packages/syspart/INFO",
-              "package=\"syspart\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
-    writeFile("/usr/local/packages/@appstore/syspart/.keep", "");
-    ASSERT_TRUE(
-        ZARNSymlink("/usr/local/packages/@appstore/syspart", "/var/packages/syspart/target"));
+    TempRootTest::addPackage("syspart", "", "/usr/local/packages/@appstore/syspart");
     addPackage("oncrashed", -1);
     EXPECT_EQ(status("syspart"), 4);
     EXPECT_EQ(status("oncrashed"), 4);
