@@ -143,6 +143,8 @@ TEST_F(CliErrors, InfoTellsNamesFromFiles) {
     EXPECT_NE(r.out.find("displayname: Installed\n"), std::string::npos) << r.out << r.err;
     r = RunZarnpkg(root(), {"info", "--file", "greeter"}, work);
     EXPECT_NE(r.out.find("displayname: From the file\n"), std::string::npos) << r.out << r.err;
+    r = RunZarnpkg(root(), {"info", "./greeter"}, work);
+    EXPECT_NE(r.out.find("displayname: From the file\n"), std::string::npos) << r.out << r.err;
     r = RunZarnpkg(root(), {"info", "--file"}, work);
     EXPECT_EQ(r.status, 2);
 }
