@@ -18,11 +18,6 @@ using Args = std::vector<std::string>;
 
 class CliErrors : public TempRootTest {
 protected:
-    static Json::Value Parse(const CliRun& r) {
-        Json::Value v;
-        EXPECT_TRUE(Json::fromString(v, r.out)) << r.out << r.err;
-        return v;
-    }
 };
 
 // Each failure carries the key of its code, and the sentence a person reads on standard error
@@ -50,7 +45,7 @@ TEST_F(CliErrors, KeysAndSentences) {
         const Args json = WithJson(c.args);
         const CliRun j = RunZarnpkg(root(), json);
         EXPECT_EQ(j.status, c.status) << Shown(json) << j.err;
-        const Json::Value v = Parse(j);
+        const Json::Value v = ParseJson(j.out);
         EXPECT_EQ(v["code"].asUInt(), c.code) << Shown(json) << j.out;
         EXPECT_EQ(v["message"][0].asString(), c.key) << Shown(json) << j.out;
         const std::string sentence = v["error"].asString();
@@ -93,7 +88,7 @@ TEST_F(CliErrors, HelpVersionAndRoot) {
         const Args json = WithJson(c.args);
         const CliRun j = RunZarnpkg(root(), json);
         EXPECT_EQ(j.status, 0) << Shown(json) << j.err;
-        const Json::Value v = Parse(j);
+        const Json::Value v = ParseJson(j.out);
         EXPECT_TRUE(v["success"].asBool()) << j.out;
         EXPECT_EQ(t.out.rfind(v[c.member].asString(), 0), 0u) << Shown(json) << j.out;
         for (const char* words : c.says) {
@@ -177,7 +172,7 @@ TEST_F(CliErrors, TerminalEscapesAreShownNotSent) {
                   std::string::npos)
             << r.out;
         const CliRun j = RunZarnpkg(root(), {"--json", "info", what});
-        EXPECT_EQ(Parse(j)["package"]["displayname"].asString(), title) << what;
+        EXPECT_EQ(ParseJson(j.out)["package"]["displayname"].asString(), title) << what;
     }
 }
 

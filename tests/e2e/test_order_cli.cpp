@@ -20,9 +20,7 @@ protected:
     Json::Value json(const Names& args, int status) {
         const CliRun r = RunZarnpkg(root(), WithJson(args));
         EXPECT_EQ(r.status, status) << Shown(args) << r.err;
-        Json::Value doc;
-        EXPECT_TRUE(Json::fromString(doc, r.out)) << r.out;
-        return doc;
+        return ParseJson(r.out);
     }
 };
 

@@ -10,12 +10,6 @@ namespace {
 class PackCheckE2ETest : public TempRootTest {
 protected:
     CliRun zarnpkg(const std::vector<std::string>& args) { return RunZarnpkg(root(), args); }
-
-    static Json::Value Parse(const std::string& text) {
-        Json::Value v;
-        EXPECT_TRUE(Json::fromString(v, text)) << text;
-        return v;
-    }
 };
 
 TEST_F(PackCheckE2ETest, PackCheckAndInfoOfTheExample) {
@@ -30,7 +24,7 @@ TEST_F(PackCheckE2ETest, PackCheckAndInfoOfTheExample) {
 
     r = zarnpkg({"--json", "info", qar});
     ASSERT_EQ(0, r.status) << r.err;
-    Json::Value v = Parse(r.out);
+    Json::Value v = ParseJson(r.out);
     EXPECT_EQ("hello", v["package"]["package"].asString());
     EXPECT_EQ("1.0.0-0001", v["package"]["version"].asString());
     EXPECT_TRUE(v["package"]["extractsize"].isIntegral());
@@ -51,7 +45,7 @@ TEST_F(PackCheckE2ETest, PackCheckAndInfoOfTheExample) {
 TEST_F(PackCheckE2ETest, FailuresNameTheirReason) {
     writeFile("/tmp/junk.qar", "not an archive");
     for (const char* command : {"check", "info"}) {
-        const Json::Value v = Parse(zarnpkg({"--json", command, phys("/tmp/junk.qar")}).out);
+        const Json::Value v = ParseJson(zarnpkg({"--json", command, phys("/tmp/junk.qar")}).out);
         EXPECT_EQ(0x96, v["code"].asInt()) << command;
         EXPECT_EQ("pkgmgr:pkgmgr_file_not_package", v["message"][0].asString()) << command;
     }

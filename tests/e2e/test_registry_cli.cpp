@@ -9,14 +9,7 @@
 
 namespace {
 
-class RegistryCli : public TempRootTest {
-protected:
-    static Json::Value Parse(const std::string& text) {
-        Json::Value v;
-        EXPECT_TRUE(Json::fromString(v, text)) << text;
-        return v;
-    }
-};
+class RegistryCli : public TempRootTest {};
 
 }  // namespace
 
@@ -32,7 +25,7 @@ TEST_F(RegistryCli, HostInitListAndInfo) {
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "no packages installed\n");
     r = RunZarnpkg(clean, {"--json", "list"});
-    EXPECT_EQ(Parse(r.out)["packages"].size(), 0u);
+    EXPECT_EQ(ParseJson(r.out)["packages"].size(), 0u);
 
     addPackage("hello",
                "version=\"1.0-0001\"\ndisplayname=\"Hello\"\ndisplayname_fre=\"Bonjour\"\n"
@@ -40,7 +33,7 @@ TEST_F(RegistryCli, HostInitListAndInfo) {
 
     r = RunZarnpkg(root(), {"--json", "list"});
     ASSERT_EQ(r.status, 0) << r.err;
-    Json::Value list = Parse(r.out);
+    Json::Value list = ParseJson(r.out);
     EXPECT_TRUE(list["success"].asBool());
     ASSERT_EQ(list["packages"].size(), 1u);
     EXPECT_EQ(list["packages"][0]["package"].asString(), "hello");
@@ -49,7 +42,7 @@ TEST_F(RegistryCli, HostInitListAndInfo) {
 
     r = RunZarnpkg(root(), {"--json", "--lang", "fre", "info", "hello"});
     ASSERT_EQ(r.status, 0) << r.err;
-    Json::Value record = Parse(r.out)["package"];
+    Json::Value record = ParseJson(r.out)["package"];
     EXPECT_EQ(record["displayname"].asString(), "Bonjour");
     EXPECT_EQ(record["extractsize"].asInt(), 3072);
     EXPECT_TRUE(record["beta"].isBool());

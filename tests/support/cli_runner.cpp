@@ -1,5 +1,7 @@
 #include "support/cli_runner.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 
 #include "platform/process.h"
@@ -47,4 +49,10 @@ std::vector<std::string> Lines(const std::string& text) {
         pos = end + 1;
     }
     return lines;
+}
+
+Json::Value ParseJson(const std::string& text) {
+    Json::Value v;
+    EXPECT_TRUE(Json::fromString(v, text)) << text;
+    return v;
 }

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/json.h"
+
 // What one run of the built zarnpkg binary gave.
 struct CliRun {
     int status = -1;
@@ -28,3 +30,5 @@ std::string Shown(const std::vector<std::string>& args);
 std::vector<std::string> WithJson(const std::vector<std::string>& args);
 // The lines of a printed text, without their ends.
 std::vector<std::string> Lines(const std::string& text);
+// The JSON document of a printed text; a test failure when it is none.
+Json::Value ParseJson(const std::string& text);
