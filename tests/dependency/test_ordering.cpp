@@ -55,7 +55,6 @@ protected:
             ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 0, 0, ZARN_JOB_PHASE_FAILED));
         }
     }
-    void enable(const std::string& name) { writeFile("/var/packages/" + name + "/enabled", ""); }
 
     Names order(const char* name, bool byEnabledFlag, bool all, bool* ok = nullptr) {
         PackageManager pm;
