@@ -205,9 +205,8 @@ TEST_F(FrameRoot, FileHelpers) {
     EXPECT_TRUE(GetFileModifiedTime(path, seconds));
     EXPECT_GT(seconds, 0);
 
-    writeFile("/var/packages/demo/INFO", "package=\"demo\"\nversion=\"1\"\n");
+    addPackage("demo");
     writeFile("/volume1/@appstore/demo/ui/texts/fre/strings", "[common]\nhello=\"bonjour\"\n");
-    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/demo", "/var/packages/demo/target"));
     EXPECT_EQ(PMSGetText("hello", "fre", "common", "demo"), "bonjour");
     EXPECT_EQ(PMSGetText("bye", "fre", "common", "demo"), "");
     EXPECT_EQ(PMSGetText("hello", "fre", "other", "demo"), "");

@@ -263,24 +263,19 @@ TEST_F(PathsTest, PackageVolumeFromTarget) {
     EXPECT_FALSE(PMSGetPackageVol("ghost", out));
     EXPECT_NE(logText().find("Failed to resovle package target ghost"), std::string::npos);
 
-    makeDir("/volume2/@appstore/demo");
-    makeDir("/var/packages/demo");
-    ASSERT_TRUE(ZARNSymlink("/volume2/@appstore/demo", "/var/packages/demo/target"));
-    ASSERT_TRUE(PMSGetPackageVol("demo", out));
-    EXPECT_EQ(out, "/volume2");
-
-    makeDir("/usr/local/packages/sys");
-    makeDir("/var/packages/sys");
-    ASSERT_TRUE(ZARNSymlink("/usr/local/packages/sys", "/var/packages/sys/target"));
-    ASSERT_TRUE(PMSGetPackageVol("sys", out));
-    EXPECT_EQ(out, "/usr/local/packages");
-
-    makeDir("/opt/odd");
-    makeDir("/var/packages/odd");
-    ASSERT_TRUE(ZARNSymlink("/opt/odd", "/var/packages/odd/target"));
-    out = "kept";
-    EXPECT_FALSE(PMSGetPackageVol("odd", out));
-    EXPECT_EQ(out, "kept");
+    const struct {
+        const char* name;
+        const char* target;
+        const char* volume;
+    } cases[] = {{"demo", "/volume2/@appstore/demo", "/volume2"},
+                 {"sys", "/usr/local/packages/sys", "/usr/local/packages"},
+                 {"odd", "/opt/odd", nullptr}};
+    for (const auto& c : cases) {
+        addPackage(c.name, "", c.target);
+        out = "kept";
+        EXPECT_EQ(PMSGetPackageVol(c.name, out), c.volume != nullptr) << c.name;
+        EXPECT_EQ(out, c.volume ? c.volume : "kept") << c.name;
+    }
     EXPECT_NE(logText().find("Failed to parse volume path: /opt/odd"), std::string::npos);
 }
 

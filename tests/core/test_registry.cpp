@@ -131,7 +131,7 @@ TEST_F(Registry, Lookup) {
     EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
     EXPECT_FALSE(pm.isServiceEnabled("a"));
     EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_ENABLED);
-    writeFile("/var/packages/a/enabled", "");
+    enable("a");
     EXPECT_TRUE(pm.isServiceEnabled("a"));
     EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
     EXPECT_TRUE(PMSCheckEnabledFile("/var/packages/a"));

@@ -22,7 +22,6 @@ protected:
             addControlScript(name, exitCode);
         }
     }
-    void enable(const std::string& name) { writeFile("/var/packages/" + name + "/enabled", ""); }
     void jobRuns(const std::string& name) {
         ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 1, 1, ZARN_JOB_PHASE_RUNNING));
     }
@@ -80,8 +79,7 @@ TEST_F(Status, RunningNeedsScriptEnabledAndJob) {
 
     // A UI folder without its desktop entry does not run.
     addPackage("beta", 0, "kosuidir=\"betaui\"\n");
-    enable("beta");
-    jobRuns("beta");
+    markRunning("beta");
     EXPECT_EQ(status("beta"), 3);
     writeFile("/usr/zarn/zarnman/webman/3rdparty/betaui/config", "{}");
     EXPECT_EQ(status("beta"), 0);
@@ -96,8 +94,7 @@ TEST_F(Status, ScriptExitCodes) {
     for (int code : {1, 2, 150, 7}) {
         const std::string name = "p" + std::to_string(code);
         addPackage(name, code);
-        enable(name);
-        jobRuns(name);
+        markRunning(name);
         PackageManager pm;
         bool running = true;
         EXPECT_TRUE(pm.getServiceStatus(name, running, true)) << code;
@@ -120,8 +117,7 @@ TEST_F(Status, ScriptExitCodes) {
 
 TEST_F(Status, BrokenStates) {
     // A target link that leads nowhere.
-    writeFile("/var/packages/dangling/INFO",
-              "package=\"dangling\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
+    TempRootTest::addPackage("dangling", "", "");
     ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/missing", "/var/packages/dangling/target"));
     PackageManager pm;
     PackageInfo info;
@@ -131,11 +127,7 @@ TEST_F(Status, BrokenStates) {
     EXPECT_EQ(rough("dangling"), 5);
 
     // A package in the system partition needs no volume; one on a crashed volume is broken.
-    writeFile("/var/packages/syspart/INFO",
-              "package=\"syspart\"\nversion=\"1.0\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
-    writeFile("/usr/local/packages/@appstore/syspart/.keep", "");
-    ASSERT_TRUE(
-        ZARNSymlink("/usr/local/packages/@appstore/syspart", "/var/packages/syspart/target"));
+    TempRootTest::addPackage("syspart", "", "/usr/local/packages/@appstore/syspart");
     addPackage("oncrashed", -1);
     EXPECT_EQ(status("syspart"), 4);
     EXPECT_EQ(status("oncrashed"), 4);
@@ -148,8 +140,7 @@ TEST_F(Status, BrokenStates) {
 
     // The installing marker.
     addPackage("inst", 0);
-    enable("inst");
-    jobRuns("inst");
+    markRunning("inst");
     writeFile("/var/packages/inst/installing", "");
     EXPECT_EQ(status("inst"), 0x96);
     EXPECT_EQ(rough("inst"), 5);
@@ -188,8 +179,7 @@ TEST_F(Status, BrokenStates) {
 
     // A conf/privilege that can't be read: the status script never runs.
     addPackage("badpriv", 0);
-    enable("badpriv");
-    jobRuns("badpriv");
+    markRunning("badpriv");
     writeFile("/var/packages/badpriv/conf/privilege", "{ not json");
     EXPECT_FALSE(pm.getServiceStatus("badpriv", running, true));
     EXPECT_FALSE(running);
@@ -211,8 +201,7 @@ TEST_F(Status, BrokenStates) {
     // A breaker whose INFO lacks keys that a full load insists on still breaks: the shared
     // snapshot must see it as the scan of a single query does.
     addPackage("victim2", 0);
-    enable("victim2");
-    jobRuns("victim2");
+    markRunning("victim2");
     writeFile("/var/packages/lazybreaker/INFO",
               "package=\"lazybreaker\"\nversion=\"1.0\"\ninstall_break_packages=\"victim2\"\n");
     EXPECT_EQ(status("victim2"), 0x96);
@@ -241,8 +230,7 @@ TEST_F(Status, FirmwareLimits) {
     addPackage("non", 0);
     addPackage("old", 0);
     addPackage("fine", 0);
-    enable("fine");
-    jobRuns("fine");
+    markRunning("fine");
     writeFile("/etc.defaults/zarnpackageslimit.conf", "sys=\"system\"\nnon=\"non\"\nold=\"2.0\"\n");
     EXPECT_EQ(status("sys"), 0x101);
     EXPECT_EQ(status("non"), 0x102);

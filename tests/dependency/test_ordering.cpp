@@ -10,7 +10,6 @@
 #include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
-#include "dependency/graph.h"
 #include "platform/files.h"
 #include "platform/services.h"
 #include "support/temproot.h"
@@ -56,7 +55,6 @@ protected:
             ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 0, 0, ZARN_JOB_PHASE_FAILED));
         }
     }
-    void enable(const std::string& name) { writeFile("/var/packages/" + name + "/enabled", ""); }
 
     Names order(const char* name, bool byEnabledFlag, bool all, bool* ok = nullptr) {
         PackageManager pm;
@@ -173,9 +171,7 @@ TEST_F(Ordering, HasCycleAndWholeRegistry) {
     EXPECT_TRUE(pm.hasCycle(Record("b", "0.5", "c")));
 
     addPackage("z", "c");
-    writeFile("/var/packages/c/INFO",
-              "package=\"c\"\nversion=\"1\"\nmaintainer=\"m\"\ndescription=\"d\"\n"
-              "install_dep_packages=\"z\"\n");
+    TempRootTest::addPackage("c", "install_dep_packages=\"z\"\n", "");
     EXPECT_FALSE(pm.getDependencyOrder(all));
 }
 
@@ -266,54 +262,6 @@ TEST_F(Ordering, FiltersByRunningStateAndEnabledFlag) {
     Names three;
     ASSERT_TRUE(pm.getDependencyOrder("base", three, true));
     EXPECT_EQ(three, got);
-}
-
-// The walk asks about running state only where it can reach; the answer must be that of a graph
-// of every active package, as the plain method builds it.
-TEST_F(Ordering, FilteredWalkMatchesFullGraph) {
-    std::mt19937 rng(11);
-    const int n = 40;
-    for (int i = 0; i < n; ++i) {
-        std::string deps;
-        for (int k = 0; k < 2 && i > 0; ++k) {
-            deps += "q" + std::to_string(rng() % i) + ":";
-        }
-        addPackage("q" + std::to_string(i), deps);
-        if (rng() % 3 != 0) {
-            enable("q" + std::to_string(i));
-        }
-    }
-    PackageManager pm;
-    std::vector<PackageInfo> records;
-    pm.enumPackageInfo(records, nullptr, PKG_MASK_ALL);
-    ASSERT_EQ(records.size(), static_cast<size_t>(n));
-    for (int t = 0; t < n; ++t) {
-        const std::string name = "q" + std::to_string(t);
-        Graph graph(records.size());
-        std::map<std::string, unsigned long long> vertex;
-        for (const auto& r : records) {
-            if (r.name == name || PMSCheckEnabledFile(PMSRegistryDir(r.name).c_str())) {
-                vertex[r.name] = graph.addVertex(r.name);
-            }
-        }
-        for (const auto& r : records) {
-            for (const auto& d : r.install_dep_packages) {
-                if (vertex.count(r.name) && vertex.count(d.name)) {
-                    graph.addEdge(vertex[d.name], vertex[r.name]);
-                }
-            }
-        }
-        graph.visit(vertex[name]);
-        std::vector<std::string> walked = graph.getResult();
-        std::vector<PackageInfo> walkedRecords;
-        ASSERT_TRUE(pm.getPackageInfo(walked, walkedRecords, nullptr, PKG_MASK_ALL));
-        Names want;
-        ASSERT_TRUE(pm.topologicalSortPkgs(walkedRecords, want));
-
-        Names got;
-        ASSERT_TRUE(pm.getDependencyOrder(name.c_str(), got, true, false));
-        EXPECT_EQ(got, want) << name;
-    }
 }
 
 TEST_F(Ordering, AncestryOrder) {

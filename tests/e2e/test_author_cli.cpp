@@ -12,12 +12,6 @@ class AuthorCliTest : public TempRootTest {
 protected:
     CliRun zarnpkg(const std::vector<std::string>& args) { return RunZarnpkg(root(), args); }
 
-    static Json::Value Parse(const std::string& text) {
-        Json::Value v;
-        EXPECT_TRUE(Json::fromString(v, text)) << text;
-        return v;
-    }
-
     // A source folder of a small package with extra INFO keys and files.
     std::string source(const std::string& name, const std::string& keys,
                        const std::map<std::string, std::string>& files = {}) {
@@ -64,20 +58,20 @@ TEST_F(AuthorCliTest, WarningsOfPackAndCheck) {
     const std::string qar = phys("/tmp/w.qar");
     CliRun r = zarnpkg({"--json", "pack", src, "-o", qar});
     ASSERT_EQ(0, r.status) << r.err;
-    Json::Value v = Parse(r.out);
+    Json::Value v = ParseJson(r.out);
     ASSERT_EQ(1u, v["warnings"].size()) << r.out;
     EXPECT_NE(std::string::npos, v["warnings"][0].asString().find("scripts/start-stop-stauts"));
     EXPECT_EQ("warning: " + v["warnings"][0].asString() + "\n", r.err);
 
     r = zarnpkg({"--json", "check", qar});
     EXPECT_EQ(0, r.status) << r.err;
-    v = Parse(r.out);
+    v = ParseJson(r.out);
     EXPECT_EQ(Json::Value(Json::arrayValue), v["message"]);
     ASSERT_EQ(1u, v["warnings"].size()) << r.out;
 
     r = zarnpkg({"--json", "info", qar});
     ASSERT_EQ(0, r.status) << r.err;
-    v = Parse(r.out);
+    v = ParseJson(r.out);
     EXPECT_EQ("start-stop-stauts", v["scripts"][0].asString());
     EXPECT_EQ(Json::Value(Json::arrayValue), v["conf"]);
     r = zarnpkg({"info", qar});
@@ -107,7 +101,7 @@ TEST_F(AuthorCliTest, RefusalsNameTheFacts) {
         EXPECT_EQ(1, r.status);
         EXPECT_NE(std::string::npos, r.err.find(c.text)) << r.err;
         r = zarnpkg({"--json", "check", qar});
-        EXPECT_FALSE(Parse(r.out)["params"][c.param].asString().empty()) << r.out;
+        EXPECT_FALSE(ParseJson(r.out)["params"][c.param].asString().empty()) << r.out;
     }
 }
 

@@ -13,14 +13,6 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-std::string Shown(const Args& args) {
-    std::string text;
-    for (const auto& a : args) {
-        text += " " + a;
-    }
-    return text;
-}
-
 class CliContract : public TempRootTest {
 protected:
     // A second root inside this one, made but never initialised.
@@ -91,9 +83,11 @@ TEST_F(CliContract, EveryFailureHasOneAnswer) {
         {{"info"}, 2},
         {{"info", "a", "b"}, 2},
         {{"status"}, 2},
+        {{"status", "a", "b"}, 2},
         {{"log"}, 2},
         {{"order", "a", "b"}, 2},
         {{"check"}, 2},
+        {{"check", "a", "b"}, 2},
         {{"pack"}, 2},
         {{"pack", phys("/tmp")}, 2},
         {{"pack", "-x", phys("/tmp"), "-o", phys("/tmp/o.qar")}, 2},
@@ -109,9 +103,7 @@ TEST_F(CliContract, EveryFailureHasOneAnswer) {
     };
     for (const auto& [args, status] : cases) {
         ExpectTextFailure(RunZarnpkg(root(), args), status, Shown(args));
-        Args json = {"--json"};
-        json.insert(json.end(), args.begin(), args.end());
-        ExpectJsonFailure(RunZarnpkg(root(), json), status, Shown(json));
+        ExpectJsonFailure(RunZarnpkg(root(), WithJson(args)), status, Shown(args));
     }
 
     // The words say what is wrong, not only the key.
@@ -137,9 +129,8 @@ TEST_F(CliContract, EveryFailureHasOneAnswer) {
         r = RunZarnpkg(bare, args);
         ExpectTextFailure(r, 1, "bare" + Shown(args));
         EXPECT_NE(r.err.find("host-init"), std::string::npos) << r.err;
-        Args json = {"--json"};
-        json.insert(json.end(), args.begin(), args.end());
-        Json::Value v = ExpectJsonFailure(RunZarnpkg(bare, json), 1, "bare" + Shown(json));
+        Json::Value v =
+            ExpectJsonFailure(RunZarnpkg(bare, WithJson(args)), 1, "bare" + Shown(args));
         EXPECT_EQ(v["code"].asUInt(), 0x107u);
     }
 

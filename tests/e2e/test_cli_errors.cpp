@@ -16,37 +16,15 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-std::string Shown(const Args& args) {
-    std::string text;
-    for (const auto& a : args) {
-        text += " " + a;
-    }
-    return text;
-}
-
 class CliErrors : public TempRootTest {
 protected:
-    // Registers an installed package by its INFO text alone.
-    void addPackage(const std::string& name, const std::string& info) {
-        writeFile("/var/packages/" + name + "/INFO", info);
-        writeFile("/volume1/@appstore/" + name + "/.keep", "");
-        ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/" + name, "/var/packages/" + name + "/target"));
-    }
-
-    static Json::Value Parse(const CliRun& r) {
-        Json::Value v;
-        EXPECT_TRUE(Json::fromString(v, r.out)) << r.out << r.err;
-        return v;
-    }
 };
 
 // Each failure carries the key of its code, and the sentence a person reads on standard error
 // is the "error" of the JSON form, with the facts of the parameters in it.
 TEST_F(CliErrors, KeysAndSentences) {
-    addPackage("a", qartest::InfoText(
-                        {{"package", "a"}, {"version", "1.0"}, {"install_dep_packages", "b"}}));
-    addPackage("b", qartest::InfoText(
-                        {{"package", "b"}, {"version", "1.0"}, {"install_dep_packages", "a"}}));
+    addPackage("a", "install_dep_packages=\"b\"\n");
+    addPackage("b", "install_dep_packages=\"a\"\n");
     const struct {
         Args args;
         int status;
@@ -64,11 +42,10 @@ TEST_F(CliErrors, KeysAndSentences) {
         {{"frobnicate"}, 2, 0x107, "error:error_error_system", "unknown command frobnicate"},
     };
     for (const auto& c : cases) {
-        Args json = {"--json"};
-        json.insert(json.end(), c.args.begin(), c.args.end());
+        const Args json = WithJson(c.args);
         const CliRun j = RunZarnpkg(root(), json);
         EXPECT_EQ(j.status, c.status) << Shown(json) << j.err;
-        const Json::Value v = Parse(j);
+        const Json::Value v = ParseJson(j.out);
         EXPECT_EQ(v["code"].asUInt(), c.code) << Shown(json) << j.out;
         EXPECT_EQ(v["message"][0].asString(), c.key) << Shown(json) << j.out;
         const std::string sentence = v["error"].asString();
@@ -108,11 +85,10 @@ TEST_F(CliErrors, HelpVersionAndRoot) {
     for (const auto& c : cases) {
         const CliRun t = RunZarnpkg(root(), c.args);
         EXPECT_EQ(t.status, 0) << Shown(c.args) << t.err;
-        Args json = {"--json"};
-        json.insert(json.end(), c.args.begin(), c.args.end());
+        const Args json = WithJson(c.args);
         const CliRun j = RunZarnpkg(root(), json);
         EXPECT_EQ(j.status, 0) << Shown(json) << j.err;
-        const Json::Value v = Parse(j);
+        const Json::Value v = ParseJson(j.out);
         EXPECT_TRUE(v["success"].asBool()) << j.out;
         EXPECT_EQ(t.out.rfind(v[c.member].asString(), 0), 0u) << Shown(json) << j.out;
         for (const char* words : c.says) {
@@ -162,6 +138,8 @@ TEST_F(CliErrors, InfoTellsNamesFromFiles) {
     EXPECT_NE(r.out.find("displayname: Installed\n"), std::string::npos) << r.out << r.err;
     r = RunZarnpkg(root(), {"info", "--file", "greeter"}, work);
     EXPECT_NE(r.out.find("displayname: From the file\n"), std::string::npos) << r.out << r.err;
+    r = RunZarnpkg(root(), {"info", "./greeter"}, work);
+    EXPECT_NE(r.out.find("displayname: From the file\n"), std::string::npos) << r.out << r.err;
     r = RunZarnpkg(root(), {"info", "--file"}, work);
     EXPECT_EQ(r.status, 2);
 }
@@ -194,7 +172,7 @@ TEST_F(CliErrors, TerminalEscapesAreShownNotSent) {
                   std::string::npos)
             << r.out;
         const CliRun j = RunZarnpkg(root(), {"--json", "info", what});
-        EXPECT_EQ(Parse(j)["package"]["displayname"].asString(), title) << what;
+        EXPECT_EQ(ParseJson(j.out)["package"]["displayname"].asString(), title) << what;
     }
 }
 

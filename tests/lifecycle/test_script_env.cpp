@@ -35,9 +35,10 @@ protected:
     }
 
     // What a program started by the runner sees.
-    Env childEnv(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const char* lang,
-                 const std::string* logFile, const Json::Value* wizard, const char* volume,
-                 const char* packageFile, const char* user) {
+    Env childEnv(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const char* lang = "enu",
+                 const std::string* logFile = nullptr, const Json::Value* wizard = nullptr,
+                 const char* volume = nullptr, const char* packageFile = nullptr,
+                 const char* user = nullptr) {
         ZARNUtils::ProcessRunner runner({"/usr/bin/env"});
         runner.captureOutput();
         PMSPrepareScriptEnv(info, runner, lang, logFile, type, wizard, volume, packageFile, user);
@@ -88,8 +89,7 @@ TEST_F(ScriptEnv, UnsetRulesAndSystemLanguage) {
     setenv("ZARNPKG_USERNAME", "old", 1);
     setenv("ZARNPKG_TEMP_LOGFILE", "/old", 1);
     setenv("ZARNPKG_PKGDEST", "/old", 1);
-    Env env = childEnv(record("lonely"), PKG_INSTALLATION_NONE, nullptr, nullptr, nullptr, nullptr,
-                       nullptr, nullptr);
+    Env env = childEnv(record("lonely"), PKG_INSTALLATION_NONE, nullptr);
     for (const char* name :
          {"ZARNPKG_PKG_PROGRESS_PATH", "ZARNPKG_PKG_STATUS", "ZARNPKG_TEMP_UPGRADE_FOLDER",
           "ZARNPKG_TEMP_REPLACE_FOLDER", "ZARNPKG_PKGDEST", "ZARNPKG_PKGDEST_VOL",
@@ -100,23 +100,14 @@ TEST_F(ScriptEnv, UnsetRulesAndSystemLanguage) {
     EXPECT_EQ(env["ZARNPKG_KOS_LANGUAGE"], "enu") << "from /etc/zarninfo.conf";
 
     // Restart, start and stop.
-    EXPECT_FALSE(has(childEnv(record("x"), PKG_INSTALLATION_RESTART, "enu", nullptr, nullptr,
-                              nullptr, nullptr, nullptr),
-                     "ZARNPKG_PKG_STATUS"));
-    EXPECT_EQ(childEnv(record("x"), PKG_INSTALLATION_START, "enu", nullptr, nullptr, nullptr,
-                       nullptr, nullptr)["ZARNPKG_PKG_STATUS"],
-              "START");
-    EXPECT_EQ(childEnv(record("x"), PKG_INSTALLATION_STOP, "enu", nullptr, nullptr, nullptr,
-                       nullptr, nullptr)["ZARNPKG_PKG_STATUS"],
-              "STOP");
-    EXPECT_EQ(childEnv(record("x"), PKG_INSTALLATION_UNINSTALL, "enu", nullptr, nullptr, nullptr,
-                       nullptr, nullptr)["ZARNPKG_PKG_STATUS"],
-              "UNINSTALL");
+    EXPECT_FALSE(has(childEnv(record("x"), PKG_INSTALLATION_RESTART), "ZARNPKG_PKG_STATUS"));
+    EXPECT_EQ(childEnv(record("x"), PKG_INSTALLATION_START)["ZARNPKG_PKG_STATUS"], "START");
+    EXPECT_EQ(childEnv(record("x"), PKG_INSTALLATION_STOP)["ZARNPKG_PKG_STATUS"], "STOP");
+    EXPECT_EQ(childEnv(record("x"), PKG_INSTALLATION_UNINSTALL)["ZARNPKG_PKG_STATUS"], "UNINSTALL");
 
     // Without a language setting the value stays empty and the gap is logged.
     writeFile("/etc/zarninfo.conf", "timezone=\"UTC\"\n");
-    Env bare = childEnv(record("x"), PKG_INSTALLATION_NONE, nullptr, nullptr, nullptr, nullptr,
-                        nullptr, nullptr);
+    Env bare = childEnv(record("x"), PKG_INSTALLATION_NONE, nullptr);
     EXPECT_TRUE(has(bare, "ZARNPKG_KOS_LANGUAGE"));
     EXPECT_EQ(bare["ZARNPKG_KOS_LANGUAGE"], "");
     EXPECT_NE(logText().find("Not find language in /etc/zarninfo.conf"), std::string::npos);
@@ -126,24 +117,22 @@ TEST_F(ScriptEnv, UpgradeFoldersAndVolumes) {
     addPackage("up", "", "/volume1/@appstore/up");
     PackageInfo info = record("up");
     info.extra.get()->use_deprecated_replace_mechanism = false;
-    Env env = childEnv(info, PKG_INSTALLATION_UPGRADE, "enu", nullptr, nullptr, nullptr, nullptr,
-                       nullptr);
+    Env env = childEnv(info, PKG_INSTALLATION_UPGRADE);
     EXPECT_EQ(env["ZARNPKG_PKG_STATUS"], "UPGRADE");
     EXPECT_EQ(env["ZARNPKG_TEMP_UPGRADE_FOLDER"], phys("/volume1/@tmp/zarnpkg.tmp/up"));
     EXPECT_EQ(env["ZARNPKG_TEMP_REPLACE_FOLDER"], env["ZARNPKG_TEMP_UPGRADE_FOLDER"]);
 
     // A dangling link: no destination, but an explicit volume still shows.
-    writeFile("/var/packages/gone/INFO", "package=\"gone\"\n");
+    addPackage("gone", "", "");
     ASSERT_TRUE(ZARNSymlink("/volume2/@appstore/gone", "/var/packages/gone/target"));
-    Env dangling = childEnv(record("gone"), PKG_INSTALLATION_INSTALL, "enu", nullptr, nullptr,
-                            "/volume2", nullptr, nullptr);
+    Env dangling =
+        childEnv(record("gone"), PKG_INSTALLATION_INSTALL, "enu", nullptr, nullptr, "/volume2");
     EXPECT_FALSE(has(dangling, "ZARNPKG_PKGDEST"));
     EXPECT_EQ(dangling["ZARNPKG_PKGDEST_VOL"], phys("/volume2"));
 
     // The system partition gives the head of the path.
     addPackage("sys", "", "/usr/local/packages/@appstore/sys");
-    Env sys = childEnv(record("sys"), PKG_INSTALLATION_NONE, "enu", nullptr, nullptr, nullptr,
-                       nullptr, nullptr);
+    Env sys = childEnv(record("sys"), PKG_INSTALLATION_NONE);
     EXPECT_EQ(sys["ZARNPKG_PKGDEST"], phys("/usr/local/packages/@appstore/sys"));
     EXPECT_EQ(sys["ZARNPKG_PKGDEST_VOL"], phys("/usr"));
 }
@@ -156,8 +145,7 @@ TEST_F(ScriptEnv, WizardValuesComeAndGo) {
     wizard["BAD=NAME"] = "x";
     wizard[std::string("NUL\0NAME", 8)] = "y";
     wizard["WIZ_LIST"] = Json::Value(Json::arrayValue);
-    Env env = childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, &wizard, nullptr,
-                       nullptr, nullptr);
+    Env env = childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, &wizard);
     EXPECT_EQ(env["WIZ_PORT"], "9000");
     EXPECT_EQ(env["wiz_flag"], "true");
     EXPECT_FALSE(has(env, "WIZ_LIST"));
@@ -173,27 +161,24 @@ TEST_F(ScriptEnv, WizardValuesComeAndGo) {
 
     // The next action's scripts don't see them, even if the process had them.
     setenv("WIZ_PORT", "9000", 1);
-    Env next = childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, nullptr, nullptr,
-                        nullptr, nullptr);
+    Env next = childEnv(record("w"), PKG_INSTALLATION_INSTALL);
     EXPECT_FALSE(has(next, "WIZ_PORT"));
     EXPECT_EQ(getenv("WIZ_PORT"), nullptr);
     EXPECT_TRUE(PMSGetWizardEnv().empty());
 
     // Non-object wizard values add nothing.
     Json::Value notObject("WIZ=1");
-    Env none = childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, &notObject, nullptr,
-                        nullptr, nullptr);
+    Env none = childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, &notObject);
     EXPECT_FALSE(has(none, "WIZ"));
 
     // A wizard name that is also a package variable: the wizard wins for its own action, and
     // the next action still gets the package's value.
     Json::Value shadowing(Json::objectValue);
     shadowing["ZARNPKG_PKGVER"] = "9.9";
-    EXPECT_EQ(childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, &shadowing, nullptr,
-                       nullptr, nullptr)["ZARNPKG_PKGVER"],
+    EXPECT_EQ(childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr,
+                       &shadowing)["ZARNPKG_PKGVER"],
               "9.9");
-    Env after = childEnv(record("w"), PKG_INSTALLATION_INSTALL, "enu", nullptr, nullptr, nullptr,
-                         nullptr, nullptr);
+    Env after = childEnv(record("w"), PKG_INSTALLATION_INSTALL);
     EXPECT_EQ(after["ZARNPKG_PKGVER"], "2.1-0003");
     EXPECT_EQ(after["ZARNPKG_PKGNAME"], "w");
 
@@ -201,8 +186,7 @@ TEST_F(ScriptEnv, WizardValuesComeAndGo) {
     // the preparation (the old version of an upgrade) stays.
     Json::Value clash(Json::objectValue);
     clash["ZARNPKG_OLD_PKGVER"] = "from the wizard";
-    childEnv(record("w"), PKG_INSTALLATION_UPGRADE, "enu", nullptr, &clash, nullptr, nullptr,
-             nullptr);
+    childEnv(record("w"), PKG_INSTALLATION_UPGRADE, "enu", nullptr, &clash);
     ZARNUtils::ProcessRunner upgrade({"/usr/bin/env"});
     upgrade.captureOutput();
     upgrade.setEnv("ZARNPKG_OLD_PKGVER", "1.0");
@@ -263,8 +247,7 @@ TEST_F(ScriptEnv, TypeTextAndWizardScriptPreparation) {
     EXPECT_FALSE(PMSPrepareWizardScriptEnv(PKG_INSTALLATION_START, fresh, start, logFile, "enu",
                                            nullptr, nullptr, nullptr, nullptr));
 
-    writeFile("/var/packages/wiz/INFO",
-              "package=\"wiz\"\nversion=\"1.5\"\nmaintainer=\"m\"\ndescription=\"d\"\n");
+    addPackage("wiz", "version=\"1.5\"\n", "");
     ZARNUtils::ProcessRunner runner({"/usr/bin/env"});
     runner.captureOutput();
     ASSERT_TRUE(PMSPrepareWizardScriptEnv(PKG_INSTALLATION_UPGRADE, fresh, runner, logFile, "enu",

@@ -107,7 +107,7 @@ TEST_F(ScriptIdentity, ScriptRunsAsThePackageAccountAsRoot) {
     writeFile("/var/packages/idpkg/scripts/start-stop-status",
               "#!/bin/sh\n[ \"$(id -u)\" = \"" + std::to_string(uid) + "\" ] || exit 7\nexit 0\n",
               0755);
-    writeFile("/var/packages/idpkg/enabled", "");
+    enable("idpkg");
     PackageManager pm;
     bool running = false;
     EXPECT_TRUE(pm.getServiceStatus("idpkg", running, true));

@@ -536,12 +536,10 @@ TEST_F(PrivilegeTest, TmpFolder) {
     EXPECT_EQ(GetTmpFolderPath("pkga", "/srv"), "");
     EXPECT_EQ(GetTmpFolderPath("pkga", nullptr), "");  // no target link
 
-    ASSERT_EQ(0, ZARNFSMkdirP("/var/packages/pkga", 0, 0, -1, -1, 0755));
-    ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/pkga", "/var/packages/pkga/target"));
+    addPackage("pkga");
     EXPECT_EQ(GetTmpFolderPath("pkga", nullptr), "/volume1/@tmp/zarnpkg.tmp/pkga");
     // The head of a target under /usr/local/packages is "/usr": no folder.
-    ASSERT_EQ(0, ZARNFSMkdirP("/var/packages/pkgb", 0, 0, -1, -1, 0755));
-    ASSERT_TRUE(ZARNSymlink("/usr/local/packages/@appstore/pkgb", "/var/packages/pkgb/target"));
+    addPackage("pkgb", "", "/usr/local/packages/@appstore/pkgb");
     EXPECT_EQ(GetTmpFolderPath("pkgb", nullptr), "");
 
     EXPECT_FALSE(CreateTmpFolder("", "/volume1/@tmp/x"));

@@ -1,5 +1,9 @@
 #include "support/cli_runner.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
 #include "platform/process.h"
 
 CliRun RunZarnpkg(const std::string& root, const std::vector<std::string>& args,
@@ -21,4 +25,34 @@ CliRun RunZarnpkg(const std::string& root, const std::vector<std::string>& args,
     r.out = runner.getStdout();
     r.err = runner.getStderr();
     return r;
+}
+
+std::string Shown(const std::vector<std::string>& args) {
+    std::string text;
+    for (const auto& a : args) {
+        text += " " + a;
+    }
+    return text;
+}
+
+std::vector<std::string> WithJson(const std::vector<std::string>& args) {
+    std::vector<std::string> json{"--json"};
+    json.insert(json.end(), args.begin(), args.end());
+    return json;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    for (size_t pos = 0; pos < text.size();) {
+        const size_t end = std::min(text.find('\n', pos), text.size());
+        lines.push_back(text.substr(pos, end - pos));
+        pos = end + 1;
+    }
+    return lines;
+}
+
+Json::Value ParseJson(const std::string& text) {
+    Json::Value v;
+    EXPECT_TRUE(Json::fromString(v, text)) << text;
+    return v;
 }

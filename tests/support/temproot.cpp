@@ -113,8 +113,12 @@ void TempRootTest::addControlScript(const std::string& name, int statusExit) {
               0755);
 }
 
-void TempRootTest::markRunning(const std::string& name) {
+void TempRootTest::enable(const std::string& name) {
     writeFile("/var/packages/" + name + "/enabled", "");
+}
+
+void TempRootTest::markRunning(const std::string& name) {
+    enable(name);
     ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 1, 1, ZARN_JOB_PHASE_RUNNING));
 }
 

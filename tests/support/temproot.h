@@ -32,6 +32,8 @@ protected:
     // Gives a package a control script whose `status` ends with `statusExit`; every other
     // action succeeds.
     void addControlScript(const std::string& name, int statusExit);
+    // Marks a package enabled, as the person left it.
+    void enable(const std::string& name);
     // Marks a package enabled with its job running, as a start leaves it.
     void markRunning(const std::string& name);
     // Everything the library logged during the test so far.
