@@ -21,9 +21,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "dependency/depinternal.h"
-#include "dependency/depparse.h"
 #include "dependency/graph.h"
 #include "platform/files.h"
 #include "platform/host_init.h"

@@ -7,11 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/depparse.h"
 #include "core/infoloader.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "core/version.h"
-#include "dependency/depparse.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/fsnames.h"
@@ -21,34 +21,6 @@
 namespace ZARNPackageTool {
 
 namespace {
-
-constexpr unsigned long long kMaskDescription = 0x1;
-constexpr unsigned long long kMaskDistributor = 0x8;
-constexpr unsigned long long kMaskDistributorUrl = 0x10;
-constexpr unsigned long long kMaskMaintainer = 0x20;
-constexpr unsigned long long kMaskMaintainerUrl = 0x40;
-constexpr unsigned long long kMaskAppName = 0x80;
-constexpr unsigned long long kMaskHelpUrl = 0x100;
-constexpr unsigned long long kMaskCtlStop = 0x400;
-constexpr unsigned long long kMaskSupportUrl = 0x800;
-constexpr unsigned long long kMaskInstallReboot = 0x1000;
-constexpr unsigned long long kMaskAdmin = 0x2000;
-constexpr unsigned long long kMaskSilentInstall = 0x40000;
-constexpr unsigned long long kMaskSilentUpgrade = 0x80000;
-constexpr unsigned long long kMaskSilentUninstall = 0x100000;
-constexpr unsigned long long kMaskInstallType = 0x200000;
-constexpr unsigned long long kMaskSupportCenter = 0x800000;
-constexpr unsigned long long kMaskDepPackages = 0x1000000;
-constexpr unsigned long long kMaskStartDepServices = 0x2000000;
-constexpr unsigned long long kMaskIcons = 0x8000000;
-constexpr unsigned long long kMaskDisplayName = 0x10000000;
-constexpr unsigned long long kMaskRestartServices = 0x20000000;
-constexpr unsigned long long kMaskInstallDepServices = 0x40000000;
-constexpr unsigned long long kMaskConflicts = 0xffffffff80000000ULL;
-constexpr unsigned long long kMaskCtlUninstall = 0x100000000ULL;
-constexpr unsigned long long kMaskSupportMove = 0x2000000000ULL;
-constexpr unsigned long long kMaskColdStorage = 0x10000000000ULL;
-constexpr unsigned long long kMaskAppLaunchName = 0x20000000000ULL;
 
 constexpr size_t kMaxNameLength = 492;
 // INFO files hold a few keys and two base64 icons; anything larger is no INFO, and reading it
@@ -142,10 +114,10 @@ const std::vector<std::string>& KeysFor(unsigned long long mask, const std::stri
         keys.push_back(key);
     }
     if (!language.empty()) {
-        if (mask & kMaskDisplayName) {
+        if (mask & PKG_MASK_DISPLAYNAME) {
             keys.push_back("displayname_" + language);
         }
-        if (mask & kMaskDescription) {
+        if (mask & PKG_MASK_DESCRIPTION) {
             keys.push_back("description_" + language);
         }
     }
@@ -160,23 +132,354 @@ const std::vector<std::string>& KeysFor(unsigned long long mask, const std::stri
     return keys;
 }
 
-bool ReadOSVersion(Value text, OSVersionNumbers& v, int& nano) {
-    int n = nano;
-    std::sscanf(Str(text).c_str(), "%d.%d-%d-%d", &v.major, &v.minor, &v.build, &n);
-    nano = n;
+// What the readers of one INFO file work on.
+struct Load {
+    const InfoValues& hash;
+    PackageInfo& info;
+    PackageInfoExtraPrivate& x;
+    const std::string& dir;
+    const std::string& infoPath;
+    const std::string& language;
+    bool wantEnglish;
+    int hasConf;  // -1 until asked: most packages have no conf folder, and one test spares two
+};
+
+// Reads one key's value (null when the file lacks it) into the record; false fails the load,
+// after a log line.
+using Reader = bool (*)(Load& c, Value v, const std::string& key);
+
+template <typename T>
+struct MemberOf;
+template <typename R, typename V>
+struct MemberOf<V R::*> {
+    using Record = R;
+};
+template <typename R>
+R& RecordOf(Load& c);
+template <>
+PackageInfo& RecordOf<PackageInfo>(Load& c) {
+    return c.info;
+}
+template <>
+PackageInfoExtraPrivate& RecordOf<PackageInfoExtraPrivate>(Load& c) {
+    return c.x;
+}
+// The field that the member pointer F names, in the record or in its extra part.
+template <auto F>
+auto& Field(Load& c) {
+    return RecordOf<typename MemberOf<decltype(F)>::Record>(c).*F;
+}
+
+template <auto F>
+bool Text(Load& c, Value v, const std::string&) {
+    if (v != nullptr) {
+        Field<F>(c) = *v;
+    }
+    return true;
+}
+// A text that must be there and not empty.
+template <auto F>
+bool Required(Load& c, Value v, const std::string& key) {
+    if (v == nullptr || v->empty()) {
+        ZLOGERR("key [%s] not found", key.c_str());
+        return false;
+    }
+    Field<F>(c) = *v;
+    return true;
+}
+template <auto F>
+bool Yes(Load& c, Value v, const std::string&) {
+    Field<F>(c) = IsYes(v);
+    return true;
+}
+template <auto F>
+bool NotNo(Load& c, Value v, const std::string&) {
+    Field<F>(c) = !IsNo(v);
+    return true;
+}
+template <auto F>
+bool Words(Load& c, Value v, const std::string&) {
+    if (v != nullptr) {
+        Field<F>(c) = Blanks(v);
+    }
+    return true;
+}
+template <auto F>
+bool DepString(Load& c, Value v, const std::string&) {
+    if (v != nullptr) {
+        PMSExplodeDepPKGString(Str(v).c_str(), Field<F>(c));
+    }
+    return true;
+}
+template <auto F>
+bool RestartServices(Load& c, Value v, const std::string&) {
+    if (v != nullptr) {
+        Field<F>(c) = PMSConvMapRestartService(Str(v).c_str());
+    }
+    return true;
+}
+template <auto Mask, auto Set>
+bool Services(Load& c, Value v, const std::string&) {
+    if (v != nullptr) {
+        Field<Mask>(c) = PackageManager::PMSExplodeServiceString(Str(v).c_str());
+        Field<Set>(c) = PackageManager::getServiceSetFromString(Str(v).c_str());
+    }
+    return true;
+}
+// A list from conf/<file> when the package has one, else from the key: the file wins.
+template <auto F>
+bool DepList(Load& c, Value v, const char* file) {
+    if (c.hasConf < 0) {
+        c.hasConf = ZARNIsDir(c.dir + "/conf") ? 1 : 0;
+    }
+    const std::string path = c.dir + "/conf/" + file;
+    if (c.hasConf == 1 && IsFileExists(path)) {
+        PMSLoadDepConfFile(path.c_str(), Field<F>(c));
+        return true;
+    }
+    return DepString<F>(c, v, file);
+}
+
+bool ReadName(Load& c, Value v, const std::string& key) {
+    if (v == nullptr) {
+        ZLOGERR("key [%s] not found in %s zarnerr=[0x%04X]", key.c_str(), c.infoPath.c_str(),
+                VLIBCErrGet());
+        return false;
+    }
+    if (!CheckNameValue(v, ":/<>=|")) {
+        ZLOGERR("key [%s] %s is illegal", key.c_str(), Str(v).c_str());
+        return false;
+    }
+    c.info.name = *v;
     return true;
 }
 
-void LoadDepList(const std::string& dir, bool hasConf, const char* file, Value key,
-                 DepPkgVector& out) {
-    const std::string path = dir + "/conf/" + file;
-    if (hasConf && IsFileExists(path)) {
-        PMSLoadDepConfFile(path.c_str(), out);
-    } else if (key != nullptr) {
-        PMSExplodeDepPKGString(Str(key).c_str(), out);
+bool ReadUIDir(Load& c, Value v, const std::string& key) {
+    if (v == nullptr || v->empty()) {
+        return true;
     }
+    if (!CheckNameValue(v, ":/")) {
+        ZLOGERR("key [%s] %s is illegal", key.c_str(), Str(v).c_str());
+        return false;
+    }
+    c.info.kosuidir = *v;
+    return true;
 }
 
+bool ReadDescription(Load& c, Value v, const std::string& key) {
+    if (!Required<&PackageInfo::description>(c, v, key)) {
+        return false;
+    }
+    Value enu = c.wantEnglish ? GetNonEmpty(c.hash, "description_enu") : nullptr;
+    if (enu != nullptr) {
+        c.info.description_enu = *enu;
+    }
+    if (!c.language.empty()) {
+        if (Value l = GetNonEmpty(c.hash, "description_" + c.language)) {
+            c.info.description = *l;
+        }
+    }
+    return true;
+}
+
+bool ReadDisplayName(Load& c, Value v, const std::string&) {
+    c.info.displayname = (v != nullptr && !v->empty()) ? Str(v) : c.info.name;
+    if (!c.language.empty()) {
+        if (Value l = GetNonEmpty(c.hash, "displayname_" + c.language)) {
+            c.info.displayname = *l;
+        }
+    }
+    return true;
+}
+
+bool ReadAdminPort(Load& c, Value v, const std::string& key) {
+    if (v == nullptr || v->empty()) {
+        return true;
+    }
+    unsigned long port = std::strtoul(Str(v).c_str(), nullptr, 10);
+    if (port > 65536) {
+        ZLOGERR("key [%s] %d is illegal", key.c_str(), static_cast<int>(port));
+        return false;
+    }
+    c.info.adminport = static_cast<unsigned int>(port);
+    return true;
+}
+
+bool ReadAdminProtocols(Load& c, Value v, const std::string&) {
+    c.info.adminprotocol =
+        (v != nullptr && !v->empty()) ? Blanks(v) : std::vector<std::string>{"http"};
+    return true;
+}
+
+bool ReadArch(Load& c, Value v, const std::string&) {
+    if (v != nullptr && !v->empty()) {
+        c.info.arch = Blanks(v);
+        PMSArchSetInsert(c.info.arch, c.x.arch_ids);
+    } else {
+        // Only a missing or empty "arch" means every machine; a list of blanks names none.
+        const auto& noarch = PMSGetArchGroup(PKG_ARCH_GROUP_NOARCH);
+        c.x.arch_ids.insert(noarch.begin(), noarch.end());
+    }
+    return true;
+}
+
+bool ReadExcludedArch(Load& c, Value v, const std::string&) {
+    if (v != nullptr) {
+        c.info.exclude_arch = Blanks(v);
+        PMSArchSetInsert(c.info.exclude_arch, c.x.exclude_arch_ids);
+    }
+    return true;
+}
+
+// "%d.%d-%d-%d"; a version with fewer parts leaves the rest as they were.
+void ReadOSVersion(Value text, OSVersionNumbers& v, int& nano) {
+    std::sscanf(Str(text).c_str(), "%d.%d-%d-%d", &v.major, &v.minor, &v.build, &nano);
+}
+
+// "os_min_ver", else its older form "firmware", into the OS minimum and the firmware fields.
+bool ReadOSMin(Load& c, Value v, const std::string&) {
+    if (v == nullptr) {
+        v = Get(c.hash, "firmware");
+    }
+    if (v != nullptr) {
+        ReadOSVersion(v, c.x.os_min_ver, c.x.os_min_nano);
+        int unused = 0;
+        ReadOSVersion(v, c.info.firmware, unused);
+    }
+    return true;
+}
+
+bool ReadOSMax(Load& c, Value v, const std::string&) {
+    if (v != nullptr) {
+        c.x.os_max_ver = OSVersionNumbers();
+        ReadOSVersion(v, c.x.os_max_ver, c.x.os_max_nano);
+    }
+    return true;
+}
+
+// "ctl_stop", else its older form "startable".
+bool ReadStartable(Load& c, Value v, const std::string&) {
+    c.info.startable = !IsNo(v != nullptr ? v : Get(c.hash, "startable"));
+    return true;
+}
+
+bool ReadReportUrl(Load& c, Value v, const std::string&) {
+    if (v != nullptr && !v->empty()) {
+        c.info.report_url = *v;
+        c.info.beta = true;
+    }
+    return true;
+}
+
+bool ReadBeta(Load& c, Value v, const std::string&) {
+    c.info.beta = c.info.beta || IsYes(v);
+    return true;
+}
+
+bool ReadExtractSize(Load& c, Value v, const std::string&) {
+    if (v != nullptr) {
+        c.info.extractsize = KilobytesToBytes(std::strtoll(Str(v).c_str(), nullptr, 10));
+    }
+    return true;
+}
+
+struct KeyReader {
+    PKG_INFO_TYPE key;
+    Reader read;
+    // A bit that must be set as well as one of the key's own (see g_MappingPKGInfoAdditional).
+    unsigned long long parseBit = 0;
+};
+
+// The keys in the order they are read, which is the order in which a bad file is refused.
+// A reader runs when the mask requests its key, so the bits are named only in the key table.
+const KeyReader kReaders[] = {
+    {PKG_INFO_PACKAGE, ReadName},
+    {PKG_INFO_VERSION, Required<&PackageInfo::version>},
+    {PKG_INFO_MAINTAINER, Required<&PackageInfo::maintainer>},
+    {PKG_INFO_MAINTAINER_URL, Text<&PackageInfo::maintainer_url>},
+    {PKG_INFO_DISTRIBUTOR, Text<&PackageInfo::distributor>},
+    {PKG_INFO_DISTRIBUTOR_URL, Text<&PackageInfo::distributor_url>},
+    {PKG_INFO_DESCRIPTION, ReadDescription},
+    {PKG_INFO_ADMINURL, Text<&PackageInfo::adminurl>},
+    {PKG_INFO_ADMINPORT, ReadAdminPort},
+    {PKG_INFO_ADMINPROTOCOL, ReadAdminProtocols},
+    {PKG_INFO_ARCH, ReadArch},
+    {PKG_INFO_EXCLUDE_ARCH, ReadExcludedArch},
+    {PKG_INFO_EXCLUDE_MODEL, Words<&PackageInfoExtraPrivate::exclude_model>},
+    {PKG_INFO_MODEL, Words<&PackageInfo::model>},
+    {PKG_INFO_OS_MIN_VER, ReadOSMin},
+    {PKG_INFO_OS_MAX_VER, ReadOSMax},
+    {PKG_INFO_DISPLAYNAME, ReadDisplayName},
+    {PKG_INFO_CHECKPORT, NotNo<&PackageInfo::checkport>},
+    {PKG_INFO_HELPURL, Text<&PackageInfo::helpurl>},
+    {PKG_INFO_INSTUNINST_RESTART_SERVICES,
+     RestartServices<&PackageInfo::instuninst_restart_services>},
+    {PKG_INFO_STARTSTOP_RESTART_SERVICES,
+     RestartServices<&PackageInfo::startstop_restart_services>},
+    {PKG_INFO_INSTALL_DEP_SERVICES, Services<&PackageInfo::install_dep_services,
+                                             &PackageInfoExtraPrivate::install_dep_service_set>},
+    {PKG_INFO_START_DEP_SERVICES,
+     Services<&PackageInfo::start_dep_services, &PackageInfoExtraPrivate::start_dep_service_set>},
+    {PKG_INFO_KOSUIDIR, ReadUIDir},
+    {PKG_INFO_KOSAPPNAME, Text<&PackageInfo::kosappname>},
+    {PKG_INFO_INSTALL_REBOOT, Yes<&PackageInfo::install_reboot>},
+    {PKG_INFO_CTL_STOP, ReadStartable},
+    {PKG_INFO_INSTALL_DEP_PACKAGES,
+     [](Load& c, Value v, const std::string&) {
+         return DepList<&PackageInfo::install_dep_packages>(c, v, "PKG_DEPS");
+     }},
+    {PKG_INFO_INSTALL_CONFLICT_PACKAGES,
+     [](Load& c, Value v, const std::string&) {
+         return DepList<&PackageInfo::install_conflict_packages>(c, v, "PKG_CONX");
+     }},
+    {PKG_INFO_INSTALL_BREAK_PACKAGES, DepString<&PackageInfoExtraPrivate::install_break_packages>,
+     PKG_MASK_PARSE_BREAK},
+    {PKG_INFO_INSTALL_REPLACE_PACKAGES,
+     DepString<&PackageInfoExtraPrivate::install_replace_packages>, PKG_MASK_PARSE_REPLACE},
+    {PKG_INFO_INSTALL_REPLACE_FORCE_PACKAGES,
+     DepString<&PackageInfoExtraPrivate::install_replace_force_packages>,
+     PKG_MASK_PARSE_REPLACE_FORCE},
+    {PKG_INFO_SILENT_INSTALL, Yes<&PackageInfo::silent_install>},
+    {PKG_INFO_SILENT_UPGRADE, Yes<&PackageInfo::silent_upgrade>},
+    {PKG_INFO_SILENT_UNINSTALL, Yes<&PackageInfo::silent_uninstall>},
+    {PKG_INFO_CHECKSUM, Text<&PackageInfo::checksum>},
+    {PKG_INFO_PACKAGE_ICON, Text<&PackageInfo::package_icon>},
+    {PKG_INFO_PACKAGE_ICON_256, Text<&PackageInfo::package_icon_256>},
+    {PKG_INFO_REPORT_URL, ReadReportUrl},
+    {PKG_INFO_BETA, ReadBeta},
+    {PKG_INFO_SUPPORT_CENTER, Yes<&PackageInfo::support_center>},
+    {PKG_INFO_SUPPORT_URL, Text<&PackageInfo::support_url>},
+    {PKG_INFO_EXTRACTSIZE, ReadExtractSize},
+    {PKG_INFO_INSTALL_TYPE, Text<&PackageInfo::install_type>},
+    {PKG_INFO_INSTALL_ON_COLD_STORAGE, Yes<&PackageInfoExtraPrivate::install_on_cold_storage>},
+    {PKG_INFO_KOSAPPLAUNCHNAME, Text<&PackageInfoExtraPrivate::kosapplaunchname>},
+    {PKG_INFO_SUPPORT_MOVE, Yes<&PackageInfoExtraPrivate::support_move>},
+    {PKG_INFO_PRECHECKSTARTSTOP, Yes<&PackageInfoExtraPrivate::precheckstartstop>},
+    {PKG_INFO_USE_DEPRECATED_REPLACE_MECHANISM,
+     NotNo<&PackageInfoExtraPrivate::use_deprecated_replace_mechanism>},
+    {PKG_INFO_CTL_UNINSTALL, NotNo<&PackageInfoExtraPrivate::ctl_uninstall>},
+};
+constexpr size_t kReaderCount = sizeof(kReaders) / sizeof(kReaders[0]);
+
+// Per reader: its key's text and the mask bits that request it (0: always read), taken once
+// from the key tables.
+struct ResolvedReader {
+    std::string key;
+    unsigned long long bits;
+};
+const std::vector<ResolvedReader>& Resolved() {
+    static const std::vector<ResolvedReader> resolved = [] {
+        std::vector<ResolvedReader> out;
+        for (const KeyReader& r : kReaders) {
+            auto requested = g_MappingPKGInfoAdditional.find(r.key);
+            unsigned long long bits =
+                requested == g_MappingPKGInfoAdditional.end() ? 0 : requested->second;
+            out.push_back({g_MappingPKGInfoFields.at(r.key), bits});
+        }
+        return out;
+    }();
+    return resolved;
+}
 }  // namespace
 
 bool PMSCheckName(const char* name, const char* forbidden) {
@@ -203,7 +506,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         return false;
     }
     std::string language;
-    if (mask & (kMaskDescription | kMaskDisplayName)) {
+    if (mask & (PKG_MASK_DESCRIPTION | PKG_MASK_DISPLAYNAME)) {
         if (lang != nullptr) {
             language = lang;
         } else {
@@ -211,7 +514,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         }
     }
     const bool wantEnglish =
-        (mask & kMaskDescription) && !(langGiven && strcasecmp(language.c_str(), "enu") == 0);
+        (mask & PKG_MASK_DESCRIPTION) && !(langGiven && strcasecmp(language.c_str(), "enu") == 0);
     // Read the file directly rather than testing for it first: a scan pays one open per package.
     // The buffer is reused so that a scan doesn't allocate a fresh one for every file.
     thread_local std::string text;
@@ -235,259 +538,19 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         return false;
     }
     const InfoValues hash(text, KeysFor(mask, language, wantEnglish));
-    Value name = Get(hash, "package");
-    if (name == nullptr) {
-        ZLOGERR("key [%s] not found in %s zarnerr=[0x%04X]", "package", infoPath.c_str(),
-                VLIBCErrGet());
-        return false;
-    }
-    if (!CheckNameValue(name, ":/<>=|")) {
-        ZLOGERR("key [%s] %s is illegal", "package", Str(name).c_str());
-        return false;
-    }
-    info.name = *name;
-    Value version = GetNonEmpty(hash, "version");
-    if (version == nullptr) {
-        ZLOGERR("key [%s] not found", "version");
-        return false;
-    }
-    info.version = *version;
-    PackageInfoExtraPrivate& x = *info.extra.get();
-
-    if (mask & kMaskMaintainer) {
-        Value v = GetNonEmpty(hash, "maintainer");
-        if (v == nullptr) {
-            ZLOGERR("key [%s] not found", "maintainer");
+    Load load{hash, info, *info.extra.get(), dir, infoPath, language, wantEnglish, -1};
+    const std::vector<ResolvedReader>& resolved = Resolved();
+    for (size_t i = 0; i < kReaderCount; ++i) {
+        const KeyReader& r = kReaders[i];
+        const bool requested = resolved[i].bits == 0 || (mask & resolved[i].bits) != 0;
+        if (!requested || (r.parseBit != 0 && (mask & r.parseBit) == 0)) {
+            continue;
+        }
+        if (!r.read(load, Get(hash, resolved[i].key), resolved[i].key)) {
             return false;
         }
-        info.maintainer = *v;
     }
-    if (mask & kMaskMaintainerUrl) {
-        Value v = Get(hash, "maintainer_url");
-        info.maintainer_url = Str(v);
-    }
-    if (mask & kMaskDistributor) {
-        Value v = Get(hash, "distributor");
-        info.distributor = Str(v);
-    }
-    if (mask & kMaskDistributorUrl) {
-        Value v = Get(hash, "distributor_url");
-        info.distributor_url = Str(v);
-    }
-    if (mask & kMaskDescription) {
-        Value v = GetNonEmpty(hash, "description");
-        if (v == nullptr) {
-            ZLOGERR("key [%s] not found", "description");
-            return false;
-        }
-        info.description = *v;
-        Value enu = wantEnglish ? GetNonEmpty(hash, "description_enu") : nullptr;
-        if (enu != nullptr) {
-            info.description_enu = *enu;
-        }
-    }
-    if (mask & kMaskAdmin) {
-        if (Value v = Get(hash, "adminurl")) {
-            info.adminurl = *v;
-        }
-        if (Value v = GetNonEmpty(hash, "adminport")) {
-            unsigned long port = std::strtoul(Str(v).c_str(), nullptr, 10);
-            if (port > 65536) {
-                ZLOGERR("key [%s] %d is illegal", "adminport", static_cast<int>(port));
-                return false;
-            }
-            info.adminport = static_cast<unsigned int>(port);
-        }
-        Value protocols = GetNonEmpty(hash, "adminprotocol");
-        info.adminprotocol = protocols ? Blanks(protocols) : std::vector<std::string>{"http"};
-    }
-    if (Value v = GetNonEmpty(hash, "arch")) {
-        info.arch = Blanks(v);
-        PMSArchSetInsert(info.arch, x.arch_ids);
-    } else {
-        // Only a missing or empty "arch" means every machine; a list of blanks names none.
-        const auto& noarch = PMSGetArchGroup(PKG_ARCH_GROUP_NOARCH);
-        x.arch_ids.insert(noarch.begin(), noarch.end());
-    }
-    if (Value v = Get(hash, "exclude_arch")) {
-        info.exclude_arch = Blanks(v);
-        PMSArchSetInsert(info.exclude_arch, x.exclude_arch_ids);
-    }
-    if (Value v = Get(hash, "exclude_model")) {
-        x.exclude_model = Blanks(v);
-    }
-    if (Value v = Get(hash, "model")) {
-        info.model = Blanks(v);
-    }
-
-    Value minVer = Get(hash, "os_min_ver");
-    if (minVer == nullptr) {
-        minVer = Get(hash, "firmware");
-    }
-    if (minVer != nullptr) {
-        ReadOSVersion(minVer, x.os_min_ver, x.os_min_nano);
-        int unused = 0;
-        ReadOSVersion(minVer, info.firmware, unused);
-    }
-    if (Value maxVer = Get(hash, "os_max_ver")) {
-        x.os_max_ver = OSVersionNumbers();
-        ReadOSVersion(maxVer, x.os_max_ver, x.os_max_nano);
-    }
-
-    if (mask & kMaskDisplayName) {
-        Value v = GetNonEmpty(hash, "displayname");
-        info.displayname = v ? Str(v) : info.name;
-        if (!language.empty()) {
-            if (Value l = GetNonEmpty(hash, "displayname_" + language)) {
-                info.displayname = *l;
-            }
-        }
-    }
-    if ((mask & kMaskDescription) && !language.empty()) {
-        if (Value l = GetNonEmpty(hash, "description_" + language)) {
-            info.description = *l;
-        }
-    }
-
-    if (IsNo(Get(hash, "checkport"))) {
-        info.checkport = false;
-    }
-    if (mask & kMaskHelpUrl) {
-        if (Value v = Get(hash, "helpurl")) {
-            info.helpurl = *v;
-        }
-    }
-    if (mask & kMaskRestartServices) {
-        if (Value v = Get(hash, "instuninst_restart_services")) {
-            info.instuninst_restart_services = PMSConvMapRestartService(Str(v).c_str());
-        }
-        if (Value v = Get(hash, "startstop_restart_services")) {
-            info.startstop_restart_services = PMSConvMapRestartService(Str(v).c_str());
-        }
-    }
-    if (mask & kMaskInstallDepServices) {
-        if (Value v = Get(hash, "install_dep_services")) {
-            info.install_dep_services = PackageManager::PMSExplodeServiceString(Str(v).c_str());
-            x.install_dep_service_set = PackageManager::getServiceSetFromString(Str(v).c_str());
-        }
-    }
-    if (mask & kMaskStartDepServices) {
-        if (Value v = Get(hash, "start_dep_services")) {
-            info.start_dep_services = PackageManager::PMSExplodeServiceString(Str(v).c_str());
-            x.start_dep_service_set = PackageManager::getServiceSetFromString(Str(v).c_str());
-        }
-    }
-
-    if (Value v = GetNonEmpty(hash, "kosuidir")) {
-        if (!CheckNameValue(v, ":/")) {
-            ZLOGERR("key [%s] %s is illegal", "kosuidir", Str(v).c_str());
-            return false;
-        }
-        info.kosuidir = *v;
-    }
-    if (mask & kMaskAppName) {
-        if (Value v = Get(hash, "kosappname")) {
-            info.kosappname = *v;
-        }
-    }
-    if (mask & kMaskInstallReboot) {
-        info.install_reboot = IsYes(Get(hash, "install_reboot"));
-    }
-    if (mask & kMaskCtlStop) {
-        Value ctl = Get(hash, "ctl_stop");
-        info.startable = !IsNo(ctl != nullptr ? ctl : Get(hash, "startable"));
-    }
-
-    if (mask & (kMaskDepPackages | kMaskConflicts)) {
-        // Most packages have no conf folder: one test spares two.
-        const bool hasConf = ZARNIsDir(dir + "/conf");
-        if (mask & kMaskDepPackages) {
-            LoadDepList(dir, hasConf, "PKG_DEPS", Get(hash, "install_dep_packages"),
-                        info.install_dep_packages);
-        }
-        if (mask & kMaskConflicts) {
-            LoadDepList(dir, hasConf, "PKG_CONX", Get(hash, "install_conflict_packages"),
-                        info.install_conflict_packages);
-        }
-    }
-    if (mask & PKG_MASK_PARSE_BREAK) {
-        if (Value v = Get(hash, "install_break_packages")) {
-            PMSExplodeDepPKGString(Str(v).c_str(), x.install_break_packages);
-        }
-    }
-    if (mask & PKG_MASK_PARSE_REPLACE) {
-        if (Value v = Get(hash, "install_replace_packages")) {
-            PMSExplodeDepPKGString(Str(v).c_str(), x.install_replace_packages);
-        }
-    }
-    if (mask & PKG_MASK_PARSE_REPLACE_FORCE) {
-        if (Value v = Get(hash, "install_replace_force_packages")) {
-            PMSExplodeDepPKGString(Str(v).c_str(), x.install_replace_force_packages);
-        }
-    }
-
-    if (mask & kMaskSilentInstall) {
-        info.silent_install = IsYes(Get(hash, "silent_install"));
-    }
-    if (mask & kMaskSilentUpgrade) {
-        info.silent_upgrade = IsYes(Get(hash, "silent_upgrade"));
-    }
-    if (mask & kMaskSilentUninstall) {
-        info.silent_uninstall = IsYes(Get(hash, "silent_uninstall"));
-    }
-    if (Value v = Get(hash, "checksum")) {
-        info.checksum = *v;
-    }
-    if (mask & kMaskIcons) {
-        if (Value v = Get(hash, "package_icon")) {
-            info.package_icon = *v;
-        }
-        if (Value v = Get(hash, "package_icon_256")) {
-            info.package_icon_256 = *v;
-        }
-    }
-    if (Value v = GetNonEmpty(hash, "report_url")) {
-        info.report_url = *v;
-        info.beta = true;
-    }
-    if (IsYes(Get(hash, "beta"))) {
-        info.beta = true;
-    }
-    if (mask & kMaskSupportCenter) {
-        info.support_center = IsYes(Get(hash, "support_center"));
-    }
-
-    x.target_volume = PMSGetPackageTargetVolByPath(PMSRegistryDir(info.name).c_str());
-
-    if (mask & kMaskSupportUrl) {
-        if (Value v = Get(hash, "support_url")) {
-            info.support_url = *v;
-        }
-    }
-    if (Value v = Get(hash, "extractsize")) {
-        info.extractsize = KilobytesToBytes(std::strtoll(Str(v).c_str(), nullptr, 10));
-    }
-    if (mask & kMaskInstallType) {
-        if (Value v = Get(hash, "install_type")) {
-            info.install_type = *v;
-        }
-    }
-    if (mask & kMaskColdStorage) {
-        x.install_on_cold_storage = IsYes(Get(hash, "install_on_cold_storage"));
-    }
-    if (mask & kMaskAppLaunchName) {
-        if (Value v = Get(hash, "kosapplaunchname")) {
-            x.kosapplaunchname = *v;
-        }
-    }
-    if (mask & kMaskSupportMove) {
-        x.support_move = IsYes(Get(hash, "support_move"));
-    }
-    x.precheckstartstop = IsYes(Get(hash, "precheckstartstop"));
-    x.use_deprecated_replace_mechanism = !IsNo(Get(hash, "use_deprecated_replace_mechanism"));
-    if (mask & kMaskCtlUninstall) {
-        x.ctl_uninstall = !IsNo(Get(hash, "ctl_uninstall"));
-    }
+    load.x.target_volume = PMSGetPackageTargetVolByPath(PMSRegistryDir(info.name).c_str());
     return true;
 }
 

@@ -246,13 +246,44 @@ ZARNPKG_API extern const std::map<unsigned long long, std::string> g_MappingPKGI
 ZARNPKG_API extern const std::map<unsigned long long, unsigned long long>
     g_MappingPKGInfoAdditional;
 
-// Load mask bits that select parsing of a list without selecting a key.
+// Load mask bits: each requests the INFO keys that g_MappingPKGInfoAdditional gives it; a key
+// without a row there is always read.
+constexpr unsigned long long PKG_MASK_DESCRIPTION = 0x1ULL;
+constexpr unsigned long long PKG_MASK_DISTRIBUTOR = 0x8ULL;
+constexpr unsigned long long PKG_MASK_DISTRIBUTOR_URL = 0x10ULL;
+constexpr unsigned long long PKG_MASK_MAINTAINER = 0x20ULL;
+constexpr unsigned long long PKG_MASK_MAINTAINER_URL = 0x40ULL;
+constexpr unsigned long long PKG_MASK_KOSAPPNAME = 0x80ULL;
+constexpr unsigned long long PKG_MASK_HELPURL = 0x100ULL;
+constexpr unsigned long long PKG_MASK_BETA = 0x204ULL;
+constexpr unsigned long long PKG_MASK_CTL_STOP = 0x400ULL;
+constexpr unsigned long long PKG_MASK_SUPPORT_URL = 0x800ULL;
+constexpr unsigned long long PKG_MASK_INSTALL_REBOOT = 0x1000ULL;
+constexpr unsigned long long PKG_MASK_ADMIN = 0x2000ULL;
+constexpr unsigned long long PKG_MASK_SILENT_INSTALL = 0x40000ULL;
+constexpr unsigned long long PKG_MASK_SILENT_UPGRADE = 0x80000ULL;
+constexpr unsigned long long PKG_MASK_SILENT_UNINSTALL = 0x100000ULL;
+constexpr unsigned long long PKG_MASK_INSTALL_TYPE = 0x200000ULL;
+constexpr unsigned long long PKG_MASK_SUPPORT_CENTER = 0x800000ULL;
+constexpr unsigned long long PKG_MASK_DEP_PACKAGES = 0x1000000ULL;
+constexpr unsigned long long PKG_MASK_START_DEP_SERVICES = 0x2000000ULL;
+constexpr unsigned long long PKG_MASK_ICONS = 0x8000000ULL;
+constexpr unsigned long long PKG_MASK_DISPLAYNAME = 0x10000000ULL;
+constexpr unsigned long long PKG_MASK_RESTART_SERVICES = 0x20000000ULL;
+constexpr unsigned long long PKG_MASK_INSTALL_DEP_SERVICES = 0x40000000ULL;
+// Any bit above 0x7fffffff asks for the conflicts.
+constexpr unsigned long long PKG_MASK_CONFLICTS = 0xffffffff80000000ULL;
+constexpr unsigned long long PKG_MASK_CTL_UNINSTALL = 0x100000000ULL;
+constexpr unsigned long long PKG_MASK_SUPPORT_MOVE = 0x2000000000ULL;
+constexpr unsigned long long PKG_MASK_COLD_STORAGE = 0x10000000000ULL;
+constexpr unsigned long long PKG_MASK_APPLAUNCHNAME = 0x20000000000ULL;
+// Bits that select parsing of a list without selecting a key.
 constexpr unsigned long long PKG_MASK_PARSE_BREAK = 0x400000000ULL;
 constexpr unsigned long long PKG_MASK_PARSE_REPLACE = 0x800000000ULL;
 constexpr unsigned long long PKG_MASK_PARSE_REPLACE_FORCE = 0x8000000000ULL;
 constexpr unsigned long long PKG_MASK_ALL = ~0ULL;
 // What a scan for the packages that break others reads: their break lists and display names.
-constexpr unsigned long long PKG_MASK_BREAKERS = PKG_MASK_PARSE_BREAK | 0x10000000ULL;
+constexpr unsigned long long PKG_MASK_BREAKERS = PKG_MASK_PARSE_BREAK | PKG_MASK_DISPLAYNAME;
 
 enum PKG_INSTALLATION_TYPE : int {
     PKG_INSTALLATION_NONE = 0,

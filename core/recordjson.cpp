@@ -1,7 +1,7 @@
 #include <cstdlib>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
-#include "dependency/depparse.h"
 #include "platform/json.h"
 #include "platform/log.h"
 

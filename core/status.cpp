@@ -1,15 +1,12 @@
+#include "core/control_script.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "core/version.h"
-#include "lifecycle/script_env.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/log.h"
-#include "platform/process.h"
 #include "platform/services.h"
-#include "platform/sysroot.h"
 #include "platform/volumes.h"
-#include "privilege/privilege.h"
 
 namespace ZARNPackageTool {
 
@@ -31,23 +28,6 @@ bool VolumeWorks(const std::string& volume) {
     bool works = ret >= 1 && (fs.status & ZARN_FS_STATUS_NOT_WORKING) == 0;
     FSInfoFree(&fs);
     return works;
-}
-
-// Runs "start-stop-status status" under the package's identity; the exit status or -1.
-// `identityFailed` tells the caller that nothing ran because of the identity.
-int RunStatusScript(const std::string& name, const std::string& script, const PackageInfo& info,
-                    bool& identityFailed) {
-    identityFailed = false;
-    ZARNUtils::ProcessRunner runner({ZARNPhysicalPath(script), "status"});
-    runner.setArgv0(kControlScript);
-    runner.captureOutput();
-    PMSPrepareScriptEnv(info, runner, nullptr, nullptr, PKG_INSTALLATION_NONE, nullptr, nullptr,
-                        nullptr, nullptr);
-    if (!Privilege::SetIdentity(runner, name, "status", "")) {
-        identityFailed = true;
-        return -1;
-    }
-    return runner.run();
 }
 
 }  // namespace
@@ -128,7 +108,8 @@ bool PackageManager::getServiceStatus(const std::string& name, bool& running, bo
         running = true;
     } else {
         bool identityFailed = false;
-        const int ret = RunStatusScript(name, script, info, identityFailed);
+        std::string output;
+        const int ret = PMSRunControlScript(name, script, info, "status", output, identityFailed);
         if (identityFailed) {
             ZLOGERR("Failed to set identity for %s %s", name.c_str(),
                     ZARNLastErrorSuffix().c_str());

@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "core/version.h"
 #include "dependency/depinternal.h"
-#include "dependency/depparse.h"
 #include "platform/log.h"
 
 namespace ZARNPackageTool {
@@ -227,7 +227,7 @@ bool PackageManager::arePackagesConflict(PackageBasicInfo pkg, const DepPkgVecto
 bool PackageManager::IsBrokenByOtherPkg(PackageBasicInfo pkg, std::vector<std::string>* names,
                                         const char* language) {
     InstalledMap installed;
-    enumPackageInfoMap(installed, language, kDepMaskBreak);
+    enumPackageInfoMap(installed, language, PKG_MASK_BREAKERS);
     return IsBrokenByOtherPkg(std::move(pkg), names, installed);
 }
 

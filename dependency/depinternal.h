@@ -11,19 +11,11 @@ namespace ZARNPackageTool {
 // Load masks of the registry scans behind the dependency checks and orders. The ordering scan
 // reads only what it needs (name, version, display name, startable, dependencies) because it
 // runs over every installed package on each start and stop.
-constexpr unsigned long long kDepMaskCtlStop = 0x400;
-constexpr unsigned long long kDepMaskDepPackages = 0x1000000;
-constexpr unsigned long long kDepMaskStartDepServices = 0x2000000;
-constexpr unsigned long long kDepMaskIcons = 0x8000000;
-constexpr unsigned long long kDepMaskDisplayName = 0x10000000;
-constexpr unsigned long long kDepMaskInstallDepServices = 0x40000000;
 constexpr unsigned long long kDepMaskOrder =
-    kDepMaskDepPackages | kDepMaskDisplayName | kDepMaskCtlStop;
-constexpr unsigned long long kDepMaskBreak = PKG_MASK_BREAKERS;
-// One of the high bits that select install_conflict_packages and conf/PKG_CONX.
-constexpr unsigned long long kDepMaskConflicts = 0x80000000ULL | kDepMaskDisplayName;
+    PKG_MASK_DEP_PACKAGES | PKG_MASK_DISPLAYNAME | PKG_MASK_CTL_STOP;
+constexpr unsigned long long kDepMaskConflicts = PKG_MASK_CONFLICTS | PKG_MASK_DISPLAYNAME;
 // Everything but the icons, whose base64 text is the bulk of an INFO file.
-constexpr unsigned long long kDepMaskChecks = PKG_MASK_ALL & ~kDepMaskIcons;
+constexpr unsigned long long kDepMaskChecks = PKG_MASK_ALL & ~PKG_MASK_ICONS;
 
 // Whether `installed` stands in the relation that `constraint` asks for (same name, operator
 // and version of the constraint).

@@ -5,10 +5,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "dependency/depinternal.h"
-#include "dependency/depparse.h"
 #include "dependency/graph.h"
 #include "platform/log.h"
 
@@ -44,56 +44,175 @@ bool IsActiveByStatus(const std::string& name, const PackageManager::BreakerSnap
     return query.getResult() == PKG_ERR_JOB_ERROR;
 }
 
+// Vertex lists of the strongly connected components of `succ` that hold a cycle (more than one
+// vertex, or a vertex with an edge to itself). Tarjan's algorithm with an explicit stack, since
+// a registry of tens of thousands of packages would overflow the call stack.
+std::vector<std::vector<size_t>> CyclicComponents(const std::vector<std::vector<size_t>>& succ) {
+    const size_t n = succ.size();
+    std::vector<size_t> index(n, kNone);
+    std::vector<size_t> low(n, 0);
+    std::vector<char> onStack(n, 0);
+    std::vector<size_t> stack;
+    std::vector<std::pair<size_t, size_t>> calls;  // vertex, next successor to look at
+    std::vector<std::vector<size_t>> components;
+    size_t counter = 0;
+    auto enter = [&](size_t v) {
+        index[v] = low[v] = counter++;
+        stack.push_back(v);
+        onStack[v] = 1;
+        calls.emplace_back(v, 0);
+    };
+    for (size_t root = 0; root < n; ++root) {
+        if (index[root] != kNone) {
+            continue;
+        }
+        enter(root);
+        while (!calls.empty()) {
+            auto& [v, next] = calls.back();
+            if (next < succ[v].size()) {
+                const size_t w = succ[v][next++];
+                if (index[w] == kNone) {
+                    enter(w);
+                } else if (onStack[w]) {
+                    low[v] = std::min(low[v], index[w]);
+                }
+                continue;
+            }
+            const size_t done = v;
+            calls.pop_back();
+            if (!calls.empty()) {
+                low[calls.back().first] = std::min(low[calls.back().first], low[done]);
+            }
+            if (low[done] != index[done]) {
+                continue;
+            }
+            std::vector<size_t> component;
+            size_t w = kNone;
+            do {
+                w = stack.back();
+                stack.pop_back();
+                onStack[w] = 0;
+                component.push_back(w);
+            } while (w != done);
+            const auto& out = succ[done];
+            if (component.size() > 1 || std::find(out.begin(), out.end(), done) != out.end()) {
+                components.push_back(std::move(component));
+            }
+        }
+    }
+    return components;
+}
+
+// The graph of a set of records: a vertex per name, numbered by first occurrence, and an edge
+// from a record to each dependency in the set whose version it accepts. A duplicate record
+// lends its dependencies to the vertex of the first: that is how a candidate of an installed
+// name closes a cycle through the installed packages.
+struct RecordGraph {
+    explicit RecordGraph(const std::vector<PackageInfo>& packages) {
+        vertexOf.reserve(packages.size());
+        for (size_t i = 0; i < packages.size(); ++i) {
+            if (vertexOf.emplace(packages[i].name, names.size()).second) {
+                names.push_back(packages[i].name);
+                recordOf.push_back(i);
+            }
+        }
+        needs.resize(names.size());
+        for (const auto& info : packages) {
+            const size_t from = vertexOf.find(info.name)->second;
+            for (const auto& dep : info.install_dep_packages) {
+                auto to = vertexOf.find(dep.name);
+                if (to == vertexOf.end()) {
+                    continue;
+                }
+                const PackageInfo& target = packages[recordOf[to->second]];
+                if (PMSDepSatisfied(target.name, target.version, dep)) {
+                    needs[from].push_back(to->second);
+                }
+            }
+        }
+    }
+    std::unordered_map<std::string, size_t> vertexOf;
+    std::vector<std::string> names;
+    std::vector<size_t> recordOf;
+    std::vector<std::vector<size_t>> needs;
+};
+
+// The stop order of `packages`. On a cycle, false with the names left unsorted and, as
+// "a, b; c, d", the cycles among them, when asked for.
+bool SortRecords(const std::vector<PackageInfo>& packages, std::vector<std::string>& order,
+                 std::vector<std::string>* left, std::string* cycles) {
+    order.clear();
+    const RecordGraph records(packages);
+    Graph graph(records.names.size());
+    for (const auto& name : records.names) {
+        graph.addVertex(name);
+    }
+    for (size_t v = 0; v < records.needs.size(); ++v) {
+        for (size_t w : records.needs[v]) {
+            graph.addEdge(v, w);
+        }
+    }
+    if (graph.topologicalSort()) {
+        order = graph.getResult();
+        return true;
+    }
+    if (left == nullptr) {
+        return false;
+    }
+    std::vector<char> placed(records.names.size(), 0);
+    for (const auto& name : graph.getResult()) {
+        if (!name.empty()) {
+            placed[records.vertexOf.find(name)->second] = 1;
+        }
+    }
+    // The cycles lie among what is left, so only that part is searched.
+    std::vector<size_t> leftIndex(records.names.size(), kNone);
+    std::vector<size_t> leftVertices;
+    for (size_t v = 0; v < records.names.size(); ++v) {
+        if (!placed[v]) {
+            leftIndex[v] = leftVertices.size();
+            leftVertices.push_back(v);
+            left->push_back(records.names[v]);
+        }
+    }
+    std::vector<std::vector<size_t>> succ(leftVertices.size());
+    for (size_t i = 0; i < leftVertices.size(); ++i) {
+        for (size_t w : records.needs[leftVertices[i]]) {
+            if (leftIndex[w] != kNone) {
+                succ[i].push_back(leftIndex[w]);
+            }
+        }
+    }
+    std::vector<std::vector<std::string>> named;
+    for (const auto& component : CyclicComponents(succ)) {
+        std::vector<std::string> members;
+        for (size_t i : component) {
+            members.push_back(records.names[leftVertices[i]]);
+        }
+        std::sort(members.begin(), members.end());
+        named.push_back(std::move(members));
+    }
+    std::sort(named.begin(), named.end());
+    std::vector<std::string> texts;
+    for (const auto& members : named) {
+        texts.push_back(joinStringArray(members, ", "));
+    }
+    *cycles = joinStringArray(texts, "; ");
+    return false;
+}
+
 }  // namespace
 
 bool PackageManager::topologicalSortPkgs(std::vector<PackageInfo>& packages,
                                          std::vector<std::string>& order) {
-    order.clear();
-    Graph graph(packages.size());
-    // Vertices are numbered in order of addition, which is the order of first occurrence.
-    std::unordered_map<std::string, size_t> vertexOf;
-    std::vector<size_t> recordOfVertex;
-    vertexOf.reserve(packages.size());
-    for (size_t i = 0; i < packages.size(); ++i) {
-        if (vertexOf.emplace(packages[i].name, recordOfVertex.size()).second) {
-            graph.addVertex(packages[i].name);
-            recordOfVertex.push_back(i);
-        }
+    std::vector<std::string> left;
+    std::string cycles;
+    if (SortRecords(packages, order, &left, &cycles)) {
+        return true;
     }
-    // A duplicate record lends its dependencies to the vertex of the first: that is how a
-    // candidate of an installed name closes a cycle through the installed packages.
-    for (const auto& info : packages) {
-        const size_t from = vertexOf.find(info.name)->second;
-        for (const auto& dep : info.install_dep_packages) {
-            auto to = vertexOf.find(dep.name);
-            if (to == vertexOf.end()) {
-                continue;
-            }
-            const PackageInfo& target = packages[recordOfVertex[to->second]];
-            if (PMSDepSatisfied(target.name, target.version, dep)) {
-                graph.addEdge(from, to->second);
-            }
-        }
-    }
-    if (!graph.topologicalSort()) {
-        std::set<std::string> placed;
-        for (const auto& name : graph.getResult()) {
-            if (!name.empty()) {
-                placed.insert(name);
-            }
-        }
-        std::vector<std::string> left;
-        for (size_t v = 0; v < recordOfVertex.size(); ++v) {
-            const std::string& name = packages[recordOfVertex[v]].name;
-            if (placed.count(name) == 0) {
-                left.push_back(name);
-            }
-        }
-        ZLOGERR("Cycle in %s", joinStringArray(left, ", ").c_str());
-        return false;
-    }
-    order = graph.getResult();
-    return true;
+    ZLOGERR("Cycle in %s", joinStringArray(left, ", ").c_str());
+    insertMapParam("cycles", cycles);
+    return false;
 }
 
 bool PackageManager::hasCycle(const PackageInfo& candidate) {
@@ -262,10 +381,10 @@ bool PackageManager::getAncestryDependencyOrder(const char* name,
     for (const auto& p : graph.getResult()) {
         walked.push_back(packages[Lookup(indexOf, p)]);
     }
-    // Sorted, the package itself comes first and what it needs after it.
-    if (!topologicalSortPkgs(walked, order)) {
-        order.clear();
-        return false;
+    // Sorted, the package itself comes first and what it needs after it. A set with a cycle has
+    // no such order: the walk's, reversed, still puts the package first.
+    if (!SortRecords(walked, order, nullptr, nullptr)) {
+        order.assign(graph.getResult().rbegin(), graph.getResult().rend());
     }
     return true;
 }
@@ -277,8 +396,8 @@ bool PackageManager::getDepServicePkgs(const std::set<std::string>& services,
         return true;
     }
     std::vector<PackageInfo> matching;
-    for (auto& info : ScanInstalled(
-             nullptr, kDepMaskOrder | kDepMaskInstallDepServices | kDepMaskStartDepServices)) {
+    for (auto& info : ScanInstalled(nullptr, kDepMaskOrder | PKG_MASK_INSTALL_DEP_SERVICES |
+                                                 PKG_MASK_START_DEP_SERVICES)) {
         if (!PMSCheckEnabledFile(PMSRegistryDir(info.name).c_str())) {
             continue;
         }

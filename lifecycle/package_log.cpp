@@ -1,9 +1,6 @@
+#include "core/control_script.h"
 #include "core/packagemanager.h"
-#include "lifecycle/script_env.h"
 #include "platform/log.h"
-#include "platform/process.h"
-#include "platform/sysroot.h"
-#include "privilege/privilege.h"
 
 namespace ZARNPackageTool {
 
@@ -13,24 +10,21 @@ std::string PackageManager::getPackageLog(const std::string& name, bool quiet) {
     if (script.empty()) {
         return "";
     }
-    ZARNUtils::ProcessRunner runner({ZARNPhysicalPath(script), "log"});
-    runner.setArgv0("start-stop-status");
-    runner.captureOutput();
-    PMSPrepareScriptEnv(info, runner, nullptr, nullptr, PKG_INSTALLATION_NONE, nullptr, nullptr,
-                        nullptr, nullptr);
-    if (!Privilege::SetIdentity(runner, name, "log", "")) {
+    bool identityFailed = false;
+    std::string text;
+    const int ret = PMSRunControlScript(name, script, info, "log", text, identityFailed);
+    if (identityFailed) {
         ZLOGERR("Failed to set identity for %s %s", name.c_str(), ZARNLastErrorSuffix().c_str());
         setResult(PKG_ERR_BAD_PACKAGE);
         return "";
     }
-    if (runner.run() != 0) {
+    if (ret != 0) {
         if (!quiet) {
             ZLOGERR("Failed to query package status, %s", name.c_str());
             setResult(PKG_ERR_SYSTEM);
         }
         return "";
     }
-    std::string text = runner.getCapturedOutput();
     if (!text.empty() && text.back() == '\n') {
         text.pop_back();
     }

@@ -2,9 +2,9 @@
 
 #include <random>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/version.h"
-#include "dependency/depparse.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;

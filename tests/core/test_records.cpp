@@ -1,19 +1,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/version.h"
-#include "dependency/depparse.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;
 using namespace std::string_literals;
 
 namespace {
-
-constexpr unsigned long long kDescription = 0x1;
-constexpr unsigned long long kMaintainer = 0x20;
-constexpr unsigned long long kDisplayName = 0x10000000;
 
 class Records : public TempRootTest {
 protected:
@@ -48,7 +44,7 @@ TEST_F(Records, RequiredKeysAndNameCheck) {
     EXPECT_FALSE(load("version=\"1\"\n", info, "enu", 0));
     // maintainer and description are required only when the mask asks for them.
     EXPECT_TRUE(load("package=\"x\"\nversion=\"1\"\n", info, "enu", 0));
-    EXPECT_FALSE(load("package=\"x\"\nversion=\"1\"\n", info, "enu", kMaintainer));
+    EXPECT_FALSE(load("package=\"x\"\nversion=\"1\"\n", info, "enu", PKG_MASK_MAINTAINER));
     EXPECT_FALSE(load("package=\"x\"\nversion=\"1\"\nmaintainer=\"m\"\n", info));
     EXPECT_FALSE(load(base + "kosuidir=\"ui/x\"\n", info));
     EXPECT_TRUE(load(base + "kosuidir=\"ui\"\n", info));
@@ -112,23 +108,33 @@ TEST_F(Records, FieldRules) {
     EXPECT_TRUE(info.adminprotocol.empty());
 }
 
+TEST_F(Records, ConflictsUnderAnyHighBit) {
+    // Scans ask for the conflicts with whichever bit above 0x7fffffff they hold.
+    PackageInfo info;
+    for (int bit = 0; bit < 64; ++bit) {
+        const unsigned long long mask = 1ULL << bit;
+        ASSERT_TRUE(load(base + "install_conflict_packages=\"c\"\n", info, "enu", mask)) << bit;
+        EXPECT_EQ(info.install_conflict_packages.size(), bit >= 31 ? 1u : 0u) << "bit " << bit;
+    }
+}
+
 TEST_F(Records, LanguageKeys) {
     const std::string texts = base +
                               "description_enu=\"english\"\ndescription_fre=\"french\"\n"
                               "displayname=\"Demo\"\ndisplayname_fre=\"Démo\"\n";
     PackageInfo info;
-    ASSERT_TRUE(load(texts, info, "enu", kDescription | kDisplayName));
+    ASSERT_TRUE(load(texts, info, "enu", PKG_MASK_DESCRIPTION | PKG_MASK_DISPLAYNAME));
     EXPECT_EQ(info.description, "english");
     EXPECT_EQ(info.description_enu, "");
     EXPECT_EQ(info.displayname, "Demo");
 
     writeFile("/etc/zarninfo.conf", "language=\"fre\"\n");
-    ASSERT_TRUE(load(texts, info, nullptr, kDescription | kDisplayName));
+    ASSERT_TRUE(load(texts, info, nullptr, PKG_MASK_DESCRIPTION | PKG_MASK_DISPLAYNAME));
     EXPECT_EQ(info.description, "french");
     EXPECT_EQ(info.description_enu, "english");
     EXPECT_EQ(info.displayname, "Démo");
 
-    ASSERT_TRUE(load(texts, info, "ENU", kDescription));
+    ASSERT_TRUE(load(texts, info, "ENU", PKG_MASK_DESCRIPTION));
     EXPECT_EQ(info.description, "d");  // no "description_ENU" key
     EXPECT_EQ(info.description_enu, "");
     EXPECT_EQ(info.displayname, "");  // not requested

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "dependency/depinternal.h"
-#include "dependency/depparse.h"
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/services.h"

@@ -1,4 +1,4 @@
-#include "dependency/depparse.h"
+#include "core/depparse.h"
 
 #include <gtest/gtest.h>
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "core/depparse.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
-#include "dependency/depparse.h"
 #include "dependency/graph.h"
 #include "platform/files.h"
 #include "platform/services.h"
@@ -95,17 +95,28 @@ TEST_F(Ordering, TopologicalSortOfRecords) {
     EXPECT_TRUE(pm.topologicalSortPkgs(outside, out));
     EXPECT_EQ(out, (Names{"a", "b"}));
 
-    std::vector<PackageInfo> cycle{Record("x", "1"), Record("a", "1", "b"), Record("b", "1", "a")};
-    EXPECT_FALSE(pm.topologicalSortPkgs(cycle, out));
-    EXPECT_TRUE(out.empty());
+    // A failed sort names its cycles, the strongly connected components of what is left; the
+    // dependants of a cycle are left unsorted too but lie on none.
+    const struct {
+        std::vector<PackageInfo> set;
+        const char* cycles;
+    } cycles[] = {
+        {{Record("x", "1"), Record("a", "1", "b"), Record("b", "1", "a")}, "a, b"},
+        {{Record("s", "1", "s"), Record("t", "1", "s")}, "s"},
+        // A second record of a name lends its dependencies to the first.
+        {{Record("a", "1"), Record("b", "1", "a"), Record("a", "2", "b")}, "a, b"},
+        {{Record("top", "1", "bochs"), Record("y", "1", "x"), Record("bochs-wx", "1", "bochs"),
+          Record("x", "1", "y:z"), Record("bochs", "1", "bochs-wx"), Record("z", "1", "x")},
+         "bochs, bochs-wx; x, y, z"},
+    };
+    for (const auto& c : cycles) {
+        PackageManager failed;
+        std::vector<PackageInfo> set = c.set;
+        EXPECT_FALSE(failed.topologicalSortPkgs(set, out));
+        EXPECT_TRUE(out.empty());
+        EXPECT_EQ(failed.getMapParam("cycles"), c.cycles);
+    }
     EXPECT_NE(logText().find("Cycle in a, b"), std::string::npos);
-
-    std::vector<PackageInfo> self{Record("s", "1", "s")};
-    EXPECT_FALSE(pm.topologicalSortPkgs(self, out));
-
-    // A second record of a name lends its dependencies to the first.
-    std::vector<PackageInfo> dup{Record("a", "1"), Record("b", "1", "a"), Record("a", "2", "b")};
-    EXPECT_FALSE(pm.topologicalSortPkgs(dup, out));
 }
 
 TEST_F(Ordering, SortIsAPartialOrderOnLargeSets) {
@@ -301,23 +312,34 @@ TEST_F(Ordering, FilteredWalkMatchesFullGraph) {
 }
 
 TEST_F(Ordering, AncestryOrder) {
-    std::vector<PackageInfo> set{Record("w", "1"), Record("x", "1", "y:q"), Record("y", "1", "z"),
-                                 Record("z", "1"), Record("v", "1", "x")};
+    const std::vector<PackageInfo> set{Record("w", "1"), Record("x", "1", "y:q"),
+                                       Record("y", "1", "z"), Record("z", "1"),
+                                       Record("v", "1", "x")};
+    const std::vector<PackageInfo> loop{Record("x", "1", "y"), Record("y", "1", "x:z"),
+                                        Record("z", "1"), Record("a", "1", "x")};
+    // The package first, then what it needs; a cycle gives the walk's order instead of failing.
+    const struct {
+        const char* name;
+        const std::vector<PackageInfo>& records;
+        Names order;
+    } cases[] = {
+        {"x", set, {"x", "y", "z"}},      {"w", set, {"w"}},
+        {"v", set, {"v", "x", "y", "z"}}, {"x", loop, {"x", "y", "z"}},
+        {"y", loop, {"y", "z", "x"}},     {"a", loop, {"a", "x", "y", "z"}},
+    };
     PackageManager pm;
-    Names out{"stale"};
-    ASSERT_TRUE(pm.getAncestryDependencyOrder("x", set, out));
-    EXPECT_EQ(out, (Names{"x", "y", "z"}));
-    ASSERT_TRUE(pm.getAncestryDependencyOrder("w", set, out));
-    EXPECT_EQ(out, Names{"w"});
-    ASSERT_TRUE(pm.getAncestryDependencyOrder("v", set, out));
-    EXPECT_EQ(out.front(), "v");
-    EXPECT_EQ(out.size(), 4u);
-    EXPECT_FALSE(pm.getAncestryDependencyOrder(nullptr, set, out));
+    for (const auto& c : cases) {
+        std::vector<PackageInfo> records = c.records;
+        Names out{"stale"};
+        EXPECT_TRUE(pm.getAncestryDependencyOrder(c.name, records, out)) << c.name;
+        EXPECT_EQ(out, c.order) << c.name;
+    }
+    Names out;
+    std::vector<PackageInfo> records = set;
+    EXPECT_FALSE(pm.getAncestryDependencyOrder(nullptr, records, out));
     std::vector<PackageInfo> empty;
     EXPECT_TRUE(pm.getAncestryDependencyOrder("x", empty, out));
     EXPECT_TRUE(out.empty());
-    std::vector<PackageInfo> loop{Record("x", "1", "y"), Record("y", "1", "x")};
-    EXPECT_FALSE(pm.getAncestryDependencyOrder("x", loop, out));
 }
 
 TEST_F(Ordering, ServicePackagesInStartOrder) {

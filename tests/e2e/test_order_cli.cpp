@@ -110,6 +110,10 @@ TEST_F(OrderCli, FailuresAndUsage) {
     EXPECT_EQ(run({"--json", "order", "x"}, out, err), 1);
     ASSERT_TRUE(Json::fromString(doc, out)) << out;
     EXPECT_EQ(doc["code"].asUInt(), 0x112u);
+    EXPECT_EQ(doc["params"]["cycles"], "x, y") << out;
+    EXPECT_EQ(run({"--json", "order"}, out, err), 1);
+    ASSERT_TRUE(Json::fromString(doc, out)) << out;
+    EXPECT_EQ(doc["params"]["cycles"], "x, y") << out;
     ASSERT_EQ(run({"order", "z"}, out, err), 0) << err;
     EXPECT_EQ(Lines(out), std::vector<std::string>{"z"});
 }

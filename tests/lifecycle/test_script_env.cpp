@@ -7,8 +7,8 @@
 #include <string>
 
 #include "core/packagemanager.h"
+#include "core/script_mask.h"
 #include "lifecycle/script_env.h"
-#include "lifecycle/script_mask.h"
 #include "platform/files.h"
 #include "platform/process.h"
 #include "support/temproot.h"

@@ -1,4 +1,4 @@
-#include "lifecycle/script_mask.h"
+#include "core/script_mask.h"
 
 #include <sys/stat.h>
 

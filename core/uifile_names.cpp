@@ -1,4 +1,4 @@
-#include "package/uifile_names.h"
+#include "core/uifile_names.h"
 
 namespace ZARNPackageTool {
 
