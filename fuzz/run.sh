@@ -40,7 +40,7 @@ if [ ${#targets[@]} -eq 0 ]; then
   targets=(tar info depstring wizard privilege json keyfile)
 fi
 cmake -S "$here" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Fuzz \
-  -DCMAKE_CXX_FLAGS="-O1 -g -fno-omit-frame-pointer \
+  -DCMAKE_CXX_FLAGS="-O1 -gline-tables-only -fno-omit-frame-pointer \
 -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined" \
   -DZARN_BUILD_FUZZ=ON -DZARN_BUILD_TESTS=OFF -DZARN_BUILD_BENCH=OFF >/dev/null
 build_targets=()
