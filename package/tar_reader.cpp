@@ -242,9 +242,9 @@ TarScanStatus ScanImpl(ReadFn readAt, unsigned long long fileSize, std::vector<T
         const char type = block[156];
         const unsigned long long dataOffset = offset + kBlock;
         const unsigned long long padded = (size + kBlock - 1) / kBlock * kBlock;
+        // The data of a member is checked below, once a pax header may have given its real size.
         if (!stream && (size > fileSize || dataOffset + padded > fileSize) &&
-            (type == 'x' || type == 'g' || type == 'L' || type == 'K' || type == '0' ||
-             type == '\0' || type == '7')) {
+            (type == 'x' || type == 'g' || type == 'L' || type == 'K')) {
             why = "archive ends inside member data";
             return TarScanStatus::Truncated;
         }

@@ -57,6 +57,8 @@ std::string toCompactString(const Value& value) {
     StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
+    // A comment kept by a reader would run to the end of the one line and swallow the rest.
+    builder["commentStyle"] = "None";
     return writeString(builder, value);
 }
 

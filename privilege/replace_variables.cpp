@@ -65,7 +65,9 @@ void RemoveNulls(Json::Value& node) {
     if (node.isObject()) {
         for (const std::string& member : node.getMemberNames()) {
             if (node[member].isNull()) {
-                node.removeMember(member);
+                // By its bounds: a member name may hold a NUL, where the C string form would
+                // stop and remove another member or none.
+                node.removeMember(member.data(), member.data() + member.size(), nullptr);
             } else {
                 RemoveNulls(node[member]);
             }
