@@ -70,11 +70,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The forward-only walk over a stream sees the same archive.
     std::vector<TarMember> streamed;
     std::string streamWhy;
-    const int fd = ZARNOpen(kFile, O_RDONLY);
-    FUZZ_CHECK(fd >= 0);
-    const TarScanStatus streamStatus = PMSTarScanStream(
-        fd, streamed, streamWhy, [](const TarMember&, std::string&) { return true; });
-    close(fd);
+    const TarScanStatus streamStatus = [&] {
+        const Fd fd = ZARNOpen(kFile, O_RDONLY);
+        FUZZ_CHECK(fd.valid());
+        return PMSTarScanStream(fd.get(), streamed, streamWhy,
+                                [](const TarMember&, std::string&) { return true; });
+    }();
     if (streamStatus == TarScanStatus::Ok) {
         FUZZ_CHECK(status == TarScanStatus::Ok && SameMembers(members, streamed));
     }
