@@ -52,8 +52,9 @@ ZARNHOST_API int ZARNGroupIsReserved(const std::string& name, gid_t gid);
 
 // Makes the package's account and its primary group when they are missing, or adjusts an
 // existing one: primary group, home directory as given, no login shell.
-ZARNHOST_API int ZARNLocalAccountUserPrepareForPkg(const std::string& user, const std::string& group,
-                                                  const std::string& home);
+ZARNHOST_API int ZARNLocalAccountUserPrepareForPkg(const std::string& user,
+                                                   const std::string& group,
+                                                   const std::string& home);
 
 ZARNHOST_API int ZARNGroupGet(const std::string& name, ZARNGroupRecord** record);
 ZARNHOST_API void ZARNGroupFree(ZARNGroupRecord* record);
@@ -76,4 +77,4 @@ struct ZARNRuntimeIdentity {
     std::vector<gid_t> groups;
 };
 ZARNHOST_API int ZARNRuntimeIdentityGet(const std::string& user, bool primaryOwnGroup,
-                                       ZARNRuntimeIdentity& identity);
+                                        ZARNRuntimeIdentity& identity);

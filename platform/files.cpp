@@ -15,6 +15,7 @@
 #include "platform/rootat.h"
 #include "platform/sysroot.h"
 #include "platform/tempnames.h"
+#include "platform/textsplit.h"
 
 namespace {
 
@@ -268,20 +269,7 @@ int ZARNFSMkdirP(const std::string& path, int /*unused1*/, int /*unused2*/, uid_
     }
     // Walks the logical components so that the folders of the root itself are never touched.
     std::string logical;
-    size_t pos = 0;
-    if (path[0] == '/') {
-        pos = 1;
-    }
-    while (pos <= path.size()) {
-        size_t next = path.find('/', pos);
-        if (next == std::string::npos) {
-            next = path.size();
-        }
-        std::string part = path.substr(pos, next - pos);
-        pos = next + 1;
-        if (part.empty() || part == ".") {
-            continue;
-        }
+    for (const std::string& part : ZARNPathNames(path)) {
         if (!logical.empty() || path[0] == '/') {
             logical.push_back('/');
         }
@@ -541,20 +529,11 @@ namespace {
 // Folds "." and ".." out of an absolute logical path, never above "/".
 std::string Normalize(const std::string& path) {
     std::vector<std::string> parts;
-    size_t pos = 0;
-    while (pos <= path.size()) {
-        size_t next = path.find('/', pos);
-        if (next == std::string::npos) {
-            next = path.size();
-        }
-        std::string part = path.substr(pos, next - pos);
-        pos = next + 1;
-        if (part == "..") {
-            if (!parts.empty()) {
-                parts.pop_back();
-            }
-        } else if (!part.empty() && part != ".") {
-            parts.push_back(part);
+    for (std::string& part : ZARNPathNames(path)) {
+        if (part != "..") {
+            parts.push_back(std::move(part));
+        } else if (!parts.empty()) {
+            parts.pop_back();
         }
     }
     std::string out;

@@ -24,18 +24,18 @@ ZARNHOST_API bool ZARNLstat(const std::string& path, struct stat& st);
 // Makes a directory with its parents (mkdir -p). uid/gid of -1 leave the owner; the mode
 // applies to the directories made. Returns 0 or a negative number on failure.
 ZARNHOST_API int ZARNFSMkdirP(const std::string& path, int unused1, int unused2, uid_t uid,
-                             gid_t gid, mode_t mode);
+                              gid_t gid, mode_t mode);
 
 // Reads a whole file; limit > 0 reads at most that many bytes.
 ZARNHOST_API bool ZARNFileRead(const std::string& path, std::string& out, size_t limit = 0);
 // Writes a whole file in place (truncate).
 ZARNHOST_API bool ZARNFileWrite(const std::string& path, const std::string& data,
-                               mode_t mode = 0644);
+                                mode_t mode = 0644);
 // Writes under a unique name beside the target, syncs, renames, syncs the directory.
 ZARNHOST_API bool ZARNFileWriteDurable(const std::string& path, const std::string& data,
-                                      mode_t mode = 0644);
+                                       mode_t mode = 0644);
 ZARNHOST_API bool ZARNFileAppend(const std::string& path, const std::string& data,
-                                mode_t mode = 0644);
+                                 mode_t mode = 0644);
 // Creates an empty file if it doesn't exist.
 ZARNHOST_API bool ZARNFileTouch(const std::string& path, mode_t mode = 0644);
 
@@ -49,7 +49,7 @@ ZARNHOST_API bool ZARNListDir(const std::string& path, std::vector<ZARNDirEntry>
 
 // The full logical paths of the regular files directly in a directory, sorted.
 ZARNHOST_API bool GetRegularFilePathsInDirectory(const std::string& dir,
-                                                std::vector<std::string>& out);
+                                                 std::vector<std::string>& out);
 
 // Reads a symbolic link; under a root other than "/" the target comes back as a logical path.
 ZARNHOST_API bool ZARNReadLink(const std::string& path, std::string& target);

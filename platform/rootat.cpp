@@ -14,6 +14,7 @@
 #include "platform/errors.h"
 #include "platform/log.h"
 #include "platform/sysroot.h"
+#include "platform/textsplit.h"
 
 namespace {
 
@@ -45,24 +46,8 @@ void SetErrnoError() {
 }
 
 void SplitInto(const std::string& path, std::deque<std::string>& parts, bool front) {
-    std::deque<std::string> split;
-    size_t pos = 0;
-    while (pos <= path.size()) {
-        size_t next = path.find('/', pos);
-        if (next == std::string::npos) {
-            next = path.size();
-        }
-        std::string part = path.substr(pos, next - pos);
-        if (!part.empty() && part != ".") {
-            split.push_back(part);
-        }
-        pos = next + 1;
-    }
-    if (front) {
-        parts.insert(parts.begin(), split.begin(), split.end());
-    } else {
-        parts.insert(parts.end(), split.begin(), split.end());
-    }
+    const std::vector<std::string> names = ZARNPathNames(path);
+    parts.insert(front ? parts.begin() : parts.end(), names.begin(), names.end());
 }
 
 bool ReadLinkAt(int dir, const std::string& name, std::string& target) {

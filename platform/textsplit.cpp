@@ -1,5 +1,7 @@
 #include "platform/textsplit.h"
 
+#include <algorithm>
+
 std::vector<std::string> ZARNSplitText(const std::string& text, char sep) {
     std::vector<std::string> pieces;
     size_t start = 0;
@@ -12,4 +14,12 @@ std::vector<std::string> ZARNSplitText(const std::string& text, char sep) {
         start = end + 1;
     }
     return pieces;
+}
+
+std::vector<std::string> ZARNPathNames(const std::string& path) {
+    std::vector<std::string> names = ZARNSplitText(path, '/');
+    names.erase(std::remove_if(names.begin(), names.end(),
+                               [](const std::string& n) { return n.empty() || n == "."; }),
+                names.end());
+    return names;
 }

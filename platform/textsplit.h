@@ -8,3 +8,7 @@
 // The pieces of `text` between the separators, empty ones included; a separator at the very end
 // starts no further piece, so "a\nb\n" gives two lines and "" none.
 ZARNHOST_API std::vector<std::string> ZARNSplitText(const std::string& text, char sep);
+
+// The names that make up a path, without the empty and "." pieces that repeated or trailing
+// slashes and "./" leave; ".." is kept for the caller to judge.
+ZARNHOST_API std::vector<std::string> ZARNPathNames(const std::string& path);

@@ -75,7 +75,7 @@ ZARNHOST_API void ZARNMountVolInfoFree(ZARNMountVolInfo* info);
 // created shows there with created false). Returns -1 when the volumes can't be read or all
 // candidates are read-only or crashed (library error set).
 ZARNHOST_API int VolumeAvailGet(unsigned long long size, ZARNMountVolInfo* info,
-                               unsigned int* status, int mode);
+                                unsigned int* status, int mode);
 
 // Reduces a path to its volume ("/volume3/a/b" -> "/volume3"), by its text alone.
 // 0 on success, -1 with library error 0x0d00 when it isn't under /volumeN.
@@ -93,7 +93,7 @@ ZARNHOST_API int ZARNVolumeAttributeGet(const char* path, unsigned int* attr);
 // Lists volumes of the kinds in the mask `kind`; without ZARN_VOL_ENUM_ALL in `flags` only
 // generic volumes that are created. `owner` is unused on this host. Returns the count or -1.
 ZARNHOST_API int ZARNMountVolAllEnum(int owner, int kind, int flags,
-                                    std::vector<ZARNMountVolInfo>& out);
+                                     std::vector<ZARNMountVolInfo>& out);
 
 // A dock-type host has a single fixed volume, /volume1 ("dock_host" in volumes.json).
 ZARNHOST_API bool VLIBCIsDockHost();
