@@ -4,6 +4,7 @@
 #include "core/version.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/jobs.h"
 #include "platform/log.h"
 #include "platform/services.h"
 #include "platform/volumes.h"

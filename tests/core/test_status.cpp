@@ -4,6 +4,7 @@
 
 #include "core/packagemanager.h"
 #include "platform/files.h"
+#include "platform/jobs.h"
 #include "platform/json.h"
 #include "platform/services.h"
 #include "support/temproot.h"

@@ -11,7 +11,7 @@
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "platform/files.h"
-#include "platform/services.h"
+#include "platform/jobs.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;

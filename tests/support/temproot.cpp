@@ -7,7 +7,7 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/host_init.h"
-#include "platform/services.h"
+#include "platform/jobs.h"
 #include "platform/sysroot.h"
 
 TempRootTest::SavedVar TempRootTest::saveVar(const char* name) {
