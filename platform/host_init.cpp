@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include "platform/keyfile.h"
 #include "platform/log.h"
 #include "platform/os_version.h"
+#include "platform/rootat.h"
 #include "platform/sysroot.h"
 #include "platform/textsplit.h"
 #include "platform/volumes.h"
@@ -245,6 +247,48 @@ bool MakeAccounts(std::string& error) {
            EnsureAccountLines("/etc/group", kGroups, error);
 }
 
+// The folder that holds the project's tools: ZARNPKG_TOOLS_DIR, else the running program's.
+std::string ToolsDir() {
+    if (const char* dir = getenv("ZARNPKG_TOOLS_DIR")) {
+        return dir;
+    }
+    char self[4096];
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n <= 0) {
+        return "";
+    }
+    const std::string path(self, static_cast<size_t>(n));
+    return path.substr(0, path.rfind('/'));
+}
+
+// The appliance tools that jobs call, linked to the project's binaries on this machine. A tool
+// that isn't built beside the running program is left out; a link that exists stays.
+bool LinkTools(std::string& error) {
+    static const char* const kTools[][2] = {
+        {"/usr/zarn/sbin/zarnpkgctl", "zarnpkgctl"},
+        {"/sbin/initctl", "zarn-initctl"},
+    };
+    const std::string dir = ToolsDir();
+    for (const auto& tool : kTools) {
+        const std::string binary = dir + "/" + tool[1];
+        const std::string link = tool[0];
+        if (dir.empty() || access(binary.c_str(), X_OK) != 0 || ZARNPathExists(link)) {
+            continue;
+        }
+        if (!MakeDir(link.substr(0, link.rfind('/')), 0755, error)) {
+            return false;
+        }
+        // The target is a path of the machine, outside the root: it is stored as it stands.
+        ZARNAtPath at;
+        if (!ZARNResolveAt(link, false, at) ||
+            symlinkat(binary.c_str(), at.dir, at.name.c_str()) != 0) {
+            error = "cannot link " + link + ": " + ErrnoText(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
 struct HostInitStep {
     const char* what;
     bool (*run)(std::string& error);
@@ -260,6 +304,7 @@ const HostInitStep kHostInitSteps[] = {
     {"accounts", MakeAccounts},
     {"service list", MakeServiceList},
     {"volumes", MakeVolumes},
+    {"appliance tools", LinkTools},
 };
 
 }  // namespace
