@@ -125,11 +125,13 @@ bool MakeFolders(std::string& error) {
         {"/etc", 0755},
         {"/etc.defaults", 0755},
         {"/etc/zarnhost", 0755},
+        {"/etc/init", 0755},
         {"/var/packages", 0755},
         {"/var/log/packages", 0755},
         {"/usr/local/etc/rc.d", 0755},
         {"/usr/local/packages", 0755},
         {"/usr/zarn/etc/packages", 0755},
+        {"/usr/zarn/etc/zarnservice.d", 0755},
         {"/volume1", 0755},
     };
     for (const auto& folder : folders) {

@@ -47,10 +47,19 @@ bool LoadRecord(const std::string& package, PackageInfo& info, unsigned long lon
 }  // namespace
 
 void UnlinkIfPresent(const std::string& path) {
-    if (!ZARNUnlink(path) && errno != ENOENT) {
-        ZLOGERR("Failed to unlink %s (%m)", path.c_str());
-        VLIBCErrSet(kErrUnlink);
+    // A file that is already gone must not replace the error a caller is about to report.
+    const int code = VLIBCErrGet();
+    const std::string file = VLIBCErrorGetFile();
+    const int line = VLIBCErrorGetLine();
+    if (ZARNUnlink(path)) {
+        return;
     }
+    if (errno == ENOENT) {
+        VLIBCErrSetEx(code, file.c_str(), line);
+        return;
+    }
+    ZLOGERR("Failed to unlink %s (%m)", path.c_str());
+    VLIBCErrSet(kErrUnlink);
 }
 
 std::string PkgctlName(const std::string& package) {

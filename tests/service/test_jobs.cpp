@@ -1,0 +1,170 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/json.h"
+#include "platform/servicecfg.h"
+#include "service/extra_env.h"
+#include "service/gen_service_cfg.h"
+#include "service/jobs.h"
+#include "support/job_root.h"
+
+using namespace ZARNPackageTool;
+using namespace ZARNPackageTool::Service;
+
+namespace {
+
+constexpr const char* kJob = "start on runlevel\npost-stop script\n\ttrue\nend script\n";
+constexpr const char* kCgroups = "cgroup cpuacct \"pkgctl-p\"\ncgroup memory \"pkgctl-p\"\n";
+
+class ServiceJobsTest : public JobRootTest {
+protected:
+    void addJob(const std::string& file, const std::string& text) {
+        writeFile("/var/packages/p/conf/upstart/" + file, text);
+    }
+};
+
+TEST_F(ServiceJobsTest, ListsOnlyPackageJobs) {
+    addPackage("p");
+    std::vector<std::string> jobs = {"stale"};
+    ASSERT_TRUE(EnumAvailableJobs("p", jobs));
+    EXPECT_TRUE(jobs.empty());
+    for (const char* file :
+         {"daemon.conf", "pkg-.conf", "pkg-a.b.conf", "pkg-b.conf", "pkgctl-x.conf", "pkg-c.txt"}) {
+        addJob(file, kJob);
+    }
+    ASSERT_TRUE(EnumAvailableJobs("p", jobs));
+    std::sort(jobs.begin(), jobs.end());
+    EXPECT_EQ(jobs, (std::vector<std::string>{"pkg-a.b", "pkg-b"}));
+    EXPECT_FALSE(EnumAvailableJobs("", jobs));
+}
+
+// Jobs are copied with their control groups and validated by initctl; a job the runner can't
+// read (unterminated block, too big, missing) fails and takes this call's jobs with it.
+TEST_F(ServiceJobsTest, InstallsValidatesAndRollsBack) {
+    addPackage("p");
+    addJob("pkg-a.conf", kJob);
+    addJob("pkg-b.conf", "env X=1\n");  // no post-stop: nothing to run at a stop
+    const std::string bad[] = {"pre-start script\n\ttrue\n", std::string(300 * 1024, '#')};
+    for (const std::string& text : bad) {
+        addJob("pkg-c.conf", text);
+        EXPECT_FALSE(InstallJobs("p", {"pkg-a", "pkg-b", "pkg-c"}, true));
+        EXPECT_EQ(VLIBCErrGet(), 0x4000);
+        for (const char* job : {"pkg-a", "pkg-b", "pkg-c"}) {
+            EXPECT_FALSE(ZARNPathExists(std::string("/etc/init/") + job + ".conf")) << job;
+        }
+    }
+    EXPECT_NE(logText().find("Invalid job pkg-c"), std::string::npos);
+    EXPECT_FALSE(InstallJobs("p", {"pkg-missing"}, true));
+    EXPECT_EQ(VLIBCErrGet(), 0x3b00);
+
+    ASSERT_TRUE(InstallJobs("p", {"pkg-a", "pkg-b", "other"}, true)) << logText();
+    EXPECT_EQ(readFile("/etc/init/pkg-a.conf"), std::string(kJob) + kCgroups);
+    writeFile("/etc/init/pkg-a.conf", "kept\n");
+    ASSERT_TRUE(InstallJobs("p", {"pkg-a"}, false));
+    EXPECT_EQ(readFile("/etc/init/pkg-a.conf"), "kept\n");
+
+    writeFile("/etc/init/foo.conf", kJob);
+    writeFile("/etc/init/pkg-a.override", "manual\n");
+    writeFile("/etc/init/pkgctl-p.conf", kJob);
+    UnlinkAllJobs("p", {"pkg-a", "foo", "pkg-gone"});
+    for (const char* gone : {"pkg-a.conf", "pkg-a.override", "pkgctl-p.conf"}) {
+        EXPECT_FALSE(ZARNPathExists(std::string("/etc/init/") + gone)) << gone;
+    }
+    EXPECT_TRUE(ZARNPathExists("/etc/init/foo.conf"));
+    EXPECT_TRUE(ZARNPathExists("/etc/init/pkg-b.conf"));
+}
+
+TEST_F(ServiceJobsTest, FindsDependencies) {
+    addPackage("p", "install_dep_packages=\"b:p:a\"\ninstall_dep_services=\"pgsql ssh\"\n");
+    writeFile(ZARNServicecfgPath("pgsql"), R"({"init_job_map": {"upstart": ["pgsql", "pg2"]}})");
+    writeFile("/etc/init/ssh-shell.conf", kJob);
+    std::set<std::string> packages, services, jobs;
+    ASSERT_TRUE(GetDependentPkg("p", packages, [](const std::string& n) { return "pkgctl-" + n; }));
+    EXPECT_EQ(packages, (std::set<std::string>{"pkgctl-a", "pkgctl-b"}));
+    ASSERT_TRUE(GetDependentService("p", services));
+    EXPECT_EQ(services, (std::set<std::string>{"pgsql", "ssh-shell"}));
+    ASSERT_TRUE(GetDependentJob("p", jobs));
+    EXPECT_EQ(jobs, (std::set<std::string>{"pg2", "pgsql", "ssh-shell"}));
+    writeFile(ZARNServicecfgPath("pgsql"), R"({"init_job_map": {"upstart": "pgsql"}})");
+    EXPECT_FALSE(GetDependentJob("p", jobs));
+    EXPECT_NE(logText().find("Failed to get dependent jobs for p"), std::string::npos);
+}
+
+TEST_F(ServiceJobsTest, CreatesTmpFilesBesideTheTarget) {
+    char buffer[64];
+    ASSERT_TRUE(CreateTmpFile("/etc/init/x.conf", buffer, sizeof(buffer)));
+    struct stat st;
+    ASSERT_TRUE(ZARNStat(buffer, st));
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(std::string(buffer).rfind("/etc/init/x.conf.", 0), 0u);
+    EXPECT_FALSE(CreateTmpFile("/etc/init/x.conf", buffer, 23));
+    EXPECT_EQ(VLIBCErrGet(), 0x0100);
+    EXPECT_TRUE(CreateTmpFile("/etc/init/x.conf", buffer, 24));
+}
+
+TEST_F(ServiceJobsTest, WritesTheServiceCfgAndItsRunKey) {
+    addPackage("p");
+    ASSERT_TRUE(GenServiceCfg("p", Json::Value(), false)) << logText();
+    Json::Value cfg;
+    ASSERT_TRUE(Json::fromFile(cfg, ZARNServicecfgPath("pkgctl-p")));
+    EXPECT_EQ(Json::toCompactString(cfg),
+              R"({"auto_start":"no","init_job_map":{"upstart":["pkgctl-p"]},"is_package":"yes"})");
+    struct stat st;
+    ASSERT_TRUE(ZARNStat(ZARNServicecfgPath("pkgctl-p"), st));
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    EXPECT_EQ(VLIBServicecfgRunKeyGet("pkgctl-p"), 2);
+
+    // Without overwrite an existing file stays; the run key follows `enabled` anew.
+    writeFile(ZARNServicecfgPath("pkgctl-p"), "{}");
+    enable("p");
+    ASSERT_TRUE(GenServiceCfg("p", Json::Value(), false));
+    EXPECT_EQ(readFile(ZARNServicecfgPath("pkgctl-p")), "{}");
+    EXPECT_EQ(VLIBServicecfgRunKeyGet("pkgctl-p"), 1);
+    ASSERT_TRUE(GenServiceCfg("p", Json::Value(), true));
+    EXPECT_EQ(VLIBServicecfgValidate(ZARNServicecfgPath("pkgctl-p")), 0);
+    EXPECT_LT(VLIBServicecfgValidate("/var/packages/p/INFO"), 0);
+
+    writeFile("/usr/zarn/etc/zarnservice.override/pkgctl-p.cfg", "{}");
+    UnlinkServiceCfg("p");
+    for (const std::string& path :
+         {ZARNServicecfgPath("pkgctl-p"), ZARNServicecfgRuntimePath("pkgctl-p"),
+          std::string("/usr/zarn/etc/zarnservice.override/pkgctl-p.cfg")}) {
+        EXPECT_FALSE(ZARNPathExists(path)) << path;
+    }
+    EXPECT_FALSE(GenServiceCfg("", Json::Value(), true));
+}
+
+TEST_F(ServiceJobsTest, HandsTheExtraEnvironmentOverOnce) {
+    DumpExtraEnv("p", PKG_INSTALLATION_START, "ger", "admin");
+    PKG_INSTALLATION_TYPE type = PKG_INSTALLATION_STOP;
+    char* language = nullptr;
+    char* user = nullptr;
+    ASSERT_TRUE(LoadExtraEnv("p", &type, &language, &user));
+    EXPECT_EQ(type, PKG_INSTALLATION_START);
+    ASSERT_NE(language, nullptr);
+    ASSERT_NE(user, nullptr);
+    EXPECT_STREQ(language, "ger");
+    EXPECT_STREQ(user, "admin");
+    EXPECT_FALSE(LoadExtraEnv("p", &type, &language, nullptr)) << "an out pointer in use";
+    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    free(language);
+    free(user);
+    language = user = nullptr;
+
+    ASSERT_TRUE(LoadExtraEnv("p", &type, &language, &user)) << "read once: no file is no error";
+    EXPECT_EQ(type, PKG_INSTALLATION_NONE);
+    EXPECT_EQ(language, nullptr);
+
+    DumpExtraEnv("p", PKG_INSTALLATION_STOP, nullptr, nullptr);
+    EXPECT_EQ(readFile(ExtraEnvPath("p")), "action=\"0x0010\"\n");
+    ASSERT_TRUE(LoadExtraEnv("p", &type, nullptr, nullptr));
+    EXPECT_EQ(type, PKG_INSTALLATION_STOP);
+    EXPECT_FALSE(ZARNPathExists(ExtraEnvPath("p")));
+}
+
+}  // namespace
