@@ -34,6 +34,10 @@ protected:
     // Lays the example out as an installed package and does what the service-cfg resource does
     // for it.
     void install(bool ownAccount) {
+        ASSERT_NO_FATAL_FAILURE(layOut(ownAccount));
+        ASSERT_NO_FATAL_FAILURE(generateJob("heartbeat"));
+    }
+    void layOut(bool ownAccount) {
         const std::string stage = "/volume1/@tmp/heartbeat";
         ASSERT_EQ(ZARNFSMkdirP("/volume1/@appstore", 0, 0, -1, -1, 0755), 0);
         ASSERT_EQ(ZARNFSMkdirP("/volume1/@tmp", 0, 0, -1, -1, 0755), 0);
@@ -47,12 +51,14 @@ protected:
         ASSERT_TRUE(ZARNRename(stage + "/package", "/volume1/@appstore/heartbeat"));
         ASSERT_TRUE(ZARNRename(stage, "/var/packages/heartbeat"));
         ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/heartbeat", "/var/packages/heartbeat/target"));
-        enable("heartbeat");
+    }
+    void generateJob(const std::string& name) {
+        enable(name);
         std::vector<std::string> jobs;
-        ASSERT_TRUE(Service::EnumAvailableJobs("heartbeat", jobs));
-        ASSERT_TRUE(Service::InstallJobs("heartbeat", jobs, true));
-        ASSERT_TRUE(Service::GenJobAdapter("heartbeat", Json::Value(), true)) << logText();
-        ASSERT_TRUE(Service::GenServiceCfg("heartbeat", Json::Value(), true)) << logText();
+        ASSERT_TRUE(Service::EnumAvailableJobs(name, jobs));
+        ASSERT_TRUE(Service::InstallJobs(name, jobs, true));
+        ASSERT_TRUE(Service::GenJobAdapter(name, Json::Value(), true)) << logText();
+        ASSERT_TRUE(Service::GenServiceCfg(name, Json::Value(), true)) << logText();
     }
 
     static bool WaitFor(const std::function<bool()>& done) {
@@ -121,6 +127,24 @@ TEST_F(HeartbeatTest, RunsAsItsOwnAccountAsRoot) {
     ASSERT_EQ(ZARNUserGetUGID("heartbeat", &uid, &gid), 0);
     ASSERT_NE(uid, 0u);
     startSeeRunningStop(uid);
+}
+
+// zarnpkgctl gives back the script's exit status, so a failing start fails the job.
+TEST_F(HeartbeatTest, AFailingStartFailsTheJob) {
+    addPackage("broken");
+    writeFile("/var/packages/broken/scripts/start-stop-status",
+              "#!/bin/sh\n[ \"$1\" = start ] && exit 7\nexit 0\n", 0755);
+    generateJob("broken");
+    EXPECT_LT(VLIBServiceStart("pkgctl-broken"), 0);
+    int process = 1;
+    int phase = 0;
+    ASSERT_EQ(VLIBServicectlStatus("pkgctl-broken", process, phase), 0);
+    EXPECT_EQ(phase, ZARN_JOB_PHASE_FAILED);
+    const std::string tool = ZARN_BINARY_DIR "/zarnpkgctl";
+    EXPECT_EQ(qartest::Run({tool, "start", "broken"}), 7);
+    EXPECT_EQ(qartest::Run({tool, "stop", "broken"}), 0);
+    EXPECT_EQ(qartest::Run({tool, "swap-on", "broken"}), 0);
+    EXPECT_EQ(qartest::Run({tool, "restart", "broken"}), 2);
 }
 
 }  // namespace
