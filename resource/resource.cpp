@@ -100,8 +100,10 @@ void LoadOwn(CallState& state) {
 }
 
 // Runs `work` in one forked child with the store of `resp` kept for the parent; the child's
-// exit status is 0 when `work` succeeded and the own file was written. One fork per call.
-bool RunInChild(CallState& state, WorkerResp& resp, const std::function<bool()>& work) {
+// exit status is 0 when `work` succeeded and the own file was written. The own file is written
+// after a failure too unless `keepOnlyOnSuccess`. One fork per call.
+bool RunInChild(CallState& state, WorkerResp& resp, const std::function<bool()>& work,
+                bool keepOnlyOnSuccess = false) {
     const pid_t pid = VLIBCProcForkEx(1);
     if (pid < 0) {
         ZLOGERR("Failed to VLIBCProcForkEx, reason=[%s]", strerror(errno));
@@ -110,7 +112,7 @@ bool RunInChild(CallState& state, WorkerResp& resp, const std::function<bool()>&
     if (pid == 0) {
         resp.SetRemoveFlag(false);
         const bool ok = work();
-        const bool written = WriteJsonFile(state.ownPath, state.own);
+        const bool written = (ok || !keepOnlyOnSuccess) && WriteJsonFile(state.ownPath, state.own);
         // Nothing of the parent is destroyed here: its proxies and libraries are the parent's.
         _exit(ok && written ? 0 : 1);
     }
@@ -307,11 +309,14 @@ bool Update(const PackageInfo& info, const std::string& type, const Json::Value&
         state.own[type] = Json::Value(Json::objectValue);
     }
     state.resource[type]["@helper-args"] = helperArgs;
-    return RunInChild(state, resp, [&] {
-        ZLOGINFO("Update %s for %s", type.c_str(), info.name.c_str());
-        // The opposite sense: 0 is the failure of an update.
-        return worker->Update(state.action, state.resource[type], state.own[type], resp) != 0;
-    });
+    return RunInChild(
+        state, resp,
+        [&] {
+            ZLOGINFO("Update %s for %s", type.c_str(), info.name.c_str());
+            // The opposite sense: 0 is the failure of an update.
+            return worker->Update(state.action, state.resource[type], state.own[type], resp) != 0;
+        },
+        true);
 }
 
 }  // namespace Resource
