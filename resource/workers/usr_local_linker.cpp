@@ -67,11 +67,15 @@ bool LinkList(const std::string& type, const Json::Value& list, const std::strin
     return true;
 }
 
+// Only a name directly in one of the three folders, as Acquire makes them: ".." can't lead a
+// damaged own file elsewhere.
 bool IsLinkOfOurs(const std::string& path) {
     for (const char* type : kLinkTypes) {
         const std::string prefix = std::string("/usr/local/") + type + "/";
         if (path.compare(0, prefix.size(), prefix) == 0) {
-            return true;
+            const std::string name = path.substr(prefix.size());
+            return !name.empty() && name != "." && name != ".." &&
+                   name.find('/') == std::string::npos;
         }
     }
     return false;
@@ -106,7 +110,6 @@ int UsrLocalLinker::Release(const ZARN::PkgUtils::ActionInfo& /*action*/,
         return 1;
     }
     for (const Json::Value& link : links) {
-        // Only paths this worker can have made: a damaged own file removes nothing foreign.
         if (!link.isString() || !IsLinkOfOurs(link.asString())) {
             continue;
         }
