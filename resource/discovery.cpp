@@ -435,5 +435,47 @@ WorkerProxy* FindRunnableWorker(const std::string& type) {
     return nullptr;
 }
 
+bool DescribeWorkers(const std::string& name, Json::Value& out) {
+    static const std::pair<TIMING, const char*> kMoments[] = {
+        {TIMING_PREINST, "preinst"},     {TIMING_POSTINST, "postinst"},
+        {TIMING_ENABLE, "enable"},       {TIMING_STARTUP, "startup"},
+        {TIMING_PREUNINST, "preuninst"}, {TIMING_POSTUNINST, "postuninst"},
+        {TIMING_DISABLE, "disable"},     {TIMING_HALT, "halt"},
+    };
+    out = Json::Value(Json::objectValue);
+    Json::Value resource(Json::objectValue);
+    if (!name.empty() && !ReadJsonFile(ResourcePath(name, ""), resource)) {
+        if (VLIBCErrGet() != ZARN_ERR_NO_FILE) {
+            ZLOGERR("Failed to read conf/resource of %s %s", name.c_str(),
+                    ZARNLastErrorSuffix().c_str());
+            return false;
+        }
+        resource = Json::Value(Json::objectValue);
+    }
+    if (!resource.isObject()) {
+        ZLOGERR("conf/resource of %s is not an object", name.c_str());
+        VLIBCErrSet(ZARN_ERR_MALFORMED);
+        return false;
+    }
+    for (const auto& moment : kMoments) {
+        WorkerList list;
+        Json::Value report(Json::arrayValue);
+        if (!FindRunnableWorkers(moment.first, list, &report)) {
+            out["providers_error"] =
+                std::string(kPluginFolder) + "/global is not an object with a \"providers\" array";
+        }
+        Json::Value entries(Json::objectValue);
+        entries["moment"] = moment.second;
+        entries["workers"] = Json::Value(Json::arrayValue);
+        for (const Json::Value& entry : report) {
+            if (name.empty() || resource.isMember(entry["id"].asString())) {
+                entries["workers"].append(entry);
+            }
+        }
+        out["moments"].append(entries);
+    }
+    return true;
+}
+
 }  // namespace Resource
 }  // namespace ZARNPackageTool

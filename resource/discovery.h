@@ -102,5 +102,12 @@ ZARNPKG_API bool FindRunnableWorkers(TIMING timing, WorkerList& list,
 // declaration); owned by the caller, or null.
 ZARNPKG_API WorkerProxy* FindRunnableWorker(const std::string& type);
 
+// What a plug-in author looks at first: "moments", in their order, each {"moment": its name,
+// "workers": the report of FindRunnableWorkers}. With `name`, only the entries whose type is a key
+// of that installed package's conf/resource. A provider list that can't be used is told in
+// "providers_error". False, with the error slot set, when the package's conf/resource can't
+// be read.
+ZARNPKG_API bool DescribeWorkers(const std::string& name, Json::Value& out);
+
 }  // namespace Resource
 }  // namespace ZARNPackageTool
