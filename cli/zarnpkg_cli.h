@@ -63,3 +63,4 @@ int CmdCheck(CliContext& ctx);
 int CmdStatus(CliContext& ctx);
 int CmdLog(CliContext& ctx);
 int CmdOrder(CliContext& ctx);
+int CmdWorkers(CliContext& ctx);

@@ -32,6 +32,9 @@ const Command kCommands[] = {
     {"status", CmdStatus, "NAME", "status and rough status of an installed package"},
     {"log", CmdLog, "NAME", "the package's log text"},
     {"order", CmdOrder, "[NAME]", "stop order of all packages, or of NAME's dependants"},
+    {"workers", CmdWorkers, "[NAME]",
+     "resource workers per moment with their origin, or those\n"
+     "that NAME's conf/resource asks for"},
 };
 
 constexpr const char* kSynopsis = "zarnpkg [--root DIR] [--lang LANG] [--json] [-v] ";

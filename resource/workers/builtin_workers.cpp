@@ -1,0 +1,20 @@
+#include "resource/workers/builtin_workers.h"
+
+#include "resource/workers/usr_local_linker.h"
+
+namespace ZARNPackageTool {
+namespace Resource {
+
+// Only workers whose class exists have a row; the others join in this order as they are built:
+// sdk-plugin, service-cfg, indexdb, pam-config, syslog-config, zarnlog, userdata-collector,
+// webapi-desc (twice), data-share (three times), crontab-job, port-config, pgsql-db, web-config
+// (twice), feasibility-config, worker-plugin, usr-local-linker, backup-backend, zarncrond,
+// csp-rule, sysnotify, media-index (twice), selfcheck, certificate-config, content-extractor,
+// tls-profile.
+const BuiltinWorkerRow g_BuiltinWorkers[] = {
+    {"usr-local-linker", 0x88, MakeWorker<UsrLocalLinker>},
+    {nullptr, 0, nullptr},
+};
+
+}  // namespace Resource
+}  // namespace ZARNPackageTool
