@@ -181,6 +181,12 @@ public:
     bool readUIFile(const std::string& file, const std::string& tmp, PackageInfo& info,
                     const char* lang) const;
 
+    // Related-service restarts (control/restart_services.cpp). RestartServicesAction gives up
+    // the package lock first, so that a slow reload doesn't hold up other package work.
+    unsigned int findRestartServices(const std::vector<std::string>& packages);
+    bool RestartServices(PKG_INSTALLATION_TYPE type, unsigned long long mask);
+    bool RestartServicesAction(unsigned long mask);
+
     // Service strings of INFO.
     static unsigned int PMSExplodeServiceString(const char* names);
     static std::set<std::string> getServiceSetFromString(const char* names);

@@ -10,20 +10,6 @@ namespace {
 const std::map<std::string, unsigned int> kServiceBits = {{"ssh", 0x8}, {"pgsql", 0x10}};
 }
 
-unsigned int PMSConvMapRestartService(const char* names) {
-    if (names == nullptr) {
-        return 0;
-    }
-    unsigned int mask = 0;
-    for (const auto& name : PMSExplodeString(names, " \t")) {
-        auto it = MappingPKGRestartServices.find(name);
-        if (it != MappingPKGRestartServices.end()) {
-            mask |= it->second.first;
-        }
-    }
-    return mask;
-}
-
 unsigned int PackageManager::PMSExplodeServiceString(const char* names) {
     if (names == nullptr) {
         return 0;

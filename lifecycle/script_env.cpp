@@ -147,6 +147,10 @@ std::string parseInstallTypeToStr(PKG_INSTALLATION_TYPE type) {
     }
 }
 
+std::string PMSGetPkgStatusText(PKG_INSTALLATION_TYPE type) {
+    return StatusText(type);
+}
+
 std::string PMSGetProgressPath(const std::string& name) {
     return "/tmp/install_progress_" + name;
 }

@@ -16,6 +16,9 @@ namespace ZARNPackageTool {
 // Text of an action type for the logs; anything unknown is a system trigger.
 ZARNPKG_API std::string parseInstallTypeToStr(PKG_INSTALLATION_TYPE type);
 
+// The value of ZARNPKG_PKG_STATUS for an action type; empty for a type without one.
+ZARNPKG_API std::string PMSGetPkgStatusText(PKG_INSTALLATION_TYPE type);
+
 // The file through which a script reports its progress (logical path).
 ZARNPKG_API std::string PMSGetProgressPath(const std::string& name);
 

@@ -110,3 +110,21 @@ int VLIBCFileUnlock(unsigned int id) {
     HeldLocks().erase(it);
     return 0;
 }
+
+int VLIBCFileLockTimeByFile(const std::string& path, int type, int seconds, Fd& fd) {
+    Fd file = ZARNOpen(path, O_RDONLY | O_NOFOLLOW);
+    if (!file.valid() || !ZARNFlock(file.get(), type == 0, seconds)) {
+        return -1;
+    }
+    fd = std::move(file);
+    return 0;
+}
+
+int VLIBCFileUnlockByFile(Fd& fd) {
+    if (!fd.valid()) {
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        return -1;
+    }
+    flock(fd.get(), LOCK_UN);
+    return fd.close() ? 0 : -1;
+}

@@ -22,3 +22,10 @@ ZARNHOST_API Fd ZARNLockFileOpen(const std::string& path);
 // flock on an open lock file, waiting up to `seconds` (0: one try; negative: as long as it
 // takes). False with errno (EAGAIN for a plain timeout) and the last error set.
 ZARNHOST_API bool ZARNFlock(int fd, bool exclusive, int seconds);
+
+// Opens an existing file read-only (never through a link) and flocks it, exclusive for `type` 0
+// and shared otherwise, waiting up to `seconds`: the lock that scripts take on the files they
+// report through. 0 with `fd` holding the file, else -1 (errno and last error set).
+ZARNHOST_API int VLIBCFileLockTimeByFile(const std::string& path, int type, int seconds, Fd& fd);
+// Lets go of such a lock and closes the file.
+ZARNHOST_API int VLIBCFileUnlockByFile(Fd& fd);
