@@ -4,6 +4,7 @@
 #include "core/infoloader.h"
 #include "package/archive.h"
 #include "package/lint.h"
+#include "package/payload_vet.h"
 #include "platform/files.h"
 #include "platform/sysroot.h"
 
@@ -73,6 +74,8 @@ std::string CheckFacts(PKG_ERRCODE code, const Json::Value& detail, const Json::
                    text("hostArch") + "\"";
         case PKG_ERR_UPGRADE:
             return "it lacks " + text("missingScript");
+        case PKG_ERR_BAD_PACKAGE:
+            return text("refused");
         default:
             return "";
     }
@@ -132,7 +135,15 @@ int CmdCheck(CliContext& ctx) {
         language = "enu";
     }
     const char* lang = language.c_str();
-    const bool ok = CheckPackageFileInfoImpl(lang, file.c_str(), displayName, code, detail, info);
+    bool ok = CheckPackageFileInfoImpl(lang, file.c_str(), displayName, code, detail, info);
+    // A payload that unpacks to something hostile is damage, which outranks any other answer.
+    std::string refused;
+    if (code != PKG_ERR_BROKEN && code != PKG_ERR_BAD_PACKAGE && !PMSQarPayloadVet(file, refused)) {
+        ok = false;
+        code = PKG_ERR_BAD_PACKAGE;
+        detail = Json::Value(Json::objectValue);
+        detail["refused"] = refused;
+    }
     const Json::Value warnings = LintWarnings(file);
     const Json::Value message = PMSFileCheckMessage(code, detail, displayName);
     if (ok) {

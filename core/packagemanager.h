@@ -187,6 +187,11 @@ public:
     bool RestartServices(PKG_INSTALLATION_TYPE type, unsigned long long mask);
     bool RestartServicesAction(unsigned long mask);
 
+    // Places the control files of an unpacked package under /var/packages/<name> with the
+    // install flag, links its target and makes it durable (lifecycle/register_package.cpp).
+    bool registerPackage(PKG_INSTALLATION_TYPE type, PackageInfo& info, const std::string& name,
+                         const std::string& extractDir, const std::string& target);
+
     // Service strings of INFO.
     static unsigned int PMSExplodeServiceString(const char* names);
     static std::set<std::string> getServiceSetFromString(const char* names);

@@ -44,13 +44,6 @@ ZARNPKG_API int PMSQarExtract(const std::string& file, const std::vector<TarMemb
                               unsigned long long limit, std::string& command, std::string& out,
                               std::string& err);
 
-// The list of a gzip-compressed tar (the payload package.tgz) as the machine's tar streams it,
-// without unpacking it: the member names are vetted as for the archive, and the sum of their
-// sizes is compared with `limit` while the listing runs, so a decompression bomb is stopped
-// without writing anything. `total` gets the sum of the sizes seen.
-ZARNPKG_API bool PMSPayloadVet(const std::string& tgz, unsigned long long limit,
-                               unsigned long long& total, std::string& why);
-
 // True on a port conflict of the package's admin port.
 ZARNPKG_API bool PMSCheckPackagePortConflict(const PackageInfo& info);
 

@@ -8,6 +8,7 @@
 
 #include "core/paths.h"
 #include "package/archive.h"
+#include "package/payload_vet.h"
 #include "package/tar_reader.h"
 #include "platform/files.h"
 #include "platform/json.h"
@@ -15,7 +16,6 @@
 #include "platform/log.h"
 #include "platform/process.h"
 #include "platform/programs.h"
-#include "platform/scope_guard.h"
 #include "platform/textsplit.h"
 
 namespace ZARNPackageTool {
@@ -243,17 +243,9 @@ bool FromPackageFile(const std::string& file, bool withPayload, LintInput& in,
     if (!withPayload || tgz == nullptr || !IsRegular(*tgz)) {
         return true;
     }
-    const std::string tmp = PMSMakeTmpDir("pkglint");
-    if (tmp.empty()) {
-        ZLOGERR("Failed to generate temp filename");
-        return false;
-    }
-    ZARN_SCOPE_EXIT {
-        ZARNRemoveTree(tmp);
-    };
-    std::string command, out, err;
-    return PMSQarExtract(file, members, {"package.tgz"}, tmp, tgz->size, command, out, err) == 0 &&
-           ListPayload(tmp + "/package.tgz", in.payloadLines);
+    return PMSWithQarPayload(file, members, [&in](const std::string& payload) {
+        return ListPayload(payload, in.payloadLines);
+    });
 }
 
 }  // namespace

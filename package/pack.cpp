@@ -10,6 +10,7 @@
 #include "core/paths.h"
 #include "package/archive.h"
 #include "package/lint.h"
+#include "package/payload_vet.h"
 #include "platform/files.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"

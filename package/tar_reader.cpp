@@ -427,7 +427,7 @@ size_t PMSTarSetMaxMembers(size_t cap) {
     return previous;
 }
 
-bool PMSTarVetMembers(const std::vector<TarMember>& members, std::string& why) {
+bool PMSTarVetMembers(const std::vector<TarMember>& members, std::string& why, bool linksAnywhere) {
     std::set<std::string> symlinks;
     std::set<std::string> files;  // regular members, targets for hard links
     for (const auto& m : members) {
@@ -475,7 +475,8 @@ bool PMSTarVetMembers(const std::vector<TarMember>& members, std::string& why) {
                 symlinks.erase(name);
                 break;
             case '2':
-                if (m.linkname.empty() || m.linkname[0] == '/' || HasDotDot(m.linkname)) {
+                if (m.linkname.empty() ||
+                    (!linksAnywhere && (m.linkname[0] == '/' || HasDotDot(m.linkname)))) {
                     why = "symbolic link " + m.name + " points outside the archive: " + m.linkname;
                     return false;
                 }

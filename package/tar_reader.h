@@ -49,8 +49,11 @@ PMSTarScanStream(int fd, std::vector<TarMember>& members, std::string& why,
 
 // Tests the member list of an untrusted archive before anything of it is written: absolute
 // names, ".." components, links that leave the archive, members written through a symbolic link,
-// device nodes, FIFOs and unknown member kinds are refused. False with the reason in `why`.
-ZARNPKG_API bool PMSTarVetMembers(const std::vector<TarMember>& members, std::string& why);
+// device nodes, FIFOs and unknown member kinds are refused. With `linksAnywhere` a symbolic link
+// may point anywhere, as links of a payload do; nothing may still be written through one.
+// False with the reason in `why`.
+ZARNPKG_API bool PMSTarVetMembers(const std::vector<TarMember>& members, std::string& why,
+                                  bool linksAnywhere = false);
 
 // The last member of that exact name, or null.
 ZARNPKG_API const TarMember* PMSTarFindMember(const std::vector<TarMember>& members,

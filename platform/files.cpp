@@ -184,7 +184,7 @@ bool RemoveAt(int parentFd, const char* name) {
     int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0 && errno == EACCES) {
         // A folder left without permissions by a test or a package must still go.
-        fchmodat(parentFd, name, 0700, 0);
+        fchmodat(parentFd, name, 0700, AT_SYMLINK_NOFOLLOW);
         fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     }
     if (fd < 0) {
@@ -522,6 +522,73 @@ bool GetRegularFilePathsInDirectory(const std::string& dir, std::vector<std::str
     }
     std::sort(out.begin(), out.end());
     return true;
+}
+
+namespace {
+
+// Walks the folder open as `fd`; `prefix` is its path relative to the top, "" or ending in "/".
+bool WalkFolder(Fd fd, const std::string& prefix, const ZARNTreeVisitor& visit) {
+    DIR* dir = fdopendir(fd.get());
+    if (dir == nullptr) {
+        SET_ERRNO_ERROR();
+        return false;
+    }
+    fd.release();
+    bool ok = true;
+    errno = 0;
+    while (struct dirent* entry = readdir(dir)) {
+        const char* name = entry->d_name;
+        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
+            continue;
+        }
+        struct stat st;
+        if (fstatat(dirfd(dir), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            SET_ERRNO_ERROR();
+            ok = false;
+            break;
+        }
+        const std::string rel = prefix + name;
+        if (!visit(rel, st)) {
+            errno = 0;
+            ok = false;
+            break;
+        }
+        if (S_ISDIR(st.st_mode)) {
+            Fd sub(openat(dirfd(dir), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!sub.valid()) {
+                SET_ERRNO_ERROR();
+                ok = false;
+                break;
+            }
+            if (!WalkFolder(std::move(sub), rel + "/", visit)) {
+                ok = false;
+                break;
+            }
+        }
+        errno = 0;
+    }
+    if (ok && errno != 0) {
+        SET_ERRNO_ERROR();
+        ok = false;
+    }
+    int saved = errno;
+    closedir(dir);
+    errno = saved;
+    return ok;
+}
+
+}  // namespace
+
+bool ZARNWalkTree(const std::string& dir, const ZARNTreeVisitor& visit) {
+    if (BadPath(dir)) {
+        return false;
+    }
+    Fd fd = ZARNOpenInRoot(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!fd.valid()) {
+        SET_ERRNO_ERROR();
+        return false;
+    }
+    return WalkFolder(std::move(fd), "", visit);
 }
 
 namespace {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,14 @@ ZARNHOST_API bool ZARNListDir(const std::string& path, std::vector<ZARNDirEntry>
 // The full logical paths of the regular files directly in a directory, sorted.
 ZARNHOST_API bool GetRegularFilePathsInDirectory(const std::string& dir,
                                                  std::vector<std::string>& out);
+
+// Visits every entry below `dir`, a folder before what it holds, with the entry's own lstat;
+// a symbolic link is reported and never followed, and folders are entered through descriptors
+// opened without following, so a link put in place of a folder is never walked into. `visit`
+// gets the path relative to `dir` and stops the walk by returning false. False when the walk
+// was stopped or a folder can't be read (errno and the last error set).
+using ZARNTreeVisitor = std::function<bool(const std::string& rel, const struct stat& st)>;
+ZARNHOST_API bool ZARNWalkTree(const std::string& dir, const ZARNTreeVisitor& visit);
 
 // Reads a symbolic link; under a root other than "/" the target comes back as a logical path.
 ZARNHOST_API bool ZARNReadLink(const std::string& path, std::string& target);

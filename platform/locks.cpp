@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -13,6 +14,7 @@
 
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/json.h"
 
 namespace {
 
@@ -21,6 +23,8 @@ struct HeldLock {
     pid_t owner;  // a forked child inherits the table but not the right to release
 };
 
+constexpr const char* kLockSettings = "/etc/zarnhost/locks.json";
+
 std::mutex g_locksMutex;
 std::map<unsigned int, HeldLock>& HeldLocks() {
     static std::map<unsigned int, HeldLock> locks;
@@ -28,6 +32,16 @@ std::map<unsigned int, HeldLock>& HeldLocks() {
 }
 
 }  // namespace
+
+int ZARNLockWaitLimit(int seconds) {
+    Json::Value settings;
+    if (!ZARNIsRegularFile(kLockSettings) || !Json::fromFile(settings, kLockSettings) ||
+        !settings.isObject() || !settings["max_wait_seconds"].isInt() ||
+        settings["max_wait_seconds"].asInt() < 0) {
+        return seconds;
+    }
+    return std::min(seconds, settings["max_wait_seconds"].asInt());
+}
 
 std::string ZARNLockPath(unsigned int id) {
     if (id == PackageLockId) {
@@ -85,7 +99,7 @@ int VLIBCFileLock(unsigned int id, int seconds) {
         return -1;
     }
     Fd fd = ZARNLockFileOpen(ZARNLockPath(id));
-    if (!fd.valid() || !ZARNFlock(fd.get(), true, seconds > 0 ? seconds : 0)) {
+    if (!fd.valid() || !ZARNFlock(fd.get(), true, ZARNLockWaitLimit(seconds > 0 ? seconds : 0))) {
         return -1;
     }
     std::lock_guard<std::mutex> guard(g_locksMutex);

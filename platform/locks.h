@@ -9,10 +9,18 @@
 // released. 0x10000006 is the package lock, /tmp/lock/lock_pkg.
 constexpr unsigned int PackageLockId = 0x10000006;
 
+// How long the lifecycle waits for the package lock.
+constexpr int PKG_LOCK_WAIT_SECONDS = 180;
+
+// The wait of `seconds` as this host allows it: "max_wait_seconds" of
+// /etc/zarnhost/locks.json, a number of 0 or more, lowers every longer wait (so that a test of
+// contention takes seconds); without that setting the wait stays as asked.
+ZARNHOST_API int ZARNLockWaitLimit(int seconds);
+
 // The logical lock file of a numbered lock.
 ZARNHOST_API std::string ZARNLockPath(unsigned int id);
-// Takes the lock, waiting up to `seconds` (0: one try). 0 when held; else -1 with errno set
-// (EAGAIN for a plain timeout) and the last error set.
+// Takes the lock, waiting up to `seconds` (0: one try) or the host's limit. 0 when held; else -1
+// with errno set (EAGAIN for a plain timeout) and the last error set.
 ZARNHOST_API int VLIBCFileLock(unsigned int id, int seconds);
 ZARNHOST_API int VLIBCFileUnlock(unsigned int id);
 

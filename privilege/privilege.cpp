@@ -117,8 +117,9 @@ bool JoinGroup(const std::string& user, const std::string& group) {
     return true;
 }
 
-// Clears the set-ID bits of the package's scripts. A script that is a link is followed only
-// while it stays inside the staging folder.
+// Clears the set-ID bits of the package's scripts. A script that is a link is refused when it
+// leads out of the staging folder, and passed over when it stays inside: its target is a file
+// of the package that has been judged on its own.
 bool ClearScriptBits(const std::string& staging) {
     for (const char* script : kScripts) {
         const std::string rel = std::string("scripts/") + script;
@@ -127,7 +128,10 @@ bool ClearScriptBits(const std::string& staging) {
             continue;
         }
         std::string path;
-        if (!ZARN::PkgUtils::ResolveRelPath(staging, rel, path) || !ClearSetUGidBit(path)) {
+        if (!ZARN::PkgUtils::ResolveRelPath(staging, rel, path)) {
+            return false;
+        }
+        if (!RelPathCrossesLink(staging, rel) && !ClearSetUGidBit(path)) {
             return false;
         }
     }

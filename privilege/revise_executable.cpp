@@ -16,9 +16,10 @@ const gid_t kSystemGid = 1;
 
 int ExeWalker::walk(Json::Value const& element) {
     std::string path;
-    Fd fd = OpenElement(element, {"relpath", "run-as"}, path);
+    bool skip = false;
+    Fd fd = OpenElement(element, {"relpath", "run-as"}, path, skip);
     if (!fd.valid()) {
-        return WALK_FAILED;
+        return skip ? WALK_CONTINUE : WALK_FAILED;
     }
 
     uid_t uid;

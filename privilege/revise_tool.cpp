@@ -26,9 +26,9 @@ bool TranslateOwner(std::string const& word, unsigned int pkgId, unsigned int& i
     return false;
 }
 
-// Exactly four octal digits, set-ID and sticky bits included. Signs and blanks that strtoul
-// would pass over are refused as well.
-bool ParsePermission(std::string const& text, mode_t& mode) {
+}  // namespace
+
+bool ParseToolPermission(std::string const& text, mode_t& mode) {
     if (text.size() != 4) {
         return false;
     }
@@ -46,13 +46,12 @@ bool ParsePermission(std::string const& text, mode_t& mode) {
     return true;
 }
 
-}  // namespace
-
 int ToolWalker::walk(Json::Value const& element) {
     std::string path;
-    Fd fd = OpenElement(element, {"relpath", "user", "group", "permission"}, path);
+    bool skip = false;
+    Fd fd = OpenElement(element, {"relpath", "user", "group", "permission"}, path, skip);
     if (!fd.valid()) {
-        return WALK_FAILED;
+        return skip ? WALK_CONTINUE : WALK_FAILED;
     }
 
     bool ok = true;
@@ -65,7 +64,7 @@ int ToolWalker::walk(Json::Value const& element) {
         VLIBCErrSet(PRIV_ERR_FCHOWN);
         ok = false;
     }
-    if (ok && !ParsePermission(element["permission"].asString(), mode)) {
+    if (ok && !ParseToolPermission(element["permission"].asString(), mode)) {
         VLIBCErrSet(PRIV_ERR_BAD_CONF);
         ok = false;
     }

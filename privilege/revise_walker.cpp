@@ -10,16 +10,34 @@
 #include "platform/fileattr.h"
 #include "platform/files.h"
 #include "platform/log.h"
+#include "platform/textsplit.h"
 #include "privilege/privilege.h"
 
 namespace ZARNPackageTool {
 namespace Privilege {
 
-Fd ReviseWalker::OpenRelPath(std::string const& relpath, std::string& path) const {
+bool RelPathCrossesLink(std::string const& top, std::string const& relpath) {
+    std::string path = top;
+    for (const std::string& part : ZARNPathNames(relpath)) {
+        path += "/" + part;
+        if (ZARNIsSymlink(path)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Fd ReviseWalker::OpenRelPath(std::string const& relpath, std::string& path, bool& skip) const {
     path.clear();
+    skip = false;
     if (!ZARN::PkgUtils::ResolveRelPath(topDir_, relpath, path)) {
         ZLOGERR("Failed to resolve %s [0x%04X %s:%d]", relpath.c_str(), VLIBCErrGet(),
                 VLIBCErrorGetFile(), VLIBCErrorGetLine());
+        return Fd();
+    }
+    if (RelPathCrossesLink(topDir_, relpath)) {
+        ZLOGWARN("Passed over %s: a symbolic link is never followed", relpath.c_str());
+        skip = true;
         return Fd();
     }
     // The resolved path has no link left in it; a link put there since is not followed.
@@ -41,7 +59,8 @@ Fd ReviseWalker::OpenRelPath(std::string const& relpath, std::string& path) cons
 }
 
 Fd ReviseWalker::OpenElement(Json::Value const& element, std::initializer_list<const char*> keys,
-                             std::string& path) const {
+                             std::string& path, bool& skip) const {
+    skip = false;
     // Anything but an object is bad content too (and would throw on lookup).
     if (!element.isObject()) {
         VLIBCErrSet(PRIV_ERR_BAD_CONF);
@@ -53,7 +72,7 @@ Fd ReviseWalker::OpenElement(Json::Value const& element, std::initializer_list<c
             return Fd();
         }
     }
-    return OpenRelPath(element["relpath"].asString(), path);
+    return OpenRelPath(element["relpath"].asString(), path, skip);
 }
 
 }  // namespace Privilege

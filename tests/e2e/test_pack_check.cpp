@@ -2,7 +2,9 @@
 
 #include "platform/files.h"
 #include "platform/json.h"
+#include "platform/process.h"
 #include "support/cli_runner.h"
+#include "support/qar_builder.h"
 #include "support/temproot.h"
 
 namespace {
@@ -55,6 +57,42 @@ TEST_F(PackCheckE2ETest, FailuresNameTheirReason) {
     EXPECT_EQ(1, r.status);
     EXPECT_NE(std::string::npos, r.err.find("\"package\"")) << r.err;
     EXPECT_FALSE(ZARNPathExists("/tmp/out.qar"));
+}
+
+// The example packages pack and check without a warning; the one that needs heartbeat checks
+// once heartbeat runs.
+TEST_F(PackCheckE2ETest, ExamplesPackAndCheckWithoutWarnings) {
+    addPackage("heartbeat");
+    addControlScript("heartbeat", 0);
+    markRunning("heartbeat");
+    for (const std::string name : {"greeter", "wizard-demo"}) {
+        const std::string qar = phys("/tmp/" + name + ".qar");
+        CliRun r = zarnpkg({"pack", ZARN_SOURCE_DIR "/examples/" + name, "-o", qar});
+        ASSERT_EQ(0, r.status) << r.err;
+        EXPECT_EQ(std::string::npos, r.err.find("warning")) << r.err;
+        r = zarnpkg({"--json", "check", qar});
+        EXPECT_EQ(0, r.status) << name << r.out << r.err;
+        const Json::Value v = ParseJson(r.out);
+        EXPECT_TRUE(v["warnings"].isArray() && v["warnings"].empty()) << name << r.out;
+    }
+}
+
+// A payload that would unpack to a FIFO is damage to the check, whatever else it finds.
+TEST_F(PackCheckE2ETest, HostilePayloadIsDamage) {
+    ZARNUtils::ProcessRunner gz({"/bin/gzip", "-c"});
+    gz.captureOutput().setInput(qartest::RawTar({{"bin/run", "x"}, {"bin/pipe", "", '6'}}));
+    ASSERT_EQ(0, gz.run());
+    writeFile("/tmp/payload.tgz", gz.getStdout());
+    writeFile("/tmp/evil.qar",
+              qartest::RawTar(
+                  {{"INFO", qartest::BasicInfo("evil", "1.0",
+                                               {{"checksum", qartest::Md5("/tmp/payload.tgz")}})},
+                   {"package.tgz", gz.getStdout()}}));
+    const CliRun r = zarnpkg({"--json", "check", phys("/tmp/evil.qar")});
+    EXPECT_EQ(1, r.status);
+    const Json::Value v = ParseJson(r.out);
+    EXPECT_EQ(0x105, v["code"].asInt()) << r.out;
+    EXPECT_NE(std::string::npos, v["params"]["refused"].asString().find("FIFO bin/pipe")) << r.out;
 }
 
 }  // namespace

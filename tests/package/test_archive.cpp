@@ -26,6 +26,10 @@ protected:
 };
 
 TEST_F(ArchiveTest, PackedExamplesReadBackAndPassTheFileCheck) {
+    // The service that an example depends on, installed and running.
+    addPackage("heartbeat");
+    addControlScript("heartbeat", 0);
+    markRunning("heartbeat");
     std::vector<ZARNDirEntry> examples;
     ASSERT_EQ(0, ZARNFSMkdirP("/tmp/out", 0, 0, -1, -1, 0755));
     {

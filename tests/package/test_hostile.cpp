@@ -1,15 +1,21 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include "core/packagemanager.h"
 #include "core/paths.h"
 #include "package/archive.h"
+#include "package/payload_vet.h"
 #include "platform/files.h"
 #include "platform/process.h"
 #include "platform/sysroot.h"
@@ -286,7 +292,7 @@ TEST_F(HostileQarTest, PayloadWithBadNamesIsRefusedByThePayloadCheck) {
         std::string reason;
     } cases[] = {
         {{{"/etc/evil", "x"}}, "absolute"},
-        {{{"lib", "", '2', "/etc"}, {"lib/evil", "x"}}, "outside"},
+        {{{"lib", "", '2', "/etc"}, {"lib/evil", "x"}}, "symbolic link"},
         {{{"lib", "", '2', "sub"}, {"lib/evil", "x"}}, "symbolic link"},
         {{{"passwd", "", '1', "/etc/passwd"}}, "hard link"},
         {{{"null", "", '3', "", 0600, -1, 1, 3}}, "device"},
@@ -298,7 +304,24 @@ TEST_F(HostileQarTest, PayloadWithBadNamesIsRefusedByThePayloadCheck) {
         why.clear();
         EXPECT_FALSE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why)) << c.reason;
         EXPECT_NE(std::string::npos, why.find(c.reason)) << why;
+        // The file check finds the same inside a whole package.
+        std::string err;
+        ASSERT_TRUE(
+            ZARNFileWrite("/tmp/case.qar",
+                          qartest::RawTar({{"INFO", info()},
+                                           {"package.tgz", gzipped(qartest::RawTar(c.members))}})));
+        why.clear();
+        EXPECT_FALSE(PMSQarPayloadVet("/tmp/case.qar", why)) << c.reason;
+        EXPECT_NE(std::string::npos, why.find(c.reason)) << why;
     }
+    ASSERT_TRUE(ZARNUnlink("/tmp/case.qar"));
+    // Links of a payload may point anywhere, as long as nothing is written through them.
+    ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz",
+                              gzipped(qartest::RawTar({{"etc", "", '2', "/etc"},
+                                                       {"up", "", '2', "../../x"},
+                                                       {"bin/run", "x"},
+                                                       {"bin/same", "", '1', "bin/run"}}))));
+    EXPECT_TRUE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why)) << why;
     // A payload cut short, and one with a great deal of data after its end.
     const std::string good = gzipped(qartest::RawTar({{"bin/run", std::string(100000, 'r')}}));
     ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", good));
@@ -314,6 +337,78 @@ TEST_F(HostileQarTest, PayloadWithBadNamesIsRefusedByThePayloadCheck) {
     EXPECT_FALSE(PMSPayloadVet("/tmp/none.tgz", 1ULL << 40, total, why));
     ASSERT_TRUE(ZARNUnlink("/tmp/case.tgz"));
     EXPECT_EQ(before, state());
+}
+
+// What tar may leave in the extract folder that no package needs: each is refused with its
+// member named, and set-ID bits go unless the package's "tool" entry gives them.
+TEST_F(HostileQarTest, UnpackedPackageIsVettedWithoutFollowingLinks) {
+    const std::string x = "/tmp/pkginstall";
+    auto fresh = [&] {
+        ASSERT_TRUE(ZARNRemoveTree(x));
+        writeFile(x + "/INFO", info());
+        writeFile(x + "/package/bin/run", "#!/bin/sh\n", 0755);
+    };
+    auto socketAt = [&](const std::string& logical) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        struct sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", phys(logical).c_str());
+        const int rc = bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
+        close(fd);
+        return rc;
+    };
+    writeFile("/etc/outside", "secret", 04755);
+    const struct {
+        std::string member;
+        std::string reason;
+        std::function<int()> make;
+    } cases[] = {
+        {"package/fifo", "FIFO", [&] { return mkfifo(phys(x + "/package/fifo").c_str(), 0600); }},
+        {"package/sock", "socket", [&] { return socketAt(x + "/package/sock"); }},
+        {"package/lib/null", "device node",
+         [&] {
+             ZARNFSMkdirP(x + "/package/lib", 0, 1, -1, -1, 0755);
+             return geteuid() == 0 ? mknod(phys(x + "/package/lib/null").c_str(), S_IFCHR | 0600,
+                                           makedev(1, 3))
+                                   : mkfifo(phys(x + "/package/lib/null").c_str(), 0600);
+         }},
+        {"package/passwd", "outside",
+         [&] { return link(phys("/etc/outside").c_str(), phys(x + "/package/passwd").c_str()); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.member);
+        fresh();
+        ASSERT_EQ(0, c.make());
+        std::string why;
+        EXPECT_FALSE(PMSVetUnpackedPackage(x, why));
+        EXPECT_NE(std::string::npos, why.find(c.member)) << why;
+        if (geteuid() == 0 || c.reason != "device node") {
+            EXPECT_NE(std::string::npos, why.find(c.reason)) << why;
+        }
+        EXPECT_NE(std::string::npos, logText().find("Refused package member " + c.member))
+            << logText();
+    }
+    // Set-ID bits: cleared, kept as far as a tool entry says, and never touched through a link.
+    fresh();
+    writeFile(x + "/package/bin/plain", "x", 06755);
+    writeFile(x + "/package/bin/kept", "x", 06755);
+    writeFile(x + "/package/data/a", "x", 0644);
+    ASSERT_EQ(0, link(phys(x + "/package/data/a").c_str(), phys(x + "/package/data/b").c_str()));
+    ASSERT_TRUE(ZARNSymlink("/etc/outside", x + "/package/bin/outside"));
+    ASSERT_TRUE(ZARNSymlink("/etc", x + "/package/etc"));
+    writeFile(x + "/conf/privilege",
+              R"({"tool": [{"relpath": "./bin//kept", "user": "root", "group": "root",
+                            "permission": "4750"}]})");
+    std::string why;
+    EXPECT_TRUE(PMSVetUnpackedPackage(x, why)) << why;
+    auto mode = [&](const std::string& logical) {
+        struct stat st = {};
+        EXPECT_TRUE(ZARNLstat(logical, st)) << logical;
+        return st.st_mode & 07777;
+    };
+    EXPECT_EQ(0755u, mode(x + "/package/bin/plain"));
+    EXPECT_EQ(04755u, mode(x + "/package/bin/kept"));
+    EXPECT_EQ(04755u, mode("/etc/outside"));
 }
 
 TEST_F(HostileQarTest, DeepWizardWithALargeValueIsWalkedInItsOwnSize) {

@@ -85,6 +85,18 @@ TEST_F(LocksTest, TimeoutAgainstAnotherProcess) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
     EXPECT_EQ(VLIBCFileLock(PackageLockId, 0), -1);
     EXPECT_EQ(errno, EAGAIN);
+    // The host's setting cuts the long wait of the lifecycle down, and never lengthens one.
+    writeFile("/etc/zarnhost/locks.json", R"({"max_wait_seconds": 1})");
+    EXPECT_EQ(ZARNLockWaitLimit(PKG_LOCK_WAIT_SECONDS), 1);
+    EXPECT_EQ(ZARNLockWaitLimit(0), 0);
+    const auto capped = std::chrono::steady_clock::now();
+    EXPECT_EQ(VLIBCFileLock(PackageLockId, PKG_LOCK_WAIT_SECONDS), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_LT(std::chrono::steady_clock::now() - capped, std::chrono::seconds(10));
+    for (const char* bad : {"", "{\"max_wait_seconds\": -5}", "{\"max_wait_seconds\": \"1\"}"}) {
+        writeFile("/etc/zarnhost/locks.json", bad);
+        EXPECT_EQ(ZARNLockWaitLimit(PKG_LOCK_WAIT_SECONDS), PKG_LOCK_WAIT_SECONDS) << bad;
+    }
 
     releaseWrite.reset();
     int status = 0;

@@ -285,9 +285,14 @@ TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
     // Only the seven control scripts are looked at.
     EXPECT_EQ(ModeOf(staging + "/scripts/other"), 06755u);
 
-    // A script that is a dangling link has no bits to clear and is passed over.
+    // A script that is a dangling link has no bits to clear and is passed over, and so is one
+    // that leads to a file of the package.
     ASSERT_TRUE(ZARNSymlink("missing-script", staging + "/scripts/postuninst"));
+    writeFile(staging + "/package/bin/helper", "x");
+    ASSERT_TRUE(ZARNChmod(staging + "/package/bin/helper", 04755));
+    ASSERT_TRUE(ZARNSymlink("../package/bin/helper", staging + "/scripts/preuninst"));
     EXPECT_TRUE(ReviseFileAttr("pkga", staging, false)) << logText();
+    EXPECT_EQ(ModeOf(staging + "/package/bin/helper"), 04755u);
 
     VLIBCErrSet(ZARN_ERR_NONE);
     EXPECT_FALSE(ReviseFileAttr("", staging, false));
@@ -515,6 +520,20 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
     EXPECT_FALSE(toolResult(R"({"relpath": "shadowlink", "user": "package", "group": "package",
                                 "permission": "0777"})"));
     EXPECT_EQ(ModeOf("/etc/shadow"), 0600u);
+    // A link inside the package is passed over, not followed to the file it names.
+    ASSERT_TRUE(ZARNSymlink("tool", top + "/bin/alias"));
+    ASSERT_TRUE(ZARNSymlink("bin", top + "/dir"));
+    for (const char* relpath : {"bin/alias", "dir/tool"}) {
+        EXPECT_TRUE(
+            toolResult(std::string(R"({"relpath": ")") + relpath +
+                       R"(", "user": "package", "group": "package", "permission": "4777"})"))
+            << relpath;
+        EXPECT_TRUE(
+            exeResult(std::string(R"({"relpath": ")") + relpath + R"(", "run-as": "root"})"))
+            << relpath;
+        EXPECT_EQ(ModeOf(top + "/bin/tool"), 0755u) << relpath;
+    }
+    EXPECT_NE(logText().find("Passed over bin/alias"), std::string::npos);
     // Any four octal digits name a mode, set-ID bits included.
     for (mode_t mode : {0750u, 04755u, 07777u}) {
         char perm[8];
