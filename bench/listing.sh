@@ -74,7 +74,8 @@ rm -rf "$work/qar"
 # The scripts of the scripted registry, by hand, two at a time.
 find "$work/s2000/var/packages" -path '*/scripts/start-stop-status' | sort >"$work/scripts"
 by_hand() {
-    xargs -P2 -I{} {} status <"$work/scripts" || [ $? -eq 123 ]
+    # Stopped packages answer 3, so xargs reports a failed command: that is their status.
+    xargs -P2 -I{} /bin/sh {} status <"$work/scripts" || :
 }
 
 compare "list, 10000 packages / dpkg-query -W" 5 \
