@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "cli/zarnpkg_cli.h"
+#include "core/registry.h"
 
 using namespace ZARNPackageTool;
 
@@ -21,16 +22,25 @@ int CmdList(CliContext& ctx) {
         return PrintFailure(ctx, pm, RegistryFailureText());
     }
     std::vector<PackageInfo> records;
-    pm.enumPackageInfo(records, ctx.language(), kListMask);
-    std::sort(records.begin(), records.end(),
-              [](const PackageInfo& a, const PackageInfo& b) { return a.name < b.name; });
+    std::vector<std::string> unreadable;
+    PackageManager scan;
+    scan.enumPackageInfoByPath(PKG_REGISTRY_DIR, records, unreadable, ctx.language(), kListMask);
+    // The records are large: sort their places, not them.
+    std::vector<size_t> byName(records.size());
+    for (size_t i = 0; i < byName.size(); ++i) {
+        byName[i] = i;
+    }
+    std::sort(byName.begin(), byName.end(),
+              [&records](size_t a, size_t b) { return records[a].name < records[b].name; });
     Json::Value packages(Json::arrayValue);
     std::string text;
-    const PackageManager::BreakerSnapshot breakers = PackageManager::makeBreakerSnapshot();
-    for (const auto& info : records) {
+    const PackageManager::BreakerSnapshot breakers =
+        PackageManager::makeBreakerSnapshot(records, unreadable);
+    for (const size_t index : byName) {
+        const PackageInfo& info = records[index];
         PackageManager query;
         query.useBreakerSnapshot(breakers);
-        int status = query.getPkgStatus(info.name);
+        int status = query.getPkgStatus(info);
         int rough = 0;
         bool known = PackageManager::roughStatusOf(status, info.name, rough);
         Json::Value entry(Json::objectValue);

@@ -550,7 +550,11 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
             return false;
         }
     }
-    load.x.target_volume = PMSGetPackageTargetVolByPath(PMSRegistryDir(info.name).c_str());
+    // A scan for break lists reads every INFO of the registry for that list alone: resolving
+    // each target link would cost it more than the reading.
+    if (mask != PKG_MASK_BREAKERS) {
+        load.x.target_volume = PMSGetPackageTargetVolByPath(PMSRegistryDir(info.name).c_str());
+    }
     return true;
 }
 

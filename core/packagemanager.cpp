@@ -4,6 +4,7 @@
 
 #include <ctime>
 
+#include "core/infoloader.h"
 #include "core/registry.h"
 #include "core/version.h"
 #include "platform/files.h"
@@ -135,6 +136,25 @@ PackageManager::BreakerSnapshot PackageManager::makeBreakerSnapshot() {
     for (auto& [name, info] : installed) {
         if (!info.extra.get()->install_break_packages.empty()) {
             breakers->emplace(name, std::move(info));
+        }
+    }
+    return breakers;
+}
+
+PackageManager::BreakerSnapshot PackageManager::makeBreakerSnapshot(
+    const std::vector<PackageInfo>& records, const std::vector<std::string>& refused) {
+    auto breakers = std::make_shared<std::map<std::string, PackageInfo>>();
+    for (const auto& info : records) {
+        if (!info.extra.get()->install_break_packages.empty()) {
+            breakers->emplace(info.name, info);
+        }
+    }
+    // The narrower load may take what the wider one refused (an INFO without a maintainer).
+    for (const auto& folder : refused) {
+        PackageInfo info;
+        if (PMSLoadPKGInfoFile(PMSRegistryDir(folder), info, nullptr, PKG_MASK_BREAKERS) &&
+            !info.extra.get()->install_break_packages.empty()) {
+            breakers->emplace(info.name, std::move(info));
         }
     }
     return breakers;

@@ -137,6 +137,10 @@ public:
     // break others, read as a single query reads them, instead of a scan per query.
     using BreakerSnapshot = std::shared_ptr<const std::map<std::string, PackageInfo>>;
     static BreakerSnapshot makeBreakerSnapshot();
+    // The same from the records of a registry scan with a mask that parses break lists, and
+    // the folders whose INFO that scan refused, which are read for their break lists alone.
+    static BreakerSnapshot makeBreakerSnapshot(const std::vector<PackageInfo>& records,
+                                               const std::vector<std::string>& refused);
     void useBreakerSnapshot(BreakerSnapshot snapshot);
 
     // Package status (core/status.cpp).
@@ -144,6 +148,9 @@ public:
     bool getServiceStatus(const std::string& name, bool& running, bool useScript, bool strict);
     bool getServiceStatus(const std::string& name, bool& running, bool useScript);
     int getPkgStatus(const std::string& name);
+    // The same for an installed package whose record a registry scan has just loaded (with the
+    // listing's mask or a wider one), which is then not read again.
+    int getPkgStatus(const PackageInfo& info);
     bool getPkgRoughStatus(const std::string& name, int& rough);
     // The rough status of a status that getPkgStatus gave, without asking again.
     static bool roughStatusOf(int status, const std::string& name, int& rough);
@@ -200,6 +207,12 @@ public:
 private:
     // Whether `pkg` is broken by an installed package, through the snapshot when one is set.
     bool isBrokenByInstalled(const PackageBasicInfo& pkg);
+    // The status path on the record `loaded`, or on the INFO read afresh when it is null.
+    std::string serviceScript(const std::string& name, const PackageInfo* loaded,
+                              PackageInfo& info);
+    bool serviceStatus(const std::string& name, const PackageInfo* loaded, bool& running,
+                       bool useScript, bool strict);
+    int pkgStatus(const std::string& name, const PackageInfo* loaded);
 
     std::string logFilePath_;
     std::unique_ptr<PackageManagerPrivate> d_;

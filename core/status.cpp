@@ -34,13 +34,18 @@ bool VolumeWorks(const std::string& volume) {
 }  // namespace
 
 std::string PackageManager::getServiceScript(const std::string& name, PackageInfo& info) {
+    return serviceScript(name, nullptr, info);
+}
+
+std::string PackageManager::serviceScript(const std::string& name, const PackageInfo* loaded,
+                                          PackageInfo& info) {
     const std::string dir = PMSRegistryDir(name);
     const std::string script = dir + "/scripts/" + kControlScript;
     if (!PMSCheckPackage(name)) {
         setResult(PKG_ERR_NOT_INSTALLED);
         return "";
     }
-    if (!PMSLoadPKGInfoFile(dir, info, nullptr, PKG_MASK_ALL)) {
+    if (loaded == nullptr && !PMSLoadPKGInfoFile(dir, info, nullptr, PKG_MASK_ALL)) {
         setResult(PKG_ERR_BROKEN);
         return "";
     }
@@ -67,17 +72,23 @@ std::string PackageManager::getServiceScript(const std::string& name, PackageInf
 
 bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool useScript,
                                       bool strict) {
+    return serviceStatus(name, nullptr, running, useScript, strict);
+}
+
+bool PackageManager::serviceStatus(const std::string& name, const PackageInfo* loaded,
+                                   bool& running, bool useScript, bool strict) {
     setResult(PKG_ERR_SYSTEM);
     running = false;
     const std::string dir = PMSRegistryDir(name);
     const std::string job = JobName(name);
     int jobState = 0;
     bool jobStateRead = false;
-    PackageInfo info;
+    PackageInfo read;
+    const PackageInfo& info = loaded != nullptr ? *loaded : read;
     int process = 0;
     int phase = 0;
 
-    const std::string script = getServiceScript(name, info);
+    const std::string script = serviceScript(name, loaded, read);
     if (script.empty()) {
         goto tail;
     }
@@ -168,8 +179,16 @@ bool PackageManager::getServiceStatus(const std::string& name, bool& running, bo
 }
 
 int PackageManager::getPkgStatus(const std::string& name) {
+    return pkgStatus(name, nullptr);
+}
+
+int PackageManager::getPkgStatus(const PackageInfo& info) {
+    return pkgStatus(info.name, &info);
+}
+
+int PackageManager::pkgStatus(const std::string& name, const PackageInfo* loaded) {
     bool running = false;
-    if (getServiceStatus(name, running, true)) {
+    if (serviceStatus(name, loaded, running, true, false)) {
         if (running) {
             return 0;
         }

@@ -338,56 +338,37 @@ bool PackageManager::queryPackageFileInfoWithWizard(const std::string& file, Pac
 }
 
 bool PackageManager::verifyPackageTgzFile(const std::string& file, const char* checksum) {
-    return WithTmpDir(file, "pkgverify", [&](const std::string& tmp) {
-        // The work folder lies deep inside the unique folder, as the system has always made it.
-        const std::string work = tmp + "/" + tmp;
-        std::string out, err;
-        const std::vector<std::string> mkdirArgv = {ZARNMachineProgram("/bin/mkdir"), "-p",
-                                                    PMSProgramPath(work)};
-        if (RunTool(mkdirArgv, out, err) != 0) {
-            ZLOGERR("Failed to mkdir tempdir %s", work.c_str());
-            return false;
-        }
-        ZARN_SCOPE_EXIT {
-            const std::vector<std::string> rmArgv = {ZARNMachineProgram("/bin/rm"), "-rf",
-                                                     PMSProgramPath(work)};
-            std::string o, e;
-            if (RunTool(rmArgv, o, e) != 0) {
-                ZLOGERR("Failed to rm tempdir %s", work.c_str());
-            }
-        };
-        if (checksum == nullptr) {
-            return true;
-        }
-        std::vector<TarMember> members;
-        std::string why;
-        if (!PMSQarListVetted(file, members, why)) {
-            ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
-            return false;
-        }
-        const TarMember* tgz = PMSTarFindMember(members, "package.tgz");
-        if (tgz == nullptr || (tgz->type != '0' && tgz->type != '7')) {
-            ZLOGERR("No regular member package.tgz in %s", file.c_str());
-            ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
-            return false;
-        }
-        if (!PMSCheckSpace(work.c_str(), tgz->size)) {
-            ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
-            return false;
-        }
-        std::string command;
-        if (PMSQarExtract(file, members, {"package.tgz"}, work, tgz->size, command, out, err) !=
-            0) {
-            ZLOGERR("Failed to extract the package.tgz in %s", work.c_str());
-            return false;
-        }
-        const std::string extracted = work + "/package.tgz";
-        if (!PMSCompareCheckSum(extracted.c_str(), checksum)) {
-            ZLOGERR("Failed to verify %s", extracted.c_str());
-            return false;
-        }
+    if (file.empty()) {
+        ZLOGERR("Wrong parameters");
+        return false;
+    }
+    if (checksum == nullptr) {
         return true;
-    });
+    }
+    // The payload is hashed as it is read from the archive: a refused file costs one read and
+    // no write, and no temporary copy can change between the hashing and a later use.
+    std::vector<TarMember> members;
+    std::string why;
+    if (!PMSQarListVetted(file, members, why)) {
+        ZLOGERR("Failed to extract the package.tgz in %s", file.c_str());
+        return false;
+    }
+    const TarMember* tgz = PMSTarFindMember(members, "package.tgz");
+    if (tgz == nullptr || (tgz->type != '0' && tgz->type != '7')) {
+        ZLOGERR("No regular member package.tgz in %s", file.c_str());
+        ZLOGERR("Failed to extract the package.tgz in %s", file.c_str());
+        return false;
+    }
+    std::string md5;
+    if (!PMSMd5OfRange(file, tgz->dataOffset, tgz->size, md5)) {
+        ZLOGERR("Failed to extract the package.tgz in %s", file.c_str());
+        return false;
+    }
+    if (md5 != checksum) {
+        ZLOGERR("Failed to verify %s", (file + "/package.tgz").c_str());
+        return false;
+    }
+    return true;
 }
 
 int PackageManager::compareWithInstallPkgInfo(const PackageInfo& info) {

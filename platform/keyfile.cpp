@@ -5,10 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <string_view>
 #include <unordered_set>
 
 #include "platform/errors.h"
+#include "platform/filecache.h"
 #include "platform/files.h"
 
 namespace {
@@ -226,6 +229,19 @@ bool ReadText(const std::string& path, std::string& text) {
     return true;
 }
 
+// The host's settings files are asked one key at a time, often once per package of a listing:
+// their text is kept while the file is unchanged. Only a handful of such files exist.
+bool ReadSettingsText(const std::string& path, std::string& text) {
+    static std::mutex mutex;
+    static std::map<std::string, ZARNFileCache<std::string>> caches;
+    ZARNFileCache<std::string>* cache = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        cache = &caches[path];
+    }
+    return cache->get(path, text, [&path](std::string& read) { return ReadText(path, read); });
+}
+
 }  // namespace
 
 void ZARNKeyTextParse(const std::string& text, const char* sep,
@@ -270,7 +286,7 @@ bool ZARNKeyFileReadAll(const std::string& path, std::map<std::string, std::stri
 int VLIBCFileGetKeyValue(const std::string& path, const std::string& key, std::string& value,
                          size_t limit) {
     std::string text;
-    if (!ReadText(path, text)) {
+    if (!ReadSettingsText(path, text)) {
         return -1;
     }
     std::vector<std::string> wanted{key};

@@ -1,6 +1,8 @@
 #include "platform/log.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,6 +23,23 @@ namespace {
 
 std::atomic<bool> g_verbose{false};
 std::once_flag g_openlogOnce;
+bool g_syslogUp = false;
+
+// One connection for the process, opened at once. Without a log daemon the C library would try
+// to connect again on every line, which a listing of thousands of packages pays per package: the
+// lines then go to the mirror alone.
+bool OpenSyslog() {
+    const Fd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, _PATH_LOG, sizeof(addr.sun_path) - 1);
+    if (!probe.valid() ||
+        connect(probe.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
+        return false;
+    }
+    openlog("zarnpkg", LOG_PID | LOG_NDELAY, LOG_USER);
+    return true;
+}
 
 // Rewrites "%m" into the text of the saved errno, escaped so that vsnprintf prints it as is.
 std::string ExpandErrnoMarker(const char* format, int savedErrno) {
@@ -109,8 +128,10 @@ void ZARNSyslog(int priority, const char* format, ...) {
     std::string message = FormatMessage(expanded.c_str(), args);
     va_end(args);
 
-    std::call_once(g_openlogOnce, [] { openlog("zarnpkg", LOG_PID, LOG_USER); });
-    syslog(priority, "%s", message.c_str());
+    std::call_once(g_openlogOnce, [] { g_syslogUp = OpenSyslog(); });
+    if (g_syslogUp) {
+        syslog(priority, "%s", message.c_str());
+    }
 
     const char* mirror = getenv("ZARNPKG_LOG_FILE");
     const bool verbose = g_verbose.load(std::memory_order_relaxed);

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "platform/errors.h"
+#include "platform/filecache.h"
 #include "platform/files.h"
 #include "platform/json.h"
 
@@ -10,7 +11,7 @@ namespace {
 
 constexpr const char* kServicesFile = "/etc/zarnhost/services.json";
 
-bool LoadServiceList(Json::Value& list) {
+bool ParseServiceList(Json::Value& list) {
     Json::Value services;
     if (!Json::fromFile(services, kServicesFile)) {
         return false;
@@ -25,6 +26,12 @@ bool LoadServiceList(Json::Value& list) {
         return false;
     }
     return true;
+}
+
+// Kept while the file is unchanged: every status query of a listing asks about host services.
+bool LoadServiceList(Json::Value& list) {
+    static ZARNFileCache<Json::Value> cache;
+    return cache.get(kServicesFile, list, ParseServiceList);
 }
 
 // The entry of one host service: 1 found, 0 not known, -1 list unreadable.

@@ -9,6 +9,7 @@
 #include <map>
 
 #include "platform/errors.h"
+#include "platform/filecache.h"
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/log.h"
@@ -51,16 +52,17 @@ bool ReadFlag(const Json::Value& object, const char* key, bool def) {
     return v.isBool() ? v.asBool() : def;
 }
 
-// Read every time: tests and the host's tools change the file between calls.
-HostVolumeConf LoadConf() {
-    HostVolumeConf conf;
+// False, after a warning, when the file is there but unreadable: the volumes take their defaults.
+bool ParseConf(HostVolumeConf& conf) {
+    conf = HostVolumeConf();
     if (!IsFileExists(ZARN_VOLUMES_CONF)) {
-        return conf;
+        return true;
     }
     Json::Value root;
     if (!Json::fromFile(root, ZARN_VOLUMES_CONF) || !root.isObject()) {
         ZLOGWARN("Failed to read %s, volumes take their defaults", ZARN_VOLUMES_CONF);
-        return conf;
+        conf = HostVolumeConf();
+        return false;
     }
     conf.dockHost = ReadFlag(root, "dock_host", false);
     const Json::Value& volumes = root["volumes"];
@@ -91,6 +93,15 @@ HostVolumeConf LoadConf() {
             }
         }
     }
+    return true;
+}
+
+// Kept while the file is unchanged: a listing asks once per package, and the host's tools and
+// tests change the file between calls.
+HostVolumeConf LoadConf() {
+    static ZARNFileCache<HostVolumeConf> cache;
+    HostVolumeConf conf;
+    cache.get(ZARN_VOLUMES_CONF, conf, ParseConf);
     return conf;
 }
 

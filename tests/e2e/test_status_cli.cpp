@@ -61,6 +61,44 @@ TEST_F(StatusCli, StatusOfLaidOutPackages) {
     EXPECT_NE(out.find("result 0x3"), std::string::npos) << out;
 }
 
+// The listing reads each INFO once and hands its record to the status path; every entry must
+// still be what a query of that one package answers.
+TEST_F(StatusCli, ListingAgreesWithOneQueryPerPackage) {
+    const std::string status = "#!/bin/sh\n[ \"$1\" = status ] && exit ";
+    addPackage("running", status + "0\n");
+    markRunning("running");
+    addPackage("stopped", status + "3\n");
+    enable("stopped");
+    addPackage("failing", status + "1\n");
+    addPackage("noscript", "");
+    addPackage("unlinked", status + "0\n");
+    ASSERT_TRUE(ZARNUnlink("/var/packages/unlinked/target"));
+    addPackage("victim", status + "0\n");
+    markRunning("victim");
+    // A breaker whose INFO the listing refuses (no maintainer) still breaks its victim.
+    TempRootTest::addPackage("breaker", "install_break_packages=\"victim\"\n");
+    removeKey("/var/packages/breaker/INFO", "maintainer");
+
+    std::string out, err;
+    ASSERT_EQ(zarnpkg({"--json", "list"}, out, err), 0) << err;
+    Json::Value listing;
+    ASSERT_TRUE(Json::fromString(listing, out)) << out;
+    std::vector<std::string> names;
+    for (const auto& entry : listing["packages"]) {
+        names.push_back(entry["package"].asString());
+        Json::Value one;
+        ASSERT_EQ(zarnpkg({"--json", "status", names.back()}, out, err), 0) << err;
+        ASSERT_TRUE(Json::fromString(one, out)) << out;
+        one.removeMember("success");
+        Json::Value listed = entry;
+        listed.removeMember("version");
+        EXPECT_EQ(Json::toCompactString(listed), Json::toCompactString(one));
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"failing", "noscript", "running", "stopped",
+                                               "unlinked", "victim"}));
+    EXPECT_EQ(listing["packages"][5]["status"].asInt(), 0x96);
+}
+
 TEST_F(StatusCli, LogOfAPackage) {
     addPackage("runner",
                "#!/bin/sh\ncase \"$1\" in log) echo \"log of $ZARNPKG_PKGNAME at "

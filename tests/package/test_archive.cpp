@@ -3,6 +3,7 @@
 #include "core/packagemanager.h"
 #include "core/paths.h"
 #include "package/archive.h"
+#include "package/checksum.h"
 #include "package/pack.h"
 #include "platform/files.h"
 #include "platform/keyfile.h"
@@ -99,6 +100,13 @@ TEST_F(ArchiveTest, HelloRecordScriptsLicenceAndWizard) {
     EXPECT_FALSE(pm.verifyPackageTgzFile("/tmp/hello.qar", "00000000000000000000000000000000"));
     EXPECT_FALSE(pm.verifyPackageTgzFile("/tmp/hello.qar", info.checksum.substr(0, 31).c_str()));
     EXPECT_TRUE(pm.verifyPackageTgzFile("/tmp/hello.qar", nullptr));
+    EXPECT_NE(logText().find("Failed to verify /tmp/hello.qar/package.tgz"), std::string::npos);
+    // The member is hashed where it lies in the archive: just its bytes, and all of them.
+    std::string md5;
+    writeFile("/tmp/range", "xxabcyy");
+    EXPECT_TRUE(PMSMd5OfRange("/tmp/range", 2, 3, md5));
+    EXPECT_EQ(md5, "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_FALSE(PMSMd5OfRange("/tmp/range", 2, 30, md5));
     EXPECT_FALSE(pm.verifyPackageTgzFile("", info.checksum.c_str()));
     EXPECT_FALSE(pm.queryPackageFileInfo("", info, PKG_INSTALLATION_NONE, "enu"));
     EXPECT_NE(std::string::npos, logText().find("Wrong parameters"));

@@ -178,6 +178,24 @@ TEST_F(KeyFileTest, FileReaders) {
     EXPECT_FALSE(ZARNKeyFileReadAll("/var/packages/none/INFO", out));
 }
 
+// Settings are kept between reads while their file is unchanged; an edit, by rename or in
+// place, is seen by the next read of the same process.
+TEST_F(KeyFileTest, SettingsEditedBetweenReadsAreSeen) {
+    const std::string path = "/etc/zarninfo.conf";
+    writeFile(path, "language=\"enu\"\n");
+    std::string value;
+    EXPECT_EQ(VLIBCFileGetKeyValue(path, "language", value), 1);
+    EXPECT_EQ(value, "enu");
+    EXPECT_TRUE(VLIBCFileSetKeyValue(path, "language", "fre"));
+    EXPECT_EQ(VLIBCFileGetKeyValue(path, "language", value), 1);
+    EXPECT_EQ(value, "fre");
+    writeFile(path, "language=\"ger\"\ntimezone=\"UTC\"\n");
+    EXPECT_EQ(VLIBCFileGetKeyValue(path, "language", value), 1);
+    EXPECT_EQ(value, "ger");
+    ASSERT_TRUE(ZARNUnlink(path));
+    EXPECT_EQ(VLIBCFileGetKeyValue(path, "language", value), -1);
+}
+
 TEST_F(KeyFileTest, SetKeyValueKeepsOtherLines) {
     const std::string path = "/etc/zarninfo.conf";
     writeFile(path, "# settings\r\nlanguage=\"enu\"\r\ntimezone=\"UTC\"\r\nlanguage=\"dup\"\r\n");

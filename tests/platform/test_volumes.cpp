@@ -274,6 +274,10 @@ TEST_F(VolumesTest, FileSystemInfoTellsBrokenVolumes) {
     EXPECT_EQ(info.freeBytes, 777u);
     FSInfoFree(&info);
     EXPECT_EQ(info.status, 0u);
+    // The host repairs the volume: the next query sees the edited file.
+    writeConf(R"({"volumes": [{"path": "/volume2"}]})");
+    EXPECT_EQ(FSInfoGet("/volume2", &info), 1);
+    EXPECT_EQ(info.status & ZARN_FS_STATUS_NOT_WORKING, 0u);
     EXPECT_EQ(FSInfoGet("/volume4", &info), 0);
     EXPECT_EQ(FSInfoGet("/tmp", &info), -1);
     EXPECT_EQ(FSInfoGet(nullptr, &info), -1);
