@@ -18,7 +18,7 @@
 
 #include "platform/files.h"
 #include "platform/host_init.h"
-#include "platform/services.h"
+#include "platform/jobs.h"
 #include "platform/sysroot.h"
 
 namespace {
