@@ -12,18 +12,6 @@
 
 using namespace ZARNPackageTool;
 
-namespace {
-
-size_t Count(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-        ++n;
-    }
-    return n;
-}
-
-}  // namespace
-
 class RestartServicesTest : public TempRootTest {
 protected:
     // Host services whose reload appends the service's name to /tmp/reloaded, after `extra`.
@@ -69,12 +57,12 @@ TEST_F(RestartServicesTest, NamedServicesReloadOnceAfterTheLockIsGiven) {
     ASSERT_TRUE(PackageManager::ExLock(1));
     ASSERT_TRUE(pm.RestartServices(PKG_INSTALLATION_START, 0));
     const std::string log = events();
-    EXPECT_EQ(Count(log, "web engine configuration regenerated"), 1u);
-    EXPECT_EQ(Count(log, "firewall rules reloaded"), 1u);
+    EXPECT_EQ(CountOf(log, "web engine configuration regenerated"), 1u);
+    EXPECT_EQ(CountOf(log, "firewall rules reloaded"), 1u);
     for (const char* name : {"nginx", "samba", "winbindd", "nmbd"}) {
-        EXPECT_EQ(Count(log, std::string("service reload: ") + name + "\n"), 1u) << name;
+        EXPECT_EQ(CountOf(log, std::string("service reload: ") + name + "\n"), 1u) << name;
     }
-    EXPECT_EQ(Count(log, "nfsd"), 0u);
+    EXPECT_EQ(CountOf(log, "nfsd"), 0u);
     EXPECT_EQ(readFile("/tmp/reloaded"), "nginx\nsamba\nwinbindd\nnmbd\n");
     // The lock is free for another process.
     pid_t child = fork();
@@ -89,7 +77,7 @@ TEST_F(RestartServicesTest, NamedServicesReloadOnceAfterTheLockIsGiven) {
 
     // Other types take the install mask.
     ASSERT_TRUE(pm.RestartServices(PKG_INSTALLATION_INSTALL, 0));
-    EXPECT_EQ(Count(events(), "service reload: nfsd"), 1u);
+    EXPECT_EQ(CountOf(events(), "service reload: nfsd"), 1u);
 }
 
 TEST_F(RestartServicesTest, FailuresAreNamed) {
@@ -99,7 +87,7 @@ TEST_F(RestartServicesTest, FailuresAreNamed) {
     EXPECT_EQ(pm.getResult(), PKG_ERR_RESTART_SERVICE);
     EXPECT_EQ(Json::FastWriter().write(pm.getJsonParam("services")), "[\"samba\",\"crond\"]\n");
     EXPECT_EQ(readFile("/tmp/reloaded"), "nginx\nsamba\n") << "samba's kin wait for samba";
-    EXPECT_EQ(Count(events(), "firewall rules reloaded"), 0u);
+    EXPECT_EQ(CountOf(events(), "firewall rules reloaded"), 0u);
     EXPECT_NE(logText().find("Failed to restart related service"), std::string::npos);
 }
 

@@ -27,14 +27,6 @@ mode_t ModeOf(const std::string& path) {
     return ZARNStat(path, st) ? (st.st_mode & 07777) : 0;
 }
 
-size_t Count(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-        ++n;
-    }
-    return n;
-}
-
 }  // namespace
 
 class PathsTest : public TempRootTest {
@@ -439,7 +431,7 @@ TEST_F(PathsTest, FileHelpers) {
     // Every path is tried: two missing ones give two lines.
     EXPECT_FALSE(ZARNPackageCore::FsyncFiles(
         {"/var/packages/demo/nope1", "/var/packages/demo/INFO", "/var/packages/demo/nope2"}));
-    EXPECT_EQ(Count(logText(), "Failed to open file, path=[/var/packages/demo/nope"), 2u);
+    EXPECT_EQ(CountOf(logText(), "Failed to open file, path=[/var/packages/demo/nope"), 2u);
     // Folders are opened read-only, which a file allows too; a pipe neither blocks the open nor
     // passes, since it can't be synced.
     EXPECT_TRUE(ZARNPackageCore::FsyncDirectories({"/var/packages/demo/INFO"}));

@@ -137,3 +137,11 @@ std::string TempRootTest::logText() const {
     }
     return text;
 }
+
+size_t CountOf(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        ++n;
+    }
+    return n;
+}

@@ -5,6 +5,9 @@
 
 #include <string>
 
+// How often `what` occurs in `text` (overlapping occurrences count).
+size_t CountOf(const std::string& text, const std::string& what);
+
 // Runs each test under a fresh standalone root in a temporary folder, with the library's log
 // mirrored to a file there. The process state that the fixture changes (ZARNPKG_ROOT,
 // ZARNPKG_LOG_FILE, the umask, the system root) is put back afterwards.
