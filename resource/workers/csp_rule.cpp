@@ -33,7 +33,12 @@ int CspRule::Acquire(const ZARN::PkgUtils::ActionInfo& action, const Json::Value
         VLIBCErrSet(ZARN_ERR_MALFORMED);
         return 1;
     }
-    return rules.Save(content) ? 0 : 1;
+    if (!rules.Save(content)) {
+        ZLOGERR("Failed to save the rules of %s %s", action.GetPkgName().c_str(),
+                ZARNLastErrorSuffix().c_str());
+        return 1;
+    }
+    return 0;
 }
 
 int CspRule::Rollback(const ZARN::PkgUtils::ActionInfo& action, const Json::Value& request,

@@ -88,6 +88,7 @@ TEST_F(ServiceCspWorkersTest, CspRuleSavesDeletesAndIsRolledBack) {
     const std::string rules = ZARN::KOS::CspRule::PathOf(kPkg);
     writeFile("/volume1/@appstore/pkga/ui/csp.json", "{\"script-src\": [\"'self'\"]}");
     writeFile("/volume1/@appstore/pkga/ui/bad.json", "{\"script-src\": ");
+    writeFile("/volume1/@appstore/pkga/ui/num.json", "3");
     Json::Value resource(Json::objectValue);
     resource["csp-rule"]["conf"] = "ui/csp.json";
     request(resource);
@@ -113,6 +114,7 @@ TEST_F(ServiceCspWorkersTest, CspRuleSavesDeletesAndIsRolledBack) {
         {"", "no config real path defined"},
         {"ui/none.json", "config file /var/packages/pkga/target/ui/none.json not exist"},
         {"ui/bad.json", "config file /var/packages/pkga/target/ui/bad.json json format error"},
+        {"ui/num.json", "Failed to save the rules of pkga [0x0D00"},
     };
     for (const auto& c : bad) {
         resource = Json::Value(Json::objectValue);
