@@ -3,6 +3,7 @@
 // Codes of the last-error slot that the resource framework and its workers set, beside those of
 // platform/errors.h.
 enum ZARNResourceErrorCode : int {
+    ZARN_ERR_NO_CONFIG = 0x0600,       // a worker's configuration file is not named or not there
     ZARN_ERR_LOAD_LIBRARY = 0x0900,    // a plug-in library could not be opened
     ZARN_ERR_EXISTS = 0x0800,          // a destination exists and may not be overwritten
     ZARN_ERR_BUILTIN_TYPE = 0x2100,    // a plug-in claims the type of a built-in worker

@@ -55,6 +55,7 @@ TEST_F(DiscoveryTest, PluginDeclarationsAreTakenOrRefusedWithTheirCode) {
         {decl("new", "0x0013", 1, 1), TIMING_PREINST, 0xd900},
         {decl("new", "0x0013", 2, 0), TIMING_PREINST, 0xd900},
         {decl("usr-local-linker", "0x0088"), TIMING_STARTUP, 0x2100},
+        {decl("service-cfg", "0x0012"), TIMING_POSTINST, 0x2100},
         {decl("new", "0x0013", 1, 0, "/usr/lib/missing.so"), TIMING_PREINST, 0x900},
         {decl("new", "0x0013", 1, 0, "/usr/lib/not-a-library.so"), TIMING_PREINST, 0x900},
         {decl("new", "0x0013", 1, 0, "/usr/lib/no-entry.so"), TIMING_PREINST, 0x2000},
@@ -80,7 +81,7 @@ TEST_F(DiscoveryTest, PluginDeclarationsAreTakenOrRefusedWithTheirCode) {
 }
 
 TEST_F(DiscoveryTest, LastDeclarationOfATypeWinsAtTheFirstOnesPlace) {
-    EXPECT_EQ("usr-local-linker@KOS ", workers(TIMING_STARTUP));  // no global file
+    EXPECT_EQ("usr-local-linker@KOS csp-rule@KOS ", workers(TIMING_STARTUP));  // no global file
     declare("p1", {decl("x"), decl("y")});
     declare("broken", {});
     writeFile("/usr/local/share/zarnpkg/broken", "{\"workers\": {}}");
@@ -99,7 +100,7 @@ TEST_F(DiscoveryTest, LastDeclarationOfATypeWinsAtTheFirstOnesPlace) {
     // A list of providers that is not in an object fails the enumeration, built-ins stay.
     writeFile("/usr/local/share/zarnpkg/global", "[\"p1\"]");
     EXPECT_EQ("", workers(TIMING_PREINST, false));
-    EXPECT_EQ("usr-local-linker@KOS ", workers(TIMING_STARTUP, false));
+    EXPECT_EQ("usr-local-linker@KOS csp-rule@KOS ", workers(TIMING_STARTUP, false));
     EXPECT_EQ(nullptr, FindRunnableWorker("x"));
 }
 
@@ -132,6 +133,7 @@ TEST_F(DiscoveryTest, ReportSaysWhyADeclarationWasSkipped) {
     }
     EXPECT_EQ(
         "usr-local-linker@KOS:taken\n"
+        "csp-rule@KOS:taken\n"
         "x@p1:replaced by the declaration of p2\n"
         "usr-local-linker@p1:a built-in worker has this type\n"
         "y@p1:interface version 1.3 is not 1.0\n"

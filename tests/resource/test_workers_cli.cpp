@@ -21,8 +21,9 @@ TEST_F(WorkersCliTest, TellsOriginsAndWhyADeclarationWasSkipped) {
         "  x  plug-in of p1 (/usr/local/share/zarnpkg/p1, " + std::string(kPlugin) + ")\n";
     EXPECT_EQ(0u, run.out.find("preinst:\n" + x)) << run.out;
     EXPECT_NE(std::string::npos, run.out.find("nope.so)  skipped: library: "));
-    EXPECT_NE(std::string::npos, run.out.find("startup:\n  usr-local-linker  built-in\n"
-                                              "  usr-local-linker  plug-in of p1"));
+    EXPECT_NE(std::string::npos,
+              run.out.find("startup:\n  usr-local-linker  built-in\n  csp-rule  built-in\n"
+                           "  usr-local-linker  plug-in of p1"));
     EXPECT_NE(std::string::npos, run.out.find("skipped: a built-in worker has this type\n"));
     EXPECT_NE(std::string::npos, run.out.find("(/usr/local/share/zarnpkg/gone)  skipped: the "
                                               "provider file is missing\n"));
