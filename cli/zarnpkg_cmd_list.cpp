@@ -26,21 +26,21 @@ int CmdList(CliContext& ctx) {
     PackageManager scan;
     scan.enumPackageInfoByPath(PKG_REGISTRY_DIR, records, unreadable, ctx.language(), kListMask);
     // The records are large: sort their places, not them.
-    std::vector<size_t> byName(records.size());
-    for (size_t i = 0; i < byName.size(); ++i) {
-        byName[i] = i;
+    std::vector<const PackageInfo*> sorted;
+    sorted.reserve(records.size());
+    for (const PackageInfo& info : records) {
+        sorted.push_back(&info);
     }
-    std::sort(byName.begin(), byName.end(),
-              [&records](size_t a, size_t b) { return records[a].name < records[b].name; });
+    std::sort(sorted.begin(), sorted.end(),
+              [](const PackageInfo* a, const PackageInfo* b) { return a->name < b->name; });
     Json::Value packages(Json::arrayValue);
     std::string text;
-    const PackageManager::BreakerSnapshot breakers =
-        PackageManager::makeBreakerSnapshot(records, unreadable);
-    for (const size_t index : byName) {
-        const PackageInfo& info = records[index];
-        PackageManager query;
-        query.useBreakerSnapshot(breakers);
-        int status = query.getPkgStatus(info);
+    PackageManager query;
+    query.useBreakerSnapshot(PackageManager::makeBreakerSnapshot(records, unreadable));
+    const std::vector<int> statuses = query.getPkgStatuses(sorted);
+    for (size_t i = 0; i < sorted.size(); ++i) {
+        const PackageInfo& info = *sorted[i];
+        const int status = statuses[i];
         int rough = 0;
         bool known = PackageManager::roughStatusOf(status, info.name, rough);
         Json::Value entry(Json::objectValue);

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "core/packageinfo.h"
+#include "platform/process.h"
 
 namespace ZARNPackageTool {
 
@@ -13,5 +15,12 @@ namespace ZARNPackageTool {
 // the cause.
 int PMSRunControlScript(const std::string& name, const std::string& script, const PackageInfo& info,
                         const char* action, std::string& output, bool& identityFailed);
+
+// The same run prepared and not started, for a caller that runs many at once: null when the
+// identity could not be set (logged).
+std::unique_ptr<ZARNUtils::ProcessRunner> PMSControlScriptRunner(const std::string& name,
+                                                                 const std::string& script,
+                                                                 const PackageInfo& info,
+                                                                 const char* action);
 
 }  // namespace ZARNPackageTool

@@ -129,15 +129,8 @@ PackageManager::BreakerSnapshot PackageManager::makeBreakerSnapshot() {
     // Read the way a single query reads the breakers, not taken from a caller's records: a
     // record loaded with a wider mask is missing when its INFO lacks a key that the wider load
     // insists on (a maintainer, say), yet its break list still counts.
-    std::map<std::string, PackageInfo> installed;
-    PackageManager scan;
-    scan.enumPackageInfoMap(installed, nullptr, PKG_MASK_BREAKERS);
     auto breakers = std::make_shared<std::map<std::string, PackageInfo>>();
-    for (auto& [name, info] : installed) {
-        if (!info.extra.get()->install_break_packages.empty()) {
-            breakers->emplace(name, std::move(info));
-        }
-    }
+    scanBreakers(*breakers, nullptr);
     return breakers;
 }
 
@@ -162,6 +155,10 @@ PackageManager::BreakerSnapshot PackageManager::makeBreakerSnapshot(
 
 void PackageManager::useBreakerSnapshot(BreakerSnapshot snapshot) {
     d_->breakers = std::move(snapshot);
+}
+
+const PackageManager::BreakerSnapshot& PackageManager::breakerSnapshot() const {
+    return d_->breakers;
 }
 
 bool PackageManager::isBrokenByInstalled(const PackageBasicInfo& pkg) {

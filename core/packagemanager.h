@@ -151,11 +151,18 @@ public:
     // The same for an installed package whose record a registry scan has just loaded (with the
     // listing's mask or a wider one), which is then not read again.
     int getPkgStatus(const PackageInfo& info);
+    // getPkgStatus(record) of each of many records, in their order, with their status scripts
+    // run in parallel (bounded by the cores) on queries that share this one's breaker snapshot.
+    std::vector<int> getPkgStatuses(const std::vector<const PackageInfo*>& records);
     bool getPkgRoughStatus(const std::string& name, int& rough);
     // The rough status of a status that getPkgStatus gave, without asking again.
     static bool roughStatusOf(int status, const std::string& name, int& rough);
     bool isStarted(const std::string& name, bool strict);
     bool isStarted(const std::string& name);
+    // isStarted(name, strict) of each of many packages, as getPkgStatuses runs them; `results`
+    // gets the result that each query left.
+    std::vector<char> areStarted(const std::vector<std::string>& names, bool strict,
+                                 std::vector<PKG_ERRCODE>& results);
     unsigned int checkServiceStarted(unsigned int mask);
     std::set<std::string> checkServiceStarted(const std::set<std::string>& services);
 
@@ -205,14 +212,32 @@ public:
     static void parseService(unsigned int mask, Json::Value& out);
 
 private:
+    const BreakerSnapshot& breakerSnapshot() const;
+    // The installed packages with a break list, as a registry scan with PKG_MASK_BREAKERS
+    // loads them; the INFO of the others is not parsed.
+    static void scanBreakers(std::map<std::string, PackageInfo>& out, const char* lang);
     // Whether `pkg` is broken by an installed package, through the snapshot when one is set.
     bool isBrokenByInstalled(const PackageBasicInfo& pkg);
     // The status path on the record `loaded`, or on the INFO read afresh when it is null.
-    std::string serviceScript(const std::string& name, const PackageInfo* loaded,
-                              PackageInfo& info);
+    // serviceScript reads the INFO into `read` unless that is null (a record is loaded).
+    std::string serviceScript(const std::string& name, PackageInfo* read);
     bool serviceStatus(const std::string& name, const PackageInfo* loaded, bool& running,
                        bool useScript, bool strict);
     int pkgStatus(const std::string& name, const PackageInfo* loaded);
+    // A status query in two halves around its script, so that a batch runs the scripts of
+    // many queries at once (core/status.cpp).
+    struct StatusRun;
+    void statusBegin(StatusRun& run);
+    void statusEnd(StatusRun& run, int scriptExit);
+    bool statusTail(const StatusRun& run, bool jobStateRead, int jobState);
+    static void runStatusQueries(std::vector<StatusRun>& runs);
+    // `count` queries sharing this one's breaker snapshot: `source(i, run)` names the i-th,
+    // `answer(i, run)` takes its outcome.
+    template <typename Source, typename Answer>
+    void statusQueries(size_t count, bool strict, const Source& source, const Answer& answer);
+    // getPkgStatus's value and isStarted's answer from a query's outcome and its result.
+    int statusCode(bool answered, bool running) const;
+    bool startedBy(bool answered, bool running) const;
 
     std::string logFilePath_;
     std::unique_ptr<PackageManagerPrivate> d_;

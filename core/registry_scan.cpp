@@ -136,6 +136,29 @@ void PackageManager::enumPackageInfoMap(std::map<std::string, PackageInfo>& out,
     }
 }
 
+void PackageManager::scanBreakers(std::map<std::string, PackageInfo>& out, const char* lang) {
+    // Only an INFO that names the key can break anything, and few do: the others are read as
+    // text and never parsed.
+    std::vector<std::string> folders;
+    std::string text;
+    for (std::string& folder : RegistryFolders(PKG_REGISTRY_DIR)) {
+        if (ZARNFileRead(PMSRegistryDir(folder) + "/INFO", text) &&
+            text.find("install_break_packages") != std::string::npos) {
+            folders.push_back(std::move(folder));
+        }
+    }
+    std::vector<PackageInfo> records(folders.size());
+    const std::vector<FolderLoad> states =
+        LoadFolders(PKG_REGISTRY_DIR, folders, ScanLanguage(lang), PKG_MASK_BREAKERS, records, 0);
+    for (size_t i = 0; i < folders.size(); ++i) {
+        if (states[i] == FolderLoad::Loaded &&
+            !records[i].extra.get()->install_break_packages.empty()) {
+            std::string name = records[i].name;
+            out.emplace(std::move(name), std::move(records[i]));
+        }
+    }
+}
+
 bool PackageManager::enumPackageInfoByPath(const char* path, std::vector<PackageInfo>& out,
                                            std::vector<std::string>& bad, const char* lang,
                                            unsigned long long mask) {

@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <memory>
+
 #include "core/control_script.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
@@ -6,6 +9,7 @@
 #include "platform/files.h"
 #include "platform/jobs.h"
 #include "platform/log.h"
+#include "platform/parallel_runner.h"
 #include "platform/services.h"
 #include "platform/volumes.h"
 
@@ -34,18 +38,17 @@ bool VolumeWorks(const std::string& volume) {
 }  // namespace
 
 std::string PackageManager::getServiceScript(const std::string& name, PackageInfo& info) {
-    return serviceScript(name, nullptr, info);
+    return serviceScript(name, &info);
 }
 
-std::string PackageManager::serviceScript(const std::string& name, const PackageInfo* loaded,
-                                          PackageInfo& info) {
+std::string PackageManager::serviceScript(const std::string& name, PackageInfo* read) {
     const std::string dir = PMSRegistryDir(name);
     const std::string script = dir + "/scripts/" + kControlScript;
     if (!PMSCheckPackage(name)) {
         setResult(PKG_ERR_NOT_INSTALLED);
         return "";
     }
-    if (loaded == nullptr && !PMSLoadPKGInfoFile(dir, info, nullptr, PKG_MASK_ALL)) {
+    if (read != nullptr && !PMSLoadPKGInfoFile(dir, *read, nullptr, PKG_MASK_ALL)) {
         setResult(PKG_ERR_BROKEN);
         return "";
     }
@@ -75,20 +78,50 @@ bool PackageManager::getServiceStatus(const std::string& name, bool& running, bo
     return serviceStatus(name, nullptr, running, useScript, strict);
 }
 
+// One status query, split around its script so that many queries can run their scripts at once.
+struct PackageManager::StatusRun {
+    PackageManager* query = nullptr;  // the query whose result the steps set
+    std::string name;
+    const PackageInfo* loaded = nullptr;  // the record a scan has loaded, or null: read afresh
+    bool useScript = true;
+    bool strict = false;
+    std::unique_ptr<PackageInfo> read;
+    std::unique_ptr<ZARNUtils::ProcessRunner> script;  // the status script still to run
+    bool running = false;
+    bool answered = false;  // the query is over and `answer` is what it returns
+    bool answer = false;
+};
+
 bool PackageManager::serviceStatus(const std::string& name, const PackageInfo* loaded,
                                    bool& running, bool useScript, bool strict) {
+    StatusRun run;
+    run.query = this;
+    run.name = name;
+    run.loaded = loaded;
+    run.useScript = useScript;
+    run.strict = strict;
+    statusBegin(run);
+    if (!run.answered) {
+        statusEnd(run, run.script ? run.script->run() : 0);
+    }
+    running = run.running;
+    return run.answer;
+}
+
+// The steps up to the script, which is prepared and left to run; an early end answers the run.
+void PackageManager::statusBegin(StatusRun& run) {
     setResult(PKG_ERR_SYSTEM);
-    running = false;
+    run.running = false;
+    const std::string& name = run.name;
     const std::string dir = PMSRegistryDir(name);
-    const std::string job = JobName(name);
-    int jobState = 0;
-    bool jobStateRead = false;
-    PackageInfo read;
-    const PackageInfo& info = loaded != nullptr ? *loaded : read;
+    if (run.loaded == nullptr) {
+        run.read = std::make_unique<PackageInfo>();
+    }
+    const PackageInfo& info = run.loaded != nullptr ? *run.loaded : *run.read;
     int process = 0;
     int phase = 0;
 
-    const std::string script = serviceScript(name, loaded, read);
+    const std::string script = serviceScript(name, run.read.get());
     if (script.empty()) {
         goto tail;
     }
@@ -111,67 +144,129 @@ bool PackageManager::serviceStatus(const std::string& name, const PackageInfo* l
         setResult(PKG_ERR_STOPPED_BY_DEP_LIMIT);
         goto tail;
     }
-    if (VLIBServicectlStatus(job, process, phase) == 0 && process == 0 &&
+    if (VLIBServicectlStatus(JobName(name), process, phase) == 0 && process == 0 &&
         phase == ZARN_JOB_PHASE_FAILED) {
         setResult(PKG_ERR_JOB_ERROR);
         goto tail;
     }
-    if (!useScript) {
-        running = true;
-    } else {
-        bool identityFailed = false;
-        std::string output;
-        const int ret = PMSRunControlScript(name, script, info, "status", output, identityFailed);
-        if (identityFailed) {
+    if (run.useScript) {
+        run.script = PMSControlScriptRunner(name, script, info, "status");
+        if (!run.script) {
             ZLOGERR("Failed to set identity for %s %s", name.c_str(),
                     ZARNLastErrorSuffix().c_str());
             setResult(PKG_ERR_BAD_PACKAGE);
             goto tail;
         }
+    }
+    return;
+
+tail:
+    run.answered = true;
+    run.answer = statusTail(run, false, 0);
+}
+
+// The steps from the script's exit status `ret` (ignored without a script) on.
+void PackageManager::statusEnd(StatusRun& run, int ret) {
+    const std::string& name = run.name;
+    const std::string dir = PMSRegistryDir(name);
+    const std::string job = JobName(name);
+    const PackageInfo& info = run.loaded != nullptr ? *run.loaded : *run.read;
+    int jobState = 0;
+    run.answered = true;
+    run.answer = false;
+    if (!run.script) {
+        run.running = true;
+    } else {
         if (ret < 0) {
             ZLOGERR("Failed to query package status, %s", name.c_str());
             setResult(PKG_ERR_SYSTEM);
-            goto tail;
+            run.answer = statusTail(run, false, 0);
+            return;
         }
         if (ret == kScriptBroken) {
             ZLOGERR("Package is broken, %s, [%d]", name.c_str(), ret);
         }
         setResult(static_cast<PKG_ERRCODE>(ret));
-        running = ret == 0;
+        run.running = ret == 0;
     }
     if (info.startable) {
         if (!info.kosuidir.empty() &&
             !ZARNPathExists(std::string(kDesktopEntryDir) + "/" + info.kosuidir)) {
-            running = false;
+            run.running = false;
         }
         if (!PMSCheckEnabledFile(dir.c_str())) {
-            running = false;
+            run.running = false;
         }
     }
     if (VLIBServiceStatusGet(job, jobState) < 0) {
         ZLOGERR("Failed to get status of %s %s", job.c_str(), ZARNLastErrorSuffix().c_str());
-        goto tail;
+        run.answer = statusTail(run, false, 0);
+        return;
     }
-    jobStateRead = true;
-    if (strict && jobState == 1 && !running) {
+    if (run.strict && jobState == 1 && !run.running) {
         ZLOGERR("Package %s stops but service %s start", name.c_str(), job.c_str());
         setResult(PKG_ERR_STOPPED_BUT_RUNNING);
-        goto tail;
+        run.answer = statusTail(run, true, jobState);
+        return;
     }
-    running = running && jobState == 1;
-    return true;
+    run.running = run.running && jobState == 1;
+    run.answer = true;
+}
 
-tail:
-    if (strict && getResult() != PKG_ERR_NOT_INSTALLED &&
+// Where a query that did not come through ends: a strict query of a package whose job runs
+// tells so. Always false.
+bool PackageManager::statusTail(const StatusRun& run, bool jobStateRead, int jobState) {
+    if (run.strict && getResult() != PKG_ERR_NOT_INSTALLED &&
         getResult() != PKG_ERR_STOPPED_BUT_RUNNING) {
         if (!jobStateRead) {
-            jobStateRead = VLIBServiceStatusGet(job, jobState) >= 0;
+            jobStateRead = VLIBServiceStatusGet(JobName(run.name), jobState) >= 0;
         }
         if (jobStateRead && jobState == 1) {
             setResult(PKG_ERR_STOPPED_BUT_RUNNING);
         }
     }
     return false;
+}
+
+void PackageManager::runStatusQueries(std::vector<StatusRun>& runs) {
+    std::vector<ZARNUtils::ProcessRunner*> scripts;
+    for (StatusRun& run : runs) {
+        run.query->statusBegin(run);
+        if (!run.answered && run.script) {
+            scripts.push_back(run.script.get());
+        }
+    }
+    const std::vector<int> exits = ZARNUtils::RunAllProcesses(scripts);
+    size_t next = 0;
+    for (StatusRun& run : runs) {
+        if (!run.answered) {
+            run.query->statusEnd(run, run.script ? exits[next++] : 0);
+        }
+    }
+}
+
+template <typename Source, typename Answer>
+void PackageManager::statusQueries(size_t count, bool strict, const Source& source,
+                                   const Answer& answer) {
+    // In slices, so that a registry of thousands holds a few hundred prepared queries at a time.
+    constexpr size_t kSlice = 256;
+    for (size_t first = 0; first < count; first += kSlice) {
+        const size_t last = std::min(count, first + kSlice);
+        std::vector<std::unique_ptr<PackageManager>> queries;
+        std::vector<StatusRun> runs(last - first);
+        for (size_t i = first; i < last; ++i) {
+            queries.push_back(std::make_unique<PackageManager>());
+            queries.back()->useBreakerSnapshot(breakerSnapshot());
+            StatusRun& run = runs[i - first];
+            run.query = queries.back().get();
+            run.strict = strict;
+            source(i, run);
+        }
+        runStatusQueries(runs);
+        for (size_t i = first; i < last; ++i) {
+            answer(i, runs[i - first]);
+        }
+    }
 }
 
 bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool useScript) {
@@ -186,9 +281,41 @@ int PackageManager::getPkgStatus(const PackageInfo& info) {
     return pkgStatus(info.name, &info);
 }
 
+std::vector<int> PackageManager::getPkgStatuses(const std::vector<const PackageInfo*>& records) {
+    std::vector<int> statuses(records.size(), 0);
+    statusQueries(
+        records.size(), false,
+        [&records](size_t i, StatusRun& run) {
+            run.name = records[i]->name;
+            run.loaded = records[i];
+        },
+        [&statuses](size_t i, const StatusRun& run) {
+            statuses[i] = run.query->statusCode(run.answer, run.running);
+        });
+    return statuses;
+}
+
+std::vector<char> PackageManager::areStarted(const std::vector<std::string>& names, bool strict,
+                                             std::vector<PKG_ERRCODE>& results) {
+    std::vector<char> started(names.size(), 0);
+    results.assign(names.size(), PKG_ERR_SUCCESS);
+    statusQueries(
+        names.size(), strict, [&names](size_t i, StatusRun& run) { run.name = names[i]; },
+        [&](size_t i, const StatusRun& run) {
+            results[i] = run.query->getResult();
+            started[i] = run.query->startedBy(run.answer, run.running);
+        });
+    return started;
+}
+
 int PackageManager::pkgStatus(const std::string& name, const PackageInfo* loaded) {
     bool running = false;
-    if (serviceStatus(name, loaded, running, true, false)) {
+    const bool answered = serviceStatus(name, loaded, running, true, false);
+    return statusCode(answered, running);
+}
+
+int PackageManager::statusCode(bool answered, bool running) const {
+    if (answered) {
         if (running) {
             return 0;
         }
@@ -254,7 +381,12 @@ bool PackageManager::roughStatusOf(int status, const std::string& name, int& rou
 
 bool PackageManager::isStarted(const std::string& name, bool strict) {
     bool running = false;
-    if (getServiceStatus(name, running, true, strict) && running) {
+    const bool answered = getServiceStatus(name, running, true, strict);
+    return startedBy(answered, running);
+}
+
+bool PackageManager::startedBy(bool answered, bool running) const {
+    if (answered && running) {
         return true;
     }
     const PKG_ERRCODE code = getResult();

@@ -227,7 +227,7 @@ bool PackageManager::arePackagesConflict(PackageBasicInfo pkg, const DepPkgVecto
 bool PackageManager::IsBrokenByOtherPkg(PackageBasicInfo pkg, std::vector<std::string>* names,
                                         const char* language) {
     InstalledMap installed;
-    enumPackageInfoMap(installed, language, PKG_MASK_BREAKERS);
+    scanBreakers(installed, language);
     return IsBrokenByOtherPkg(std::move(pkg), names, installed);
 }
 

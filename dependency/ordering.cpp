@@ -33,17 +33,6 @@ size_t Lookup(const std::unordered_map<std::string, size_t>& index, const std::s
     return it == index.end() ? kNone : it->second;
 }
 
-// Whether a package counts as running for the order of its dependants: started, or caught
-// between states by its job.
-bool IsActiveByStatus(const std::string& name, const PackageManager::BreakerSnapshot& breakers) {
-    PackageManager query;
-    query.useBreakerSnapshot(breakers);
-    if (query.isStarted(name, true)) {
-        return true;
-    }
-    return query.getResult() == PKG_ERR_JOB_ERROR;
-}
-
 // Vertex lists of the strongly connected components of `succ` that hold a cycle (more than one
 // vertex, or a vertex with an edge to itself). Tarjan's algorithm with an explicit stack, since
 // a registry of tens of thousands of packages would overflow the call stack.
@@ -264,37 +253,61 @@ bool PackageManager::getDependencyOrder(const char* name, std::vector<std::strin
     }
 
     // Only packages that the walk can reach matter, so the running state, which costs a status
-    // query, is asked of those alone; the walk over the others would find nothing anyway.
-    PackageManager::BreakerSnapshot breakers;  // read on the first status query
+    // query, is asked of those alone; the walk over the others would find nothing anyway. The
+    // walk goes in waves, so that the status scripts of one wave run at once: what it reaches
+    // does not depend on the order in which it asks.
     enum Activity : char { kUnknown, kActive, kInactive };
     std::vector<char> activity(records.size(), kUnknown);
-    auto isActive = [&](size_t i) {
-        if (activity[i] == kUnknown) {
-            bool active = i == start || all;
-            if (!active && byEnabledFlag) {
-                active = PMSCheckEnabledFile(PMSRegistryDir(records[i].name).c_str());
-            } else if (!active) {
-                if (!breakers) {
-                    breakers = makeBreakerSnapshot();
-                }
-                active = IsActiveByStatus(records[i].name, breakers);
-            }
-            activity[i] = active ? kActive : kInactive;
-        }
-        return activity[i] == kActive;
-    };
     std::vector<char> reached(records.size(), 0);
-    std::vector<size_t> stack{start};
+    std::vector<size_t> wave{start};
     reached[start] = 1;
-    while (!stack.empty()) {
-        const size_t i = stack.back();
-        stack.pop_back();
-        for (size_t j : dependants[i]) {
-            if (!reached[j] && isActive(j)) {
-                reached[j] = 1;
-                stack.push_back(j);
+    PackageManager query;
+    bool breakersRead = false;  // on the first status query
+    while (!wave.empty()) {
+        std::vector<size_t> ask;
+        std::vector<std::string> names;
+        for (size_t i : wave) {
+            for (size_t j : dependants[i]) {
+                if (activity[j] != kUnknown) {
+                    continue;
+                }
+                if (j == start || all) {
+                    activity[j] = kActive;
+                } else if (byEnabledFlag) {
+                    activity[j] = PMSCheckEnabledFile(PMSRegistryDir(records[j].name).c_str())
+                                      ? kActive
+                                      : kInactive;
+                } else {
+                    activity[j] = kInactive;  // until its query says otherwise
+                    ask.push_back(j);
+                    names.push_back(records[j].name);
+                }
             }
         }
+        if (!names.empty()) {
+            if (!breakersRead) {
+                query.useBreakerSnapshot(makeBreakerSnapshot());
+                breakersRead = true;
+            }
+            // A package caught between states by its job counts as running too.
+            std::vector<PKG_ERRCODE> results;
+            const std::vector<char> started = query.areStarted(names, true, results);
+            for (size_t k = 0; k < ask.size(); ++k) {
+                if (started[k] || results[k] == PKG_ERR_JOB_ERROR) {
+                    activity[ask[k]] = kActive;
+                }
+            }
+        }
+        std::vector<size_t> next;
+        for (size_t i : wave) {
+            for (size_t j : dependants[i]) {
+                if (!reached[j] && activity[j] == kActive) {
+                    reached[j] = 1;
+                    next.push_back(j);
+                }
+            }
+        }
+        wave.swap(next);
     }
 
     // The graph of the reached packages, numbered in registry order as a graph of all active

@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -105,7 +108,9 @@ void SetNonBlocking(int fd) {
     }
 }
 
-// Everything below runs in the child between fork and exec: async-signal-safe calls only.
+// Everything below up to StartChild runs in the child between its start and exec. The child
+// shares the parent's memory (the parent waits meanwhile), so it takes no lock, allocates nothing
+// and changes nothing but its own stack: raw system calls only.
 [[noreturn]] void ChildFail(int reportFd, int stage) {
     ChildReport report{stage, errno};
     ssize_t ignored = write(reportFd, &report, sizeof(report));
@@ -141,6 +146,118 @@ void CloseOtherDescriptors(const int* keep, int keepCount, long openMax) {
         from = static_cast<unsigned int>(keep[i]) + 1;
     }
     CloseRangeLoop(from, ~0U, openMax);
+}
+
+// What the child needs, all of it built before the child starts.
+struct ChildPlan {
+    const char* program = nullptr;
+    char** argv = nullptr;
+    char** envp = nullptr;
+    const char* workDir = nullptr;
+    int in = -1;
+    int out = -1;
+    int err = -1;
+    int passedFd = -1;
+    int reportFd = -1;
+    int keep[2] = {-1, -1};
+    int keepCount = 0;
+    long openMax = 0;
+    bool switchIdentity = false;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    const gid_t* groups = nullptr;
+    size_t groupCount = 0;
+    pid_t parent = 0;
+};
+
+// A handler of the parent must never run in the child, whose memory is the parent's: every
+// caught signal goes back to its default before the mask opens.
+void ResetCaughtSignals() {
+    struct sigaction dfl;
+    memset(&dfl, 0, sizeof(dfl));
+    dfl.sa_handler = SIG_DFL;
+    for (int signo = 1; signo < NSIG; ++signo) {
+        struct sigaction old;
+        if (signo == SIGKILL || signo == SIGSTOP || sigaction(signo, nullptr, &old) != 0) {
+            continue;
+        }
+        const bool reset = signo == SIGPIPE || signo == SIGCHLD || signo == SIGINT ||
+                           signo == SIGTERM ||
+                           (old.sa_handler != SIG_DFL && old.sa_handler != SIG_IGN);
+        if (reset) {
+            sigaction(signo, &dfl, nullptr);
+        }
+    }
+}
+
+int ChildMain(void* arg) {
+    const ChildPlan& plan = *static_cast<const ChildPlan*>(arg);
+    ResetCaughtSignals();
+    // Move the sources above 2 first so that no dup2 overwrites another source.
+    int in = fcntl(plan.in, F_DUPFD_CLOEXEC, 3);
+    int cout = plan.out >= 0 ? fcntl(plan.out, F_DUPFD_CLOEXEC, 3) : -1;
+    int cerr = plan.err >= 0 ? fcntl(plan.err, F_DUPFD_CLOEXEC, 3) : -1;
+    if (in < 0 || (plan.out >= 0 && cout < 0) || (plan.err >= 0 && cerr < 0) || dup2(in, 0) < 0 ||
+        (cout >= 0 && dup2(cout, 1) < 0) || (cerr >= 0 && dup2(cerr, 2) < 0)) {
+        ChildFail(plan.reportFd, StageRedirect);
+    }
+    if (plan.passedFd > 2 && fcntl(plan.passedFd, F_SETFD, 0) < 0) {
+        ChildFail(plan.reportFd, StageRedirect);
+    }
+    if (plan.workDir != nullptr && chdir(plan.workDir) != 0) {
+        ChildFail(plan.reportFd, StageChdir);
+    }
+    // The C library's wrappers of these would signal every thread of the parent, whose
+    // bookkeeping this child shares: the kernel calls alone switch this process.
+    if (plan.switchIdentity) {
+        if (syscall(SYS_setgroups, plan.groupCount, plan.groups) != 0) {
+            ChildFail(plan.reportFd, StageGroups);
+        }
+        if (syscall(SYS_setresgid, plan.gid, plan.gid, plan.gid) != 0) {
+            ChildFail(plan.reportFd, StageGid);
+        }
+        if (syscall(SYS_setresuid, plan.uid, plan.uid, plan.uid) != 0) {
+            ChildFail(plan.reportFd, StageUid);
+        }
+    }
+    // After the identity switch, which clears it; a parent already gone has left the child to
+    // init, so it must not go on.
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+        ChildFail(plan.reportFd, StageParentDeath);
+    }
+    if (getppid() != plan.parent) {
+        _exit(127);
+    }
+    CloseOtherDescriptors(plan.keep, plan.keepCount, plan.openMax);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    execve(plan.program, plan.argv, plan.envp);
+    ChildFail(plan.reportFd, StageExec);
+}
+
+// Starts the child without copying the parent's page tables, which a large parent would pay for
+// on every script: the child runs on a stack of its own in the parent's memory, and the parent
+// goes on once the child has called exec or exited. Signals stay blocked meanwhile, so that no
+// handler of ours runs in the child. The child's id, or -1 with errno.
+pid_t StartChild(ChildPlan& plan) {
+    constexpr size_t kStackSize = 256 * 1024;
+    void* stack = mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    if (stack == MAP_FAILED) {
+        return -1;
+    }
+    sigset_t all, saved;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &saved);
+    // The stack grows down on every machine this runs on.
+    const pid_t child = clone(ChildMain, static_cast<char*>(stack) + kStackSize,
+                              CLONE_VM | CLONE_VFORK | SIGCHLD, &plan);
+    const int cloneErrno = errno;
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    munmap(stack, kStackSize);
+    errno = cloneErrno;
+    return child;
 }
 
 ssize_t ReadSome(int fd, std::string& out) {
@@ -188,6 +305,27 @@ struct ProcessRunner::Impl {
     bool stoppable = true;
 
     bool stopRequested() const { return stoppable && ZARNStopSignal() != 0; }
+
+    // A run with a time limit ends the child once its deadline has passed.
+    std::chrono::milliseconds timeLimit{0};
+    std::chrono::steady_clock::time_point deadline;
+    bool overran = false;
+    bool pastLimit() {
+        if (timeLimit.count() > 0 && !overran && std::chrono::steady_clock::now() >= deadline) {
+            overran = true;
+        }
+        return overran;
+    }
+    // How long one wait may block: bounded, so that a stop request or the deadline is seen.
+    int waitSlice(int bound) const {
+        if (timeLimit.count() <= 0) {
+            return bound;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - std::chrono::steady_clock::now())
+                              .count();
+        return static_cast<int>(std::max<long long>(1, std::min<long long>(bound, left)));
+    }
 
     std::vector<std::string> buildEnv() const;
     bool spawn(Fd& inWrite, Fd& outRead, Fd& errRead, bool toPipe);
@@ -248,7 +386,7 @@ int ProcessRunner::Impl::exchange(pid_t pid, Fd& inWrite, Fd& outRead, Fd& errRe
 #endif
     size_t written = 0;
     bool exited = false;
-    while (!exited && !stopRequested() &&
+    while (!exited && !stopRequested() && !pastLimit() &&
            (inWrite.get() >= 0 || outRead.get() >= 0 || errRead.get() >= 0)) {
         struct pollfd pfds[4];
         int count = 0;
@@ -269,8 +407,7 @@ int ProcessRunner::Impl::exchange(pid_t pid, Fd& inWrite, Fd& outRead, Fd& errRe
             pfds[count] = {exitFd.get(), POLLIN, 0};
             exitIdx = count++;
         }
-        // Bounded, so that a stop request that came just before the poll is seen.
-        int rc = poll(pfds, static_cast<nfds_t>(count), exitFd.get() >= 0 ? 200 : 50);
+        int rc = poll(pfds, static_cast<nfds_t>(count), waitSlice(exitFd.get() >= 0 ? 200 : 50));
         if (rc < 0) {
             if (errno == EINTR) {
                 continue;
@@ -403,6 +540,11 @@ ProcessRunner& ProcessRunner::setInput(const std::string& input) {
     return *this;
 }
 
+ProcessRunner& ProcessRunner::setTimeLimit(std::chrono::milliseconds limit) {
+    impl_->timeLimit = limit;
+    return *this;
+}
+
 ProcessRunner& ProcessRunner::setArgv0(const std::string& name) {
     impl_->argv0 = name;
     return *this;
@@ -512,7 +654,6 @@ bool ProcessRunner::Impl::spawn(Fd& inWrite, Fd& outRead, Fd& errRead, bool toPi
         envPtrs.push_back(&entry[0]);
     }
     envPtrs.push_back(nullptr);
-    const char* workDirC = workDir.empty() ? nullptr : workDir.c_str();
     const long openMax = sysconf(_SC_OPEN_MAX) > 0 ? sysconf(_SC_OPEN_MAX) : 65536;
 
     Fd reportRead, reportWrite, inRead, outWrite, errWrite;
@@ -532,91 +673,48 @@ bool ProcessRunner::Impl::spawn(Fd& inWrite, Fd& outRead, Fd& errRead, bool toPi
         VLIBCErrSet(ZARN_ERR_IO);
         return false;
     }
-    const int childIn = hasInput ? inRead.get() : devNull.get();
-    int childOut = -1;
-    int childErr = -1;
+    ChildPlan plan;
+    plan.program = program;
+    plan.argv = argvPtrs.data();
+    plan.envp = envPtrs.data();
+    plan.workDir = workDir.empty() ? nullptr : workDir.c_str();
+    plan.in = hasInput ? inRead.get() : devNull.get();
     if (toPipe) {
-        childOut = outWrite.get();
-        childErr = devNull.get();
+        plan.out = outWrite.get();
+        plan.err = devNull.get();
     } else if (output == Output::Capture) {
-        childOut = outWrite.get();
-        childErr = errWrite.get();
+        plan.out = outWrite.get();
+        plan.err = errWrite.get();
     } else if (output == Output::Fd) {
-        childOut = childErr = outputFd;
+        plan.out = plan.err = outputFd;
     }
-    const int reportFd = reportWrite.get();
+    plan.passedFd = passedFd;
+    plan.reportFd = reportWrite.get();
     // The report pipe must live until exec closes it; the passed descriptor stays for good.
-    int keep[2] = {reportFd, passedFd};
-    const int keepCount = passedFd >= 0 ? 2 : 1;
-    if (keepCount == 2 && keep[1] < keep[0]) {
-        std::swap(keep[0], keep[1]);
+    plan.keep[0] = plan.reportFd;
+    plan.keep[1] = passedFd;
+    plan.keepCount = passedFd >= 0 ? 2 : 1;
+    if (plan.keepCount == 2 && plan.keep[1] < plan.keep[0]) {
+        std::swap(plan.keep[0], plan.keep[1]);
     }
-    const bool switchIdentity = hasIdentity;
-    const pid_t parent = getpid();
+    plan.openMax = openMax;
+    plan.switchIdentity = hasIdentity;
+    plan.uid = uid;
+    plan.gid = gid;
+    plan.groups = groups.empty() ? nullptr : groups.data();
+    plan.groupCount = groups.size();
+    plan.parent = getpid();
 
-    // Signals stay blocked across fork so that no handler of ours runs in the child.
-    sigset_t all, saved;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &saved);
-    pid_t child = fork();
-    if (child == 0) {
-        struct sigaction dfl;
-        memset(&dfl, 0, sizeof(dfl));
-        dfl.sa_handler = SIG_DFL;
-        for (int signo : {SIGPIPE, SIGCHLD, SIGINT, SIGTERM}) {
-            sigaction(signo, &dfl, nullptr);
-        }
-        // Move the sources above 2 first so that no dup2 overwrites another source.
-        int in = fcntl(childIn, F_DUPFD_CLOEXEC, 3);
-        int cout = childOut >= 0 ? fcntl(childOut, F_DUPFD_CLOEXEC, 3) : -1;
-        int cerr = childErr >= 0 ? fcntl(childErr, F_DUPFD_CLOEXEC, 3) : -1;
-        if (in < 0 || (childOut >= 0 && cout < 0) || (childErr >= 0 && cerr < 0) ||
-            dup2(in, 0) < 0 || (cout >= 0 && dup2(cout, 1) < 0) ||
-            (cerr >= 0 && dup2(cerr, 2) < 0)) {
-            ChildFail(reportFd, StageRedirect);
-        }
-        if (passedFd > 2 && fcntl(passedFd, F_SETFD, 0) < 0) {
-            ChildFail(reportFd, StageRedirect);
-        }
-        if (workDirC != nullptr && chdir(workDirC) != 0) {
-            ChildFail(reportFd, StageChdir);
-        }
-        if (switchIdentity) {
-            if (setgroups(groups.size(), groups.empty() ? nullptr : groups.data()) != 0) {
-                ChildFail(reportFd, StageGroups);
-            }
-            if (setresgid(gid, gid, gid) != 0) {
-                ChildFail(reportFd, StageGid);
-            }
-            if (setresuid(uid, uid, uid) != 0) {
-                ChildFail(reportFd, StageUid);
-            }
-        }
-        // After the identity switch, which clears it; a parent already gone has left the child
-        // to init, so it must not go on.
-        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
-            ChildFail(reportFd, StageParentDeath);
-        }
-        if (getppid() != parent) {
-            _exit(127);
-        }
-        CloseOtherDescriptors(keep, keepCount, openMax);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        execve(program, argvPtrs.data(), envPtrs.data());
-        ChildFail(reportFd, StageExec);
-    }
-    int forkErrno = errno;
-    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    const pid_t child = StartChild(plan);
     if (child < 0) {
-        errno = forkErrno;
-        ZLOGERR("Failed to fork to run %s: %m", program);
+        ZLOGERR("Failed to start a process to run %s: %m", program);
         VLIBCErrSet(ZARN_ERR_EXEC);
         return false;
     }
     pid = child;
     stoppable = ZARNStopSignal() == 0;
+    overran = false;
+    deadline = std::chrono::steady_clock::now() + timeLimit;
     reportWrite.reset();
 
     // The report pipe closes on exec; a report in it means the program never started.
@@ -660,14 +758,7 @@ int ProcessRunner::Impl::reap(bool reaped, int status, bool terminate) {
     bool killed = false;
     auto killAt = std::chrono::steady_clock::now();
     while (!reaped) {
-        if (!terminated && (terminate || stopRequested())) {
-            kill(pid, SIGTERM);
-            terminated = true;
-            killAt = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-        } else if (terminated && !killed && std::chrono::steady_clock::now() >= killAt) {
-            kill(pid, SIGKILL);
-            killed = true;
-        }
+        // Asked before any signal, so that a child that has just ended is not taken as stopped.
         pid_t done = waitpid(pid, &status, WNOHANG);
         if (done == pid) {
             break;
@@ -678,15 +769,26 @@ int ProcessRunner::Impl::reap(bool reaped, int status, bool terminate) {
             pid = -1;
             return -1;
         }
+        if (!terminated && (terminate || stopRequested() || pastLimit())) {
+            kill(pid, SIGTERM);
+            terminated = true;
+            killAt = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        } else if (terminated && !killed && std::chrono::steady_clock::now() >= killAt) {
+            kill(pid, SIGKILL);
+            killed = true;
+        }
         if (exitFd.valid()) {
             struct pollfd pfd = {exitFd.get(), POLLIN, 0};
-            poll(&pfd, 1, 200);
+            poll(&pfd, 1, waitSlice(200));
         } else {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
     pid = -1;
-    if (terminated) {
+    if (terminated && overran) {
+        ZLOGERR("Stopped %s: it ran past its time limit of %lld ms", program,
+                static_cast<long long>(timeLimit.count()));
+    } else if (terminated) {
         ZLOGERR("Stopped %s: the command was asked to stop", program);
     } else if (WIFEXITED(status)) {
         return WEXITSTATUS(status);

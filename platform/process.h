@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -49,6 +50,9 @@ public:
     ProcessRunner& passFd(int fd);
     // Feeds this text to standard input (otherwise /dev/null).
     ProcessRunner& setInput(const std::string& input);
+    // Ends the program (SIGTERM, SIGKILL 2 s later) once it has run this long; the run then
+    // fails as a killed one does. Zero, the default, lets it run to its end.
+    ProcessRunner& setTimeLimit(std::chrono::milliseconds limit);
 
     // Runs and waits. Returns the exit status, or -1 when the program could not be started,
     // was killed by a signal, or the identity could not be set. When the process is asked to
