@@ -189,6 +189,7 @@ TEST_F(Status, BrokenStates) {
     EXPECT_EQ(status("badpriv"), 3);
 
     // A shared scan of the breakers gives the same answers as a scan per query.
+    markRunning("breaker");
     std::vector<PackageInfo> records;
     pm.enumPackageInfo(records, nullptr, PKG_MASK_ALL);
     const PackageManager::BreakerSnapshot breakers = PackageManager::makeBreakerSnapshot();
@@ -197,6 +198,27 @@ TEST_F(Status, BrokenStates) {
         PackageManager shared;
         shared.useBreakerSnapshot(breakers);
         EXPECT_EQ(shared.getPkgStatus(info.name), status(info.name)) << info.name;
+    }
+    // So does a batch, whose scripts run in parallel: answers in the records' order, and each
+    // query's result as a query of its own leaves it.
+    std::vector<const PackageInfo*> batch;
+    std::vector<std::string> names;
+    for (const auto& info : records) {
+        batch.push_back(&info);
+        names.push_back(info.name);
+    }
+    PackageManager many;
+    many.useBreakerSnapshot(breakers);
+    const std::vector<int> statuses = many.getPkgStatuses(batch);
+    std::vector<PKG_ERRCODE> results;
+    const std::vector<char> started = many.areStarted(names, true, results);
+    ASSERT_EQ(statuses.size(), records.size());
+    ASSERT_EQ(started.size(), records.size());
+    for (size_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(statuses[i], status(names[i])) << names[i];
+        PackageManager one;
+        EXPECT_EQ(started[i] != 0, one.isStarted(names[i], true)) << names[i];
+        EXPECT_EQ(results[i], one.getResult()) << names[i];
     }
 
     // A breaker whose INFO lacks keys that a full load insists on still breaks: the shared

@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <memory>
 #include <set>
 #include <sstream>
 
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/parallel_runner.h"
 #include "platform/process.h"
 #include "support/temproot.h"
 
@@ -204,4 +207,60 @@ TEST_F(ProcessTest, IdentityAsRoot) {
     EXPECT_NE(id.getStdout().find("uid=65534"), std::string::npos) << id.getStdout();
     EXPECT_NE(id.getStdout().find("gid=65534"), std::string::npos) << id.getStdout();
     EXPECT_NE(id.getStdout().find("4242"), std::string::npos) << id.getStdout();
+}
+
+// A batch answers what the same runs one after another answer, in their order, whatever their
+// lengths: programs that fail, that can't start, that print a lot, that outlive their time limit
+// and, as root, that switch identity.
+TEST_F(ProcessTest, ParallelRunsAnswerAsSerialOnes) {
+    const bool root = geteuid() == 0;
+    struct Job {
+        std::vector<std::string> argv;
+        int expected;
+        size_t outputSize;  // of the captured standard output
+    };
+    const std::vector<Job> jobs = {
+        {{kPerl, "-e", "select undef, undef, undef, 0.3; exit 3"}, 3, 0},
+        {{kPerl, "-e", "print 'x' x 1000000; exit 0"}, 0, 1000000},
+        {{"/bin/false"}, 1, 0},
+        {{kPerl, "-e", "sleep 30"}, -1, 0},  // past its limit
+        {{"/nonexistent/program"}, -1, 0},
+        {{"/usr/bin/id", "-u"}, 0, root ? 6U : 0U},  // "65534\n" as the account it is given
+        {{kPerl, "-e", "exit 42"}, 42, 0},
+    };
+    auto prepare = [&](std::vector<std::unique_ptr<ProcessRunner>>& runners) {
+        for (const Job& job : jobs) {
+            runners.push_back(std::make_unique<ProcessRunner>(job.argv));
+            runners.back()->captureOutput().setTimeLimit(std::chrono::milliseconds(500));
+            if (root && job.argv[0] == "/usr/bin/id") {
+                runners.back()->setIdentity(65534, 65534, {65534});
+            }
+        }
+    };
+    std::vector<std::unique_ptr<ProcessRunner>> serial, parallel;
+    prepare(serial);
+    prepare(parallel);
+    std::vector<ProcessRunner*> batch;
+    for (const auto& runner : parallel) {
+        batch.push_back(runner.get());
+    }
+    const auto started = std::chrono::steady_clock::now();
+    const std::vector<int> results = ZARNUtils::RunAllProcesses(batch, 3);
+    const auto took = std::chrono::steady_clock::now() - started;
+    // The hanging program was ended at its limit, not waited for.
+    EXPECT_LT(took, std::chrono::seconds(5));
+    ASSERT_EQ(results.size(), jobs.size());
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        EXPECT_EQ(results[i], jobs[i].expected) << jobs[i].argv.back();
+        EXPECT_EQ(serial[i]->run(), results[i]) << jobs[i].argv.back();
+        EXPECT_EQ(parallel[i]->getStdout(), serial[i]->getStdout()) << jobs[i].argv.back();
+        if (jobs[i].outputSize != 0) {
+            EXPECT_EQ(parallel[i]->getStdout().size(), jobs[i].outputSize);
+        }
+    }
+    if (root) {
+        EXPECT_EQ(parallel[5]->getStdout(), "65534\n");
+    }
+    EXPECT_NE(logText().find("ran past its time limit of 500 ms"), std::string::npos);
+    EXPECT_TRUE(ZARNUtils::RunAllProcesses({}).empty());
 }
