@@ -125,6 +125,11 @@ int CmdCheck(CliContext& ctx) {
             "the root " + root + " is not a standalone root yet; run zarnpkg --root " + root +
                 " host-init");
     }
+    // The checksum, the payload check and the author's check all look at the payload: one read
+    // of it, kept, serves them all. What it finds is judged by each of them in turn.
+    PMSPayloadRead payload;
+    std::string unjudged;
+    PMSQarPayloadRead(file, payload, unjudged);
     std::string displayName;
     PKG_ERRCODE code = PKG_ERR_SUCCESS;
     Json::Value detail(Json::objectValue);

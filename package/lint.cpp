@@ -14,9 +14,6 @@
 #include "platform/json.h"
 #include "platform/keyfile.h"
 #include "platform/log.h"
-#include "platform/process.h"
-#include "platform/programs.h"
-#include "platform/textsplit.h"
 
 namespace ZARNPackageTool {
 
@@ -32,7 +29,7 @@ struct LintInput {
     std::string info;
     std::vector<Script> scripts;
     std::vector<std::pair<std::string, std::string>> jsonFiles;  // path in the package, text
-    std::vector<std::string> payloadLines;                       // `tar tv` of the payload
+    std::vector<TarMember> payload;                              // the payload's members
 };
 
 // Files that the system parses as JSON; a wizard file ending in ".sh" is a script instead.
@@ -104,22 +101,20 @@ bool IsKnownScript(const std::string& name) {
 }
 
 // The set-ID bits of the payload from the mode column of tar's verbose listing.
-void JudgePayload(const std::vector<std::string>& lines, PMSLintReport& report) {
-    for (const auto& line : lines) {
-        if (line.size() < 10) {
-            continue;
-        }
-        const bool setUid = line[3] == 's' || line[3] == 'S';
-        const bool setGid = line[6] == 's' || line[6] == 'S';
+void JudgePayload(const std::vector<TarMember>& members, PMSLintReport& report) {
+    for (const TarMember& m : members) {
+        const bool setUid = (m.mode & 04000) != 0;
+        const bool setGid = (m.mode & 02000) != 0;
         if (!setUid && !setGid) {
             continue;
         }
-        // mode, owner, size, date and time come before the name
-        size_t pos = 0;
-        for (int field = 0; field < 5 && pos != std::string::npos; ++field) {
-            pos = line.find_first_not_of(' ', line.find(' ', pos));
+        // Named as a verbose tar listing names it.
+        std::string name = m.name;
+        if (m.type == '2') {
+            name += " -> " + m.linkname;
+        } else if (m.type == '1') {
+            name += " link to " + m.linkname;
         }
-        const std::string name = pos == std::string::npos ? line : line.substr(pos);
         report.warnings.push_back("package.tgz: " + Visible(name) + " has the " +
                                   (setUid && setGid ? "set-user-ID and set-group-ID bits"
                                    : setUid         ? "set-user-ID bit"
@@ -175,20 +170,7 @@ void Judge(const LintInput& in, PMSLintReport& report) {
             report.warnings.push_back(path + " is not executable");
         }
     }
-    JudgePayload(in.payloadLines, report);
-}
-
-// The verbose listing of a gzip-compressed tar, one line per member.
-bool ListPayload(const std::string& tgz, std::vector<std::string>& lines) {
-    ZARNUtils::ProcessRunner runner(
-        {ZARNMachineProgram("/bin/tar"), "-tvzf", PMSProgramPath(tgz), "--numeric-owner"});
-    runner.captureOutput();
-    if (runner.run() != 0) {
-        ZLOGERR("Failed to list %s: %s", tgz.c_str(), runner.getStderr().c_str());
-        return false;
-    }
-    lines = ZARNSplitText(runner.getStdout(), '\n');
-    return true;
+    JudgePayload(in.payload, report);
 }
 
 // A member's name without the "./" that some tars put in front.
@@ -243,9 +225,13 @@ bool FromPackageFile(const std::string& file, bool withPayload, LintInput& in,
     if (!withPayload || tgz == nullptr || !IsRegular(*tgz)) {
         return true;
     }
-    return PMSWithQarPayload(file, members, [&in](const std::string& payload) {
-        return ListPayload(payload, in.payloadLines);
-    });
+    PMSPayloadRead read;
+    if (PMSQarPayloadRead(file, read, why) < 0) {
+        ZLOGERR("Failed to list the payload of %s: %s", file.c_str(), why.c_str());
+        return false;
+    }
+    in.payload = std::move(read.members);
+    return true;
 }
 
 }  // namespace
@@ -297,7 +283,12 @@ void PMSLintSourceFolder(const std::string& dir, const std::string& payloadTgz,
             in.jsonFiles.emplace_back(path, text);
         }
     }
-    if (!ListPayload(payloadTgz, in.payloadLines)) {
+    PMSPayloadRead read;
+    std::string why;
+    if (PMSReadPayload(payloadTgz, 0, ~0ULL, false, ~0ULL, read, why)) {
+        in.payload = std::move(read.members);
+    } else {
+        ZLOGERR("Failed to list %s: %s", payloadTgz.c_str(), why.c_str());
         report.errors.push_back("the packed payload can't be listed");
     }
     Judge(in, report);

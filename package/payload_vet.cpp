@@ -7,17 +7,15 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <utility>
 
-#include "core/paths.h"
 #include "package/archive.h"
+#include "package/payload_stream.h"
 #include "platform/fileattr.h"
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/log.h"
-#include "platform/process.h"
-#include "platform/programs.h"
-#include "platform/scope_guard.h"
 #include "platform/textsplit.h"
 #include "privilege/revise_tool.h"
 
@@ -90,80 +88,69 @@ bool PMSPayloadVet(const std::string& tgz, unsigned long long limit, unsigned lo
         ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
         return false;
     }
-    // The decompressed stream is read here and never written anywhere: closing the pipe stops
-    // the decompressor as soon as the sizes go beyond the limit.
-    ZARNUtils::ProcessRunner runner(
-        {ZARNMachineProgram("/bin/gzip"), "-dc", "--", PMSProgramPath(tgz)});
-    const int stream = runner.startReading();
-    if (stream < 0) {
-        why = "the decompressor did not start";
+    PMSPayloadRead read;
+    const bool ok = PMSReadPayload(tgz, 0, ~0ULL, false, limit, read, why) &&
+                    PMSTarVetMembers(read.members, why, true);
+    total = read.total;
+    if (!ok) {
         ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
-        return false;
     }
-    std::vector<TarMember> members;
-    TarScanStatus st =
-        PMSTarScanStream(stream, members, why, [&](const TarMember& m, std::string& reason) {
-            total += m.size;
-            if (total > limit) {
-                reason = "payload unpacks to more than " + std::to_string(limit) + " bytes";
-                return false;
-            }
-            return true;
-        });
-    if (st == TarScanStatus::Ok) {
-        // Block padding follows the end of the archive; a lot more is something else.
-        char buf[16384];
-        size_t trailing = 0;
-        ssize_t n;
-        while ((n = read(stream, buf, sizeof(buf))) != 0) {
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n < 0 || (trailing += static_cast<size_t>(n)) > 1024 * 1024) {
-                st = TarScanStatus::BadHeader;
-                why = "data after the end of the payload archive";
-                break;
-            }
-        }
-    }
-    const int rc = runner.finish();
-    if (st != TarScanStatus::Ok) {
-        ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
-        return false;
-    }
-    if (rc != 0) {
-        why = "the payload is no gzip stream";
-        ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
-        return false;
-    }
-    if (!PMSTarVetMembers(members, why, true)) {
-        ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
-        return false;
-    }
-    return true;
+    return ok;
 }
 
-bool PMSWithQarPayload(const std::string& file, const std::vector<TarMember>& members,
-                       const std::function<bool(const std::string& tgz)>& use) {
+namespace {
+
+// The last QAR whose payload was read, as the file was then: the file check, the payload check
+// and the author's check of one file share a single read.
+struct QarPayloadRead {
+    std::string file;
+    struct stat st = {};
+    bool ok = false;
+    std::string why;
+    PMSPayloadRead read;
+};
+
+std::mutex g_lastLock;
+QarPayloadRead g_last;
+
+bool SameFile(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+}  // namespace
+
+int PMSQarPayloadRead(const std::string& file, PMSPayloadRead& read, std::string& why) {
+    struct stat st;
+    if (!ZARNStat(file, st)) {
+        why = "the package file can't be read";
+        return -1;
+    }
+    {
+        std::lock_guard<std::mutex> hold(g_lastLock);
+        if (g_last.file == file && SameFile(g_last.st, st)) {
+            read = g_last.read;
+            why = g_last.why;
+            return g_last.ok ? 1 : -1;
+        }
+    }
+    std::vector<TarMember> members;
+    if (PMSTarScan(file, members, why) != TarScanStatus::Ok) {
+        return -1;
+    }
     const TarMember* tgz = PMSTarFindMember(members, "package.tgz");
-    if (tgz == nullptr || (tgz->type != '0' && tgz->type != '7')) {
-        ZLOGERR("No payload package.tgz in %s", file.c_str());
-        return false;
+    if (tgz == nullptr) {
+        return 0;
     }
-    const std::string tmp = PMSMakeTmpDir("pkgpayload");
-    if (tmp.empty()) {
-        ZLOGERR("Failed to generate temp filename");
-        return false;
+    if (tgz->type != '0' && tgz->type != '7') {
+        why = "the payload can't be read";
+        return -1;
     }
-    ZARN_SCOPE_EXIT {
-        ZARNRemoveTree(tmp);
-    };
-    std::string command, out, err;
-    if (PMSQarExtract(file, members, {"package.tgz"}, tmp, tgz->size, command, out, err) != 0) {
-        ZLOGERR("Failed to extract the package.tgz of %s: %s", file.c_str(), err.c_str());
-        return false;
-    }
-    return use(tmp + "/package.tgz");
+    why.clear();
+    const bool ok = PMSReadPayload(file, tgz->dataOffset, tgz->size, true, ~0ULL, read, why);
+    std::lock_guard<std::mutex> hold(g_lastLock);
+    g_last = {file, st, ok, why, read};
+    return ok ? 1 : -1;
 }
 
 bool PMSQarPayloadVet(const std::string& file, std::string& why) {
@@ -174,12 +161,14 @@ bool PMSQarPayloadVet(const std::string& file, std::string& why) {
     if (PMSTarFindMember(members, "package.tgz") == nullptr) {
         return true;
     }
-    unsigned long long total = 0;
-    const bool ok = PMSWithQarPayload(file, members, [&](const std::string& tgz) {
-        return PMSPayloadVet(tgz, ~0ULL, total, why);
-    });
-    if (!ok && why.empty()) {
-        why = "the payload can't be read";
+    PMSPayloadRead read;
+    const bool ok =
+        PMSQarPayloadRead(file, read, why) > 0 && PMSTarVetMembers(read.members, why, true);
+    if (!ok) {
+        if (why.empty()) {
+            why = "the payload can't be read";
+        }
+        ZLOGERR("Refused payload %s: %s", file.c_str(), why.c_str());
     }
     return ok;
 }

@@ -1,29 +1,29 @@
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "core/export.h"
+#include "package/payload_stream.h"
 #include "package/tar_reader.h"
 
 // Judging a package's payload: by its tar headers before anything of it is written, and on disk
 // once it is unpacked, before anything of it runs or moves.
 namespace ZARNPackageTool {
 
-// The list of a gzip-compressed tar (the payload package.tgz) as the machine's tar streams it,
-// without unpacking it: the member names are vetted as for the archive, except that symbolic
-// links may point anywhere, and the sum of their sizes is compared with `limit` while the
-// listing runs, so a decompression bomb is stopped without writing anything. `total` gets the
-// sum of the sizes seen.
+// The list of a gzip-compressed tar (the payload package.tgz), read once and never unpacked:
+// the member names are vetted as for the archive, except that symbolic links may point
+// anywhere, and the sum of their sizes is compared with `limit` while the walk runs, so a
+// decompression bomb is stopped without writing anything. `total` gets the sum of the sizes
+// seen.
 ZARNPKG_API bool PMSPayloadVet(const std::string& tgz, unsigned long long limit,
                                unsigned long long& total, std::string& why);
 
-// Takes package.tgz out of a vetted QAR into a fresh temporary folder and hands its path to
-// `use`; the folder goes on every path out. False when there is no package.tgz or it can't be
-// taken out (logged), else what `use` answers.
-ZARNPKG_API bool PMSWithQarPayload(const std::string& file, const std::vector<TarMember>& members,
-                                   const std::function<bool(const std::string& tgz)>& use);
+// The payload package.tgz of a QAR file read in one pass (PMSReadPayload with its md5), which
+// PMSMd5OfRange is then told of; the last file read is kept while it doesn't change, so that
+// the checks of one file share the read. 1 when it was read, 0 when the file has no package.tgz,
+// -1 with the reason in `why`. Nothing is logged: the callers judge.
+ZARNPKG_API int PMSQarPayloadRead(const std::string& file, PMSPayloadRead& read, std::string& why);
 
 // The payload of a QAR file judged by its headers (PMSPayloadVet), as the file check of the
 // command line does. A file without package.tgz has nothing to judge and passes. False, logged,

@@ -387,6 +387,20 @@ TarScanStatus PMSTarScan(const std::string& file, std::vector<TarMember>& member
 TarScanStatus PMSTarScanStream(
     int fd, std::vector<TarMember>& members, std::string& why,
     const std::function<bool(const TarMember&, std::string&)>& onMember) {
+    auto readSome = [fd](char* buf, size_t len) {
+        for (;;) {
+            const ssize_t n = read(fd, buf, len);
+            if (n >= 0 || errno != EINTR) {
+                return static_cast<long long>(n);
+            }
+        }
+    };
+    return PMSTarScanReader(readSome, members, why, onMember);
+}
+
+TarScanStatus PMSTarScanReader(
+    const std::function<long long(char*, size_t)>& readSome, std::vector<TarMember>& members,
+    std::string& why, const std::function<bool(const TarMember&, std::string&)>& onMember) {
     members.clear();
     unsigned long long position = 0;
     std::vector<char> skip(64 * 1024);
@@ -395,10 +409,7 @@ TarScanStatus PMSTarScanStream(
         while (position < offset) {
             size_t want =
                 static_cast<size_t>(std::min<unsigned long long>(offset - position, skip.size()));
-            ssize_t n = read(fd, skip.data(), want);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
+            const long long n = readSome(skip.data(), want);
             if (n <= 0) {
                 return false;
             }
@@ -406,10 +417,7 @@ TarScanStatus PMSTarScanStream(
         }
         size_t done = 0;
         while (done < len) {
-            ssize_t n = read(fd, buf + done, len - done);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
+            const long long n = readSome(buf + done, len - done);
             if (n <= 0) {
                 return false;
             }

@@ -47,6 +47,12 @@ ZARNPKG_API TarScanStatus
 PMSTarScanStream(int fd, std::vector<TarMember>& members, std::string& why,
                  const std::function<bool(const TarMember&, std::string&)>& onMember);
 
+// The same walk over any forward-only source: `readSome(buf, len)` gives up to `len` bytes,
+// 0 at the end and a negative count on failure.
+ZARNPKG_API TarScanStatus PMSTarScanReader(
+    const std::function<long long(char*, size_t)>& readSome, std::vector<TarMember>& members,
+    std::string& why, const std::function<bool(const TarMember&, std::string&)>& onMember);
+
 // Tests the member list of an untrusted archive before anything of it is written: absolute
 // names, ".." components, links that leave the archive, members written through a symbolic link,
 // device nodes, FIFOs and unknown member kinds are refused. With `linksAnywhere` a symbolic link

@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config clang-format clang libclang-rt-14-dev
   libjsoncpp-dev libboost-filesystem-dev libboost-system-dev
-  libcurl4-openssl-dev libssl-dev uuid-dev
+  libcurl4-openssl-dev libssl-dev uuid-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   tar gzip openssl passwd util-linux procps
 )

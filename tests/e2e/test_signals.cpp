@@ -49,7 +49,7 @@ std::vector<std::string> ProcessesNaming(const std::string& needle) {
 class SignalE2ETest : public TempRootTest {};
 
 TEST_F(SignalE2ETest, StoppedCheckLeavesNoTemporaryFolderNorChild) {
-    // A payload that takes a while to extract and hash: the command is stopped meanwhile.
+    // A payload that takes a while to read and hash: the command is stopped meanwhile.
     const std::string dir = "/tmp/slow";
     ASSERT_EQ(qartest::Run({"/bin/mkdir", "-p", phys(dir)}), 0);
     writeFile(dir + "/INFO",
@@ -68,18 +68,31 @@ TEST_F(SignalE2ETest, StoppedCheckLeavesNoTemporaryFolderNorChild) {
               static_cast<char*>(nullptr));
         _exit(127);
     }
-    // Stopped while its tar writes the payload into the temporary folder, or its checksum is
-    // taken.
+    // Stopped while it reads the payload: the package file is open.
+    auto readsPackage = [pid] {
+        const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
+        DIR* dir = opendir(fds.c_str());
+        bool open = false;
+        while (struct dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
+            char target[4096];
+            const ssize_t n =
+                readlink((fds + "/" + entry->d_name).c_str(), target, sizeof(target) - 1);
+            open = open || (n > 0 && std::string(target, static_cast<size_t>(n)).find("slow.qar") !=
+                                         std::string::npos);
+        }
+        if (dir != nullptr) {
+            closedir(dir);
+        }
+        return open;
+    };
     bool busy = false;
     for (int i = 0; i < 3000 && !busy; ++i) {
-        for (const std::string& p : ProcessesNaming(root())) {
-            busy = busy || p.find("package.tgz") != std::string::npos;
-        }
+        busy = readsPackage();
         if (!busy) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
-    ASSERT_TRUE(busy) << "the extraction was never seen running";
+    ASSERT_TRUE(busy) << "the payload was never seen read";
     ASSERT_EQ(kill(pid, SIGTERM), 0);
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);

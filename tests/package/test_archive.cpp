@@ -1,10 +1,13 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "core/packagemanager.h"
 #include "core/paths.h"
 #include "package/archive.h"
 #include "package/checksum.h"
 #include "package/pack.h"
+#include "package/payload_vet.h"
 #include "platform/files.h"
 #include "platform/keyfile.h"
 #include "support/qar_builder.h"
@@ -107,6 +110,25 @@ TEST_F(ArchiveTest, HelloRecordScriptsLicenceAndWizard) {
     EXPECT_TRUE(PMSMd5OfRange("/tmp/range", 2, 3, md5));
     EXPECT_EQ(md5, "900150983cd24fb0d6963f7d28e17f72");
     EXPECT_FALSE(PMSMd5OfRange("/tmp/range", 2, 30, md5));
+
+    // One read of the payload gives its md5 and its members, and the checksum test takes the
+    // md5 from it, but only while the file stays as it was read.
+    PMSPayloadRead read;
+    std::string why;
+    ASSERT_EQ(PMSQarPayloadRead("/tmp/hello.qar", read, why), 1) << why;
+    EXPECT_EQ(read.md5, info.checksum);
+    EXPECT_FALSE(read.members.empty());
+    EXPECT_TRUE(pm.verifyPackageTgzFile("/tmp/hello.qar", info.checksum.c_str()));
+    std::vector<TarMember> members;
+    ASSERT_EQ(PMSTarScan("/tmp/hello.qar", members, why), TarScanStatus::Ok);
+    const TarMember* tgz = PMSTarFindMember(members, "package.tgz");
+    ASSERT_NE(tgz, nullptr);
+    {
+        const Fd fd = ZARNOpen("/tmp/hello.qar", O_WRONLY);
+        // The first byte of a gzip stream is 0x1f: this one is another.
+        ASSERT_EQ(pwrite(fd.get(), "x", 1, static_cast<off_t>(tgz->dataOffset)), 1);
+    }
+    EXPECT_FALSE(pm.verifyPackageTgzFile("/tmp/hello.qar", info.checksum.c_str()));
     EXPECT_FALSE(pm.verifyPackageTgzFile("", info.checksum.c_str()));
     EXPECT_FALSE(pm.queryPackageFileInfo("", info, PKG_INSTALLATION_NONE, "enu"));
     EXPECT_NE(std::string::npos, logText().find("Wrong parameters"));
