@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "cli/zarnpkg_cli.h"
 #include "core/registry.h"
@@ -38,21 +39,25 @@ int CmdList(CliContext& ctx) {
     PackageManager query;
     query.useBreakerSnapshot(PackageManager::makeBreakerSnapshot(records, unreadable));
     const std::vector<int> statuses = query.getPkgStatuses(sorted);
+    // Only the form that is printed is built: a listing of thousands would hold both.
     for (size_t i = 0; i < sorted.size(); ++i) {
         const PackageInfo& info = *sorted[i];
         const int status = statuses[i];
         int rough = 0;
         bool known = PackageManager::roughStatusOf(status, info.name, rough);
-        Json::Value entry(Json::objectValue);
-        entry["package"] = info.name;
-        entry["version"] = info.version;
-        entry["status"] = status;
-        entry["rough_status"] = known ? Json::Value(rough) : Json::Value();
-        packages.append(entry);
-        char line[1024];
-        std::snprintf(line, sizeof(line), "%-32s %-20s %s\n", info.name.c_str(),
-                      info.version.c_str(), StatusText(status));
-        text += line;
+        if (ctx.json) {
+            Json::Value entry(Json::objectValue);
+            entry["package"] = info.name;
+            entry["version"] = info.version;
+            entry["status"] = status;
+            entry["rough_status"] = known ? Json::Value(rough) : Json::Value();
+            packages.append(std::move(entry));
+        } else {
+            char line[1024];
+            std::snprintf(line, sizeof(line), "%-32s %-20s %s\n", info.name.c_str(),
+                          info.version.c_str(), StatusText(status));
+            text += line;
+        }
     }
     Json::Value out(Json::objectValue);
     out["packages"] = packages;

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <utility>
 
 #include "cli/zarnpkg_cli.h"
 #include "platform/json.h"
@@ -71,7 +72,7 @@ int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& t
         Json::Value out(Json::objectValue);
         out["success"] = true;
         for (const auto& name : object.getMemberNames()) {
-            out[name] = object[name];
+            out[name] = std::move(object[name]);
         }
         PrintJson(out);
     } else {

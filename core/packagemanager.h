@@ -219,8 +219,10 @@ private:
     // Whether `pkg` is broken by an installed package, through the snapshot when one is set.
     bool isBrokenByInstalled(const PackageBasicInfo& pkg);
     // The status path on the record `loaded`, or on the INFO read afresh when it is null.
-    // serviceScript reads the INFO into `read` unless that is null (a record is loaded).
-    std::string serviceScript(const std::string& name, PackageInfo* read);
+    // serviceScript reads the INFO into `read` unless a record is `loaded`, and keeps the
+    // volumes' states in `volumes` when that isn't null.
+    std::string serviceScript(const std::string& name, PackageInfo* read, const PackageInfo* loaded,
+                              std::map<std::string, bool>* volumes);
     bool serviceStatus(const std::string& name, const PackageInfo* loaded, bool& running,
                        bool useScript, bool strict);
     int pkgStatus(const std::string& name, const PackageInfo* loaded);

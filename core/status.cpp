@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <map>
 #include <memory>
 
 #include "core/control_script.h"
@@ -35,20 +36,35 @@ bool VolumeWorks(const std::string& volume) {
     return works;
 }
 
+// The same, asked once per volume when `known` keeps the answers of a batch of queries.
+bool VolumeWorksOnce(const std::string& volume, std::map<std::string, bool>* known) {
+    if (known == nullptr) {
+        return VolumeWorks(volume);
+    }
+    auto it = known->find(volume);
+    if (it == known->end()) {
+        it = known->emplace(volume, VolumeWorks(volume)).first;
+    }
+    return it->second;
+}
+
 }  // namespace
 
 std::string PackageManager::getServiceScript(const std::string& name, PackageInfo& info) {
-    return serviceScript(name, &info);
+    return serviceScript(name, &info, nullptr, nullptr);
 }
 
-std::string PackageManager::serviceScript(const std::string& name, PackageInfo* read) {
+std::string PackageManager::serviceScript(const std::string& name, PackageInfo* read,
+                                          const PackageInfo* loaded,
+                                          std::map<std::string, bool>* volumes) {
     const std::string dir = PMSRegistryDir(name);
     const std::string script = dir + "/scripts/" + kControlScript;
-    if (!PMSCheckPackage(name)) {
+    // A record that a scan has just loaded from the folder's INFO shows both there.
+    if (loaded == nullptr && !PMSCheckPackage(name)) {
         setResult(PKG_ERR_NOT_INSTALLED);
         return "";
     }
-    if (read != nullptr && !PMSLoadPKGInfoFile(dir, *read, nullptr, PKG_MASK_ALL)) {
+    if (loaded == nullptr && !PMSLoadPKGInfoFile(dir, *read, nullptr, PKG_MASK_ALL)) {
         setResult(PKG_ERR_BROKEN);
         return "";
     }
@@ -56,8 +72,11 @@ std::string PackageManager::serviceScript(const std::string& name, PackageInfo* 
         setResult(PKG_ERR_BROKEN);
         return "";
     }
-    const std::string volume = PMSGetPackageTargetVolByPath(dir.c_str());
-    if (volume != "not_volume_path" && !VolumeWorks(volume)) {
+    // The loader has read the target's volume of the folder its record names.
+    const PackageInfo& record = loaded != nullptr ? *loaded : *read;
+    const std::string volume = record.name == name ? record.extra.get()->target_volume
+                                                   : PMSGetPackageTargetVolByPath(dir.c_str());
+    if (volume != "not_volume_path" && !VolumeWorksOnce(volume, volumes)) {
         setResult(PKG_ERR_BROKEN);
         return "";
     }
@@ -87,6 +106,9 @@ struct PackageManager::StatusRun {
     bool strict = false;
     std::unique_ptr<PackageInfo> read;
     std::unique_ptr<ZARNUtils::ProcessRunner> script;  // the status script still to run
+    // A batch asks each volume's state once: a listing of thousands on one volume would ask it
+    // for every package.
+    std::map<std::string, bool>* volumes = nullptr;
     bool running = false;
     bool answered = false;  // the query is over and `answer` is what it returns
     bool answer = false;
@@ -121,7 +143,7 @@ void PackageManager::statusBegin(StatusRun& run) {
     int process = 0;
     int phase = 0;
 
-    const std::string script = serviceScript(name, run.read.get());
+    const std::string script = serviceScript(name, run.read.get(), run.loaded, run.volumes);
     if (script.empty()) {
         goto tail;
     }
@@ -250,6 +272,7 @@ void PackageManager::statusQueries(size_t count, bool strict, const Source& sour
                                    const Answer& answer) {
     // In slices, so that a registry of thousands holds a few hundred prepared queries at a time.
     constexpr size_t kSlice = 256;
+    std::map<std::string, bool> volumes;
     for (size_t first = 0; first < count; first += kSlice) {
         const size_t last = std::min(count, first + kSlice);
         std::vector<std::unique_ptr<PackageManager>> queries;
@@ -260,6 +283,7 @@ void PackageManager::statusQueries(size_t count, bool strict, const Source& sour
             StatusRun& run = runs[i - first];
             run.query = queries.back().get();
             run.strict = strict;
+            run.volumes = &volumes;
             source(i, run);
         }
         runStatusQueries(runs);
