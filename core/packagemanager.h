@@ -232,7 +232,6 @@ private:
     void statusBegin(StatusRun& run);
     void statusEnd(StatusRun& run, int scriptExit);
     bool statusTail(const StatusRun& run, bool jobStateRead, int jobState);
-    static void runStatusQueries(std::vector<StatusRun>& runs);
     // `count` queries sharing this one's breaker snapshot: `source(i, run)` names the i-th,
     // `answer(i, run)` takes its outcome.
     template <typename Source, typename Answer>

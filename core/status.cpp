@@ -250,46 +250,57 @@ bool PackageManager::statusTail(const StatusRun& run, bool jobStateRead, int job
     return false;
 }
 
-void PackageManager::runStatusQueries(std::vector<StatusRun>& runs) {
-    std::vector<ZARNUtils::ProcessRunner*> scripts;
-    for (StatusRun& run : runs) {
-        run.query->statusBegin(run);
-        if (!run.answered && run.script) {
-            scripts.push_back(run.script.get());
-        }
-    }
-    const std::vector<int> exits = ZARNUtils::RunAllProcesses(scripts);
-    size_t next = 0;
-    for (StatusRun& run : runs) {
-        if (!run.answered) {
-            run.query->statusEnd(run, run.script ? exits[next++] : 0);
-        }
-    }
-}
-
 template <typename Source, typename Answer>
 void PackageManager::statusQueries(size_t count, bool strict, const Source& source,
                                    const Answer& answer) {
-    // In slices, so that a registry of thousands holds a few hundred prepared queries at a time.
+    // In slices, so that a registry of thousands holds a few hundred prepared queries at a time;
+    // the scripts of one slice run while the next one is prepared and the one before finished.
     constexpr size_t kSlice = 256;
     std::map<std::string, bool> volumes;
-    for (size_t first = 0; first < count; first += kSlice) {
-        const size_t last = std::min(count, first + kSlice);
+    struct Slice {
+        size_t first = 0;
         std::vector<std::unique_ptr<PackageManager>> queries;
-        std::vector<StatusRun> runs(last - first);
-        for (size_t i = first; i < last; ++i) {
-            queries.push_back(std::make_unique<PackageManager>());
-            queries.back()->useBreakerSnapshot(breakerSnapshot());
-            StatusRun& run = runs[i - first];
-            run.query = queries.back().get();
+        std::vector<StatusRun> runs;
+        std::unique_ptr<ZARNUtils::BackgroundRuns> scripts;
+    };
+    auto finish = [&answer](Slice& slice) {
+        const std::vector<int> exits = slice.scripts->wait();
+        size_t next = 0;
+        for (size_t k = 0; k < slice.runs.size(); ++k) {
+            StatusRun& run = slice.runs[k];
+            if (!run.answered) {
+                run.query->statusEnd(run, run.script ? exits[next++] : 0);
+            }
+            answer(slice.first + k, run);
+        }
+    };
+    Slice before;
+    for (size_t first = 0; first < count; first += kSlice) {
+        Slice slice;
+        slice.first = first;
+        slice.runs.resize(std::min(count, first + kSlice) - first);
+        std::vector<ZARNUtils::ProcessRunner*> scripts;
+        for (size_t k = 0; k < slice.runs.size(); ++k) {
+            slice.queries.push_back(std::make_unique<PackageManager>());
+            slice.queries.back()->useBreakerSnapshot(breakerSnapshot());
+            StatusRun& run = slice.runs[k];
+            run.query = slice.queries.back().get();
             run.strict = strict;
             run.volumes = &volumes;
-            source(i, run);
+            source(first + k, run);
+            run.query->statusBegin(run);
+            if (!run.answered && run.script) {
+                scripts.push_back(run.script.get());
+            }
         }
-        runStatusQueries(runs);
-        for (size_t i = first; i < last; ++i) {
-            answer(i, runs[i - first]);
+        slice.scripts = std::make_unique<ZARNUtils::BackgroundRuns>(std::move(scripts));
+        if (before.scripts) {
+            finish(before);
         }
+        before = std::move(slice);
+    }
+    if (before.scripts) {
+        finish(before);
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "platform/export.h"
@@ -13,5 +14,22 @@ namespace ZARNUtils {
 // own time divided by the cores.
 ZARNHOST_API std::vector<int> RunAllProcesses(const std::vector<ProcessRunner*>& runners,
                                               unsigned width = 0);
+
+// The same batch run in the background, so that the caller can prepare the next one meanwhile.
+// The runners must outlive it; wait() (or the destructor) ends it.
+class ZARNHOST_API BackgroundRuns {
+public:
+    explicit BackgroundRuns(std::vector<ProcessRunner*> runners, unsigned width = 0);
+    ~BackgroundRuns();
+    BackgroundRuns(const BackgroundRuns&) = delete;
+    BackgroundRuns& operator=(const BackgroundRuns&) = delete;
+
+    // Waits for the batch and answers as RunAllProcesses does.
+    std::vector<int> wait();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
 
 }  // namespace ZARNUtils
