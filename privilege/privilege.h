@@ -71,7 +71,7 @@ ZARNPKG_API std::string GetUserName(const std::string& name, const std::string& 
 // Sets the identity under which the runner's child will run the package's script `action`
 // ("preinst", "status", "log", ...): the package's user with its own group ("package"), with
 // group "system" ("system"), or left untouched ("root", no conf/privilege). The switch itself
-// happens in the child process between fork and exec; the library's process keeps its own.
+// happens in the child process between its start and exec; the library's process keeps its own.
 // `dir` empty reads /var/packages/<name>/conf/privilege.
 ZARNPKG_API bool SetIdentity(ZARNUtils::ProcessRunner& runner, const std::string& name,
                              const std::string& action, const std::string& dir);
