@@ -259,7 +259,6 @@ void PackageManager::statusQueries(size_t count, bool strict, const Source& sour
     std::map<std::string, bool> volumes;
     struct Slice {
         size_t first = 0;
-        std::vector<std::unique_ptr<PackageManager>> queries;
         std::vector<StatusRun> runs;
         std::unique_ptr<ZARNUtils::BackgroundRuns> scripts;
     };
@@ -274,17 +273,23 @@ void PackageManager::statusQueries(size_t count, bool strict, const Source& sour
             answer(slice.first + k, run);
         }
     };
+    // The queries of a slice serve again two slices later, once that one is finished: every
+    // query begins by setting its result, and the breakers are the same for all.
+    std::vector<std::unique_ptr<PackageManager>> pools[2];
     Slice before;
     for (size_t first = 0; first < count; first += kSlice) {
+        std::vector<std::unique_ptr<PackageManager>>& pool = pools[(first / kSlice) % 2];
         Slice slice;
         slice.first = first;
         slice.runs.resize(std::min(count, first + kSlice) - first);
         std::vector<ZARNUtils::ProcessRunner*> scripts;
         for (size_t k = 0; k < slice.runs.size(); ++k) {
-            slice.queries.push_back(std::make_unique<PackageManager>());
-            slice.queries.back()->useBreakerSnapshot(breakerSnapshot());
+            if (pool.size() <= k) {
+                pool.push_back(std::make_unique<PackageManager>());
+                pool.back()->useBreakerSnapshot(breakerSnapshot());
+            }
             StatusRun& run = slice.runs[k];
-            run.query = slice.queries.back().get();
+            run.query = pool[k].get();
             run.strict = strict;
             run.volumes = &volumes;
             source(first + k, run);

@@ -1,7 +1,6 @@
 #include "platform/process.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -110,7 +109,7 @@ void SetNonBlocking(int fd) {
 
 // Everything below up to StartChild runs in the child between its start and exec. The child
 // shares the parent's memory (the parent waits meanwhile), so it takes no lock, allocates nothing
-// and changes nothing but its own stack: raw system calls only.
+// and changes nothing but its own stack: plain system calls only.
 [[noreturn]] void ChildFail(int reportFd, int stage) {
     ChildReport report{stage, errno};
     ssize_t ignored = write(reportFd, &report, sizeof(report));
@@ -240,7 +239,7 @@ int ChildMain(void* arg) {
 // on every script: the child runs on a stack of its own in the parent's memory, and the parent
 // goes on once the child has called exec or exited. Signals stay blocked meanwhile, so that no
 // handler of ours runs in the child. The child's id, or -1 with errno.
-pid_t StartChild(ChildPlan& plan) {
+pid_t StartChild(const ChildPlan& plan) {
     constexpr size_t kStackSize = 256 * 1024;
     void* stack = mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE,
                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
@@ -252,7 +251,7 @@ pid_t StartChild(ChildPlan& plan) {
     pthread_sigmask(SIG_SETMASK, &all, &saved);
     // The stack grows down on every machine this runs on.
     const pid_t child = clone(ChildMain, static_cast<char*>(stack) + kStackSize,
-                              CLONE_VM | CLONE_VFORK | SIGCHLD, &plan);
+                              CLONE_VM | CLONE_VFORK | SIGCHLD, const_cast<ChildPlan*>(&plan));
     const int cloneErrno = errno;
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
     munmap(stack, kStackSize);
