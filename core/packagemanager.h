@@ -221,14 +221,16 @@ private:
     // The status path on the record `loaded`, or on the INFO read afresh when it is null.
     // serviceScript reads the INFO into `read` unless a record is `loaded`, and keeps the
     // volumes' states in `volumes` when that isn't null.
+    struct VolumeStates;
     std::string serviceScript(const std::string& name, PackageInfo* read, const PackageInfo* loaded,
-                              std::map<std::string, bool>* volumes);
+                              VolumeStates* volumes);
     bool serviceStatus(const std::string& name, const PackageInfo* loaded, bool& running,
                        bool useScript, bool strict);
     int pkgStatus(const std::string& name, const PackageInfo* loaded);
     // A status query in two halves around its script, so that a batch runs the scripts of
     // many queries at once (core/status.cpp).
     struct StatusRun;
+    void statusFindScript(StatusRun& run);
     void statusBegin(StatusRun& run);
     void statusEnd(StatusRun& run, int scriptExit);
     bool statusTail(const StatusRun& run, bool jobStateRead, int jobState);

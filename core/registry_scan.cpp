@@ -1,7 +1,5 @@
 // Enumeration and lookup of installed packages: the INFO of each registry folder, loaded.
 
-#include <thread>
-
 #include "core/infoloader.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
@@ -9,6 +7,7 @@
 #include "core/uifile_names.h"
 #include "platform/files.h"
 #include "platform/log.h"
+#include "platform/parallel_for.h"
 
 namespace ZARNPackageTool {
 
@@ -43,36 +42,27 @@ struct ScanLanguage {
 enum class FolderLoad : char { Loaded, NoInfo, Bad };
 
 // Loads the INFO of each folder under `root` into the records[first + i], which must be fresh.
-// Large registries are split over two threads: the scan waits on the file system and parses,
-// and a listing of thousands of packages halves its wait.
+// Large registries are spread over the cores: the scan waits on the file system and parses, and
+// a listing of thousands of packages halves its wait.
 std::vector<FolderLoad> LoadFolders(const std::string& root,
                                     const std::vector<std::string>& folders,
                                     const ScanLanguage& lang, unsigned long long mask,
                                     std::vector<PackageInfo>& records, size_t first) {
     constexpr size_t kParallelFrom = 512;
     std::vector<FolderLoad> states(folders.size(), FolderLoad::NoInfo);
-    auto load = [&](size_t begin, size_t end) {
-        for (size_t i = begin; i < end; ++i) {
-            bool missing = false;
-            PackageInfo& record = records[first + i];
-            if (PMSLoadPKGInfoFileImpl(root + "/" + folders[i], record, lang.get(), lang.given,
-                                       mask, &missing)) {
-                // Loaded in place rather than copied in, yet listings hold what a copy holds.
-                record.extra.dropUncopiedFields();
-                states[i] = FolderLoad::Loaded;
-            } else {
-                states[i] = missing ? FolderLoad::NoInfo : FolderLoad::Bad;
-            }
+    auto load = [&](size_t i) {
+        bool missing = false;
+        PackageInfo& record = records[first + i];
+        if (PMSLoadPKGInfoFileImpl(root + "/" + folders[i], record, lang.get(), lang.given, mask,
+                                   &missing)) {
+            // Loaded in place rather than copied in, yet listings hold what a copy holds.
+            record.extra.dropUncopiedFields();
+            states[i] = FolderLoad::Loaded;
+        } else {
+            states[i] = missing ? FolderLoad::NoInfo : FolderLoad::Bad;
         }
     };
-    if (folders.size() < kParallelFrom || std::thread::hardware_concurrency() < 2) {
-        load(0, folders.size());
-        return states;
-    }
-    const size_t half = folders.size() / 2;
-    std::thread helper(load, 0, half);
-    load(half, folders.size());
-    helper.join();
+    ZARNParallelFor(folders.size(), load, folders.size() < kParallelFrom ? 1 : 0);
     return states;
 }
 

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <mutex>
 
 #include "core/control_script.h"
 #include "core/packagemanager.h"
@@ -10,6 +11,7 @@
 #include "platform/files.h"
 #include "platform/jobs.h"
 #include "platform/log.h"
+#include "platform/parallel_for.h"
 #include "platform/parallel_runner.h"
 #include "platform/services.h"
 #include "platform/volumes.h"
@@ -36,27 +38,30 @@ bool VolumeWorks(const std::string& volume) {
     return works;
 }
 
-// The same, asked once per volume when `known` keeps the answers of a batch of queries.
-bool VolumeWorksOnce(const std::string& volume, std::map<std::string, bool>* known) {
-    if (known == nullptr) {
-        return VolumeWorks(volume);
-    }
-    auto it = known->find(volume);
-    if (it == known->end()) {
-        it = known->emplace(volume, VolumeWorks(volume)).first;
-    }
-    return it->second;
-}
-
 }  // namespace
+
+// The volumes' states that a batch of queries has asked, shared by the threads that ask: each
+// volume is asked once.
+struct PackageManager::VolumeStates {
+    std::mutex lock;
+    std::map<std::string, bool> known;
+
+    bool works(const std::string& volume) {
+        std::lock_guard<std::mutex> hold(lock);
+        auto it = known.find(volume);
+        if (it == known.end()) {
+            it = known.emplace(volume, VolumeWorks(volume)).first;
+        }
+        return it->second;
+    }
+};
 
 std::string PackageManager::getServiceScript(const std::string& name, PackageInfo& info) {
     return serviceScript(name, &info, nullptr, nullptr);
 }
 
 std::string PackageManager::serviceScript(const std::string& name, PackageInfo* read,
-                                          const PackageInfo* loaded,
-                                          std::map<std::string, bool>* volumes) {
+                                          const PackageInfo* loaded, VolumeStates* volumes) {
     const std::string dir = PMSRegistryDir(name);
     const std::string script = dir + "/scripts/" + kControlScript;
     // A record that a scan has just loaded from the folder's INFO shows both there.
@@ -76,7 +81,8 @@ std::string PackageManager::serviceScript(const std::string& name, PackageInfo* 
     const PackageInfo& record = loaded != nullptr ? *loaded : *read;
     const std::string volume = record.name == name ? record.extra.get()->target_volume
                                                    : PMSGetPackageTargetVolByPath(dir.c_str());
-    if (volume != "not_volume_path" && !VolumeWorksOnce(volume, volumes)) {
+    if (volume != "not_volume_path" &&
+        !(volumes != nullptr ? volumes->works(volume) : VolumeWorks(volume))) {
         setResult(PKG_ERR_BROKEN);
         return "";
     }
@@ -105,10 +111,11 @@ struct PackageManager::StatusRun {
     bool useScript = true;
     bool strict = false;
     std::unique_ptr<PackageInfo> read;
+    std::string scriptPath;                            // found by statusFindScript
     std::unique_ptr<ZARNUtils::ProcessRunner> script;  // the status script still to run
     // A batch asks each volume's state once: a listing of thousands on one volume would ask it
     // for every package.
-    std::map<std::string, bool>* volumes = nullptr;
+    VolumeStates* volumes = nullptr;
     bool running = false;
     bool answered = false;  // the query is over and `answer` is what it returns
     bool answer = false;
@@ -122,6 +129,7 @@ bool PackageManager::serviceStatus(const std::string& name, const PackageInfo* l
     run.loaded = loaded;
     run.useScript = useScript;
     run.strict = strict;
+    statusFindScript(run);
     statusBegin(run);
     if (!run.answered) {
         statusEnd(run, run.script ? run.script->run() : 0);
@@ -130,20 +138,27 @@ bool PackageManager::serviceStatus(const std::string& name, const PackageInfo* l
     return run.answer;
 }
 
-// The steps up to the script, which is prepared and left to run; an early end answers the run.
-void PackageManager::statusBegin(StatusRun& run) {
+// The first step, which only looks at the registry folder, so that a batch takes it for many
+// packages at once.
+void PackageManager::statusFindScript(StatusRun& run) {
     setResult(PKG_ERR_SYSTEM);
     run.running = false;
-    const std::string& name = run.name;
-    const std::string dir = PMSRegistryDir(name);
     if (run.loaded == nullptr) {
         run.read = std::make_unique<PackageInfo>();
     }
+    run.scriptPath = serviceScript(run.name, run.read.get(), run.loaded, run.volumes);
+}
+
+// The steps after it up to the script, which is prepared and left to run; an early end answers
+// the run.
+void PackageManager::statusBegin(StatusRun& run) {
+    const std::string& name = run.name;
+    const std::string& script = run.scriptPath;
+    const std::string dir = PMSRegistryDir(name);
     const PackageInfo& info = run.loaded != nullptr ? *run.loaded : *run.read;
     int process = 0;
     int phase = 0;
 
-    const std::string script = serviceScript(name, run.read.get(), run.loaded, run.volumes);
     if (script.empty()) {
         goto tail;
     }
@@ -256,7 +271,7 @@ void PackageManager::statusQueries(size_t count, bool strict, const Source& sour
     // In slices, so that a registry of thousands holds a few hundred prepared queries at a time;
     // the scripts of one slice run while the next one is prepared and the one before finished.
     constexpr size_t kSlice = 256;
-    std::map<std::string, bool> volumes;
+    VolumeStates volumes;
     struct Slice {
         size_t first = 0;
         std::vector<StatusRun> runs;
@@ -293,6 +308,11 @@ void PackageManager::statusQueries(size_t count, bool strict, const Source& sour
             run.strict = strict;
             run.volumes = &volumes;
             source(first + k, run);
+        }
+        ZARNParallelFor(slice.runs.size(), [&slice](size_t k) {
+            slice.runs[k].query->statusFindScript(slice.runs[k]);
+        });
+        for (StatusRun& run : slice.runs) {
             run.query->statusBegin(run);
             if (!run.answered && run.script) {
                 scripts.push_back(run.script.get());
