@@ -16,6 +16,7 @@
 #include "platform/files.h"
 #include "platform/json.h"
 #include "platform/log.h"
+#include "platform/process.h"
 #include "platform/textsplit.h"
 #include "privilege/revise_tool.h"
 
@@ -148,8 +149,11 @@ int PMSQarPayloadRead(const std::string& file, PMSPayloadRead& read, std::string
     }
     why.clear();
     const bool ok = PMSReadPayload(file, tgz->dataOffset, tgz->size, true, ~0ULL, read, why);
-    std::lock_guard<std::mutex> hold(g_lastLock);
-    g_last = {file, st, ok, why, read};
+    // A read that a stop request cut short says nothing about the file.
+    if (ZARNStopSignal() == 0) {
+        std::lock_guard<std::mutex> hold(g_lastLock);
+        g_last = {file, st, ok, why, read};
+    }
     return ok ? 1 : -1;
 }
 
