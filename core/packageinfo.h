@@ -307,6 +307,14 @@ ZARNPKG_API extern const std::map<std::string, RestartServiceBits> MappingPKGRes
 // ORs the first word of every known name of a blank-separated list.
 ZARNPKG_API unsigned int PMSConvMapRestartService(const char* names);
 
+// What follows a good install: always start the package, leave it stopped, or start it only
+// when it ran before the operation.
+enum INST_RUN_OPTION : int {
+    INST_RUN_START = 0,
+    INST_RUN_NO_START = 1,
+    INST_RUN_KEEP_RUNNING = 2,
+};
+
 // Fills `info` from dir/INFO, dir/conf/PKG_DEPS and dir/conf/PKG_CONX. `lang` may be null.
 ZARNPKG_API bool PMSLoadPKGInfoFile(const std::string& dir, PackageInfo& info, const char* lang,
                                     unsigned long long mask);

@@ -199,6 +199,52 @@ public:
     bool registerPackage(PKG_INSTALLATION_TYPE type, PackageInfo& info, const std::string& name,
                          const std::string& extractDir, const std::string& target);
 
+    // Install, upgrade or repair from a QAR file, as the installed state asks
+    // (lifecycle/install.cpp). The `bool` forms map true to INST_RUN_START and false to
+    // INST_RUN_KEEP_RUNNING.
+    bool install(const char* language, const std::string& packageFile, const std::string& volume,
+                 INST_RUN_OPTION option, const Json::Value* wizardValues, const char* userName,
+                 bool verifySignature, bool ignoreDependencies);
+    bool install(const char* language, const std::string& packageFile, const std::string& volume,
+                 bool start, const Json::Value* wizardValues, const char* userName,
+                 bool verifySignature, bool ignoreDependencies);
+    // The short form: no start, no wizard values, no signature check, dependencies ignored.
+    bool installQAR(const char* language, std::string packageFile, const std::string& volume);
+    // The fresh install, step by step, under the lock.
+    bool install_package(const std::string& packageFile, const std::string& volume,
+                         const std::string& appstoreDir, const std::string& tmpDir,
+                         INST_RUN_OPTION option, const Json::Value* wizardValues,
+                         const char* language, const char* userName, bool ignoreDependencies);
+    // Upgrade or repair (lifecycle/upgrade.cpp): the old version goes through the uninstall
+    // core, keeping its resources and data, and the new one follows.
+    bool upgrade_package(const std::string& packageFile, const std::string& volume,
+                         const std::string& appstoreDir, const std::string& tmpDir,
+                         const Json::Value* wizardValues, const char* language,
+                         const char* userName, bool ignoreDependencies, INST_RUN_OPTION option);
+    bool post_install(const PackageInfo& info);
+    // What follows an install or upgrade: the start that the option asks for, with the
+    // dependants, the restart of packages stopped by the dependency limit after an upgrade, and
+    // the reload of related host services.
+    void InstallationHandlerPost(bool wasRunning, bool success, const char* userName,
+                                 const char* language, INST_RUN_OPTION option,
+                                 PKG_INSTALLATION_TYPE type, const PackageInfo& info,
+                                 std::vector<std::string> dependants,
+                                 unsigned long long restartMask);
+    // Stops the running packages of the list that are installed in a matching version; false at
+    // the first that won't stop.
+    bool stopPackages(DepPkgVector packages, const char* language, const char* userName);
+
+    // Uninstall (lifecycle/uninstall.cpp): the checked entry by name, and the core, which an
+    // upgrade runs with type 2 to remove the old version.
+    bool uninstall(const std::string& name, const Json::Value* wizardValues, const char* language,
+                   PKG_INSTALLATION_TYPE type, bool force, const char* userName);
+    bool uninstall(const PackageInfo& info, const Json::Value* wizardValues, const char* language,
+                   PKG_INSTALLATION_TYPE type, const char* userName);
+    // Many packages, dependants first; a failure doesn't stop the others.
+    bool uninstallPKGs(const std::vector<std::string>& names, bool printErrors);
+    // Removes the installed packages that satisfy an entry of the list.
+    bool uninstallReplacedPkgs(DepPkgVector& packages, const char* language, const char* userName);
+
     // Service strings of INFO.
     static unsigned int PMSExplodeServiceString(const char* names);
     static std::set<std::string> getServiceSetFromString(const char* names);

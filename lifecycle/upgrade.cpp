@@ -1,0 +1,263 @@
+#include <algorithm>
+
+#include "control/restart_services.h"
+#include "core/helpers.h"
+#include "core/packagemanager.h"
+#include "core/registry.h"
+#include "core/version.h"
+#include "lifecycle/pipeline_steps.h"
+#include "lifecycle/script_log.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/locks.h"
+#include "platform/log.h"
+#include "platform/services.h"
+#include "privilege/privilege.h"
+#include "resource/resource.h"
+#include "resource/state_files.h"
+#include "service/jobs.h"
+
+namespace ZARNPackageTool {
+
+namespace {
+
+constexpr const char* kOsUpgradePackages = "/.ZarnUpgradePackages";
+constexpr int kBootStepUp = 4;
+
+// Appends the names of `more` that `list` lacks.
+void AddOnce(std::vector<std::string>& list, const std::vector<std::string>& more) {
+    for (const std::string& name : more) {
+        if (std::find(list.begin(), list.end(), name) == list.end()) {
+            list.push_back(name);
+        }
+    }
+}
+
+}  // namespace
+
+bool PackageManager::upgrade_package(const std::string& packageFile, const std::string& volume,
+                                     const std::string& appstoreDir, const std::string& tmpDir,
+                                     const Json::Value* wizardValues, const char* language,
+                                     const char* userName, bool ignoreDependencies,
+                                     INST_RUN_OPTION option) {
+    const std::string extractDir = tmpDir + "/pkginstall";
+    Json::Value wizard = wizardValues != nullptr ? *wizardValues : Json::Value();
+    Common common;
+    common.extractDir = extractDir;
+    common.packageFile = packageFile;
+    common.volume = volume;
+    common.wizardValues = wizardValues != nullptr ? &wizard : nullptr;
+    common.language = language;
+    common.userName = userName;
+    common.type = PKG_INSTALLATION_UPGRADE;
+    ZARN::PkgUtils::WorkerResp resp;
+    PackageInfo fresh;
+    PackageInfo old;
+    std::vector<std::string> list;
+    std::string tmpFolder;
+    bool wasRunning = false;
+    bool success = false;
+    unsigned long long mask = 0;
+    if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
+        setResult(PKG_ERR_LOCK);
+        goto epilogue;
+    }
+    {
+        const PKG_ERRCODE unpacked = PMSUnpackPackage(packageFile, extractDir, fresh);
+        if (unpacked != PKG_ERR_SUCCESS) {
+            setResult(unpacked);
+            goto epilogue;
+        }
+    }
+    if (!PMSCheckPackageArchModelMatched(fresh)) {
+        ZLOGERR("Unsupported system arch");
+        setResult(PKG_ERR_ARCH_MODEL);
+        goto epilogue;
+    }
+    if (!CanPackageStartInThisFirmware(fresh)) {
+        goto epilogue;
+    }
+    if (!getPackageInfo(fresh.name, old, nullptr, ~0ULL)) {
+        ZLOGERR("Previous %s not installed, upgrade not possible", fresh.name.c_str());
+        goto epilogue;
+    }
+    {
+        const std::string& name = fresh.name;
+        const PackageInfoExtraPrivate& extra = *fresh.extra.get();
+        if (PackageBasicInfo(name, fresh.version)
+                .compare(PackageBasicInfo(name, old.version), PKG_VER_LT)) {
+            insertMapParam("oldver", fresh.version);
+            insertMapParam("curver", old.version);
+            ZLOGERR("Can't downgrade %s", name.c_str());
+            setResult(PKG_ERR_DOWNGRADE);
+            goto epilogue;
+        }
+        common.logFile = getFixedLogFilePath(name);
+        ZARNUnlink(PMSGetProgressPath(name));
+        if (!IsFileExists(PKG_UPGRADE_BOOTUP_FLAG)) {
+            if (areDependencyPkgStarting(name)) {
+                setResult(PKG_ERR_LOCK);
+                goto epilogue;
+            }
+            getDependencyOrder(name.c_str(), list, false);
+            PackageManager probe;
+            const bool clean = PMSCheckBrokenReplaced(probe, fresh, language);
+            Json::Value stopList;
+            getDepPkgListStop(list, name, language, stopList);
+            const bool dependantsStop = stopList.isArray() && !stopList.empty();
+            if (!ignoreDependencies && (!clean || dependantsStop)) {
+                for (const auto& param : probe.getMapParams()) {
+                    insertMapParam(param.first, param.second);
+                }
+                std::string names;
+                joinJsonArray(stopList, ", ", names);
+                insertMapParam("deppkg", names);
+                setResult(PKG_ERR_DEP_HANDLE);
+                goto epilogue;
+            }
+            if (ignoreDependencies && list.size() == 1) {
+                list.clear();
+            }
+        } else {
+            list = {name};
+            std::string names;
+            if (!areDependentPackageStop(name, language, names)) {
+                ZLOGERR("Warring: %s is dependent on %s", names.c_str(), name.c_str());
+            }
+        }
+        if (!stopPackages(extra.install_break_packages, language, userName)) {
+            ZLOGERR("Failed to stop to-be-broken packages");
+        }
+        if (!stopPackages(extra.install_replace_packages, language, userName)) {
+            ZLOGERR("Failed to stop to-be-replace packages");
+        }
+        for (const DepPkgVector* stopped :
+             {&extra.install_break_packages, &extra.install_replace_packages}) {
+            for (const PackageBasicInfo& entry : *stopped) {
+                std::vector<std::string> dependants;
+                if (!getDependencyOrder(entry.name.c_str(), dependants, false)) {
+                    ZLOGERR("Failed to get dependency order for %s", entry.name.c_str());
+                }
+                AddOnce(list, dependants);
+            }
+        }
+        if (ZARNPathExists(PMSRegistryDir(name) + "/enabled")) {
+            wasRunning = true;
+        } else {
+            getServiceStatus(old.name, wasRunning, true);
+            if (!wasRunning && !ZARNPathExists(kOsUpgradePackages) &&
+                ZARNSystemGetBootStep() == kBootStepUp &&
+                VLIBServiceIsEnabled(Service::PkgctlName(name)) == 1) {
+                wasRunning = true;
+            }
+        }
+        if (wasRunning) {
+            mask |= findRestartServices(list);
+            serviceControl(PKG_INSTALLATION_UPGRADE, old.name, false, language, userName, &list,
+                           true, false);
+            if (getResult() == PKG_ERR_PRESTOP) {
+                // The old version refused to stop: it stays as it was, running.
+                goto epilogue;
+            }
+        }
+        if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
+            ZLOGERR("Failed to lock, %s", name.c_str());
+            setResult(PKG_ERR_LOCK);
+            goto epilogue;
+        }
+        Privilege::ReviseFileAttr(name, extractDir, false);
+        tmpFolder = Privilege::GetTmpFolderPath(old.name, volume.c_str());
+        if (!tmpFolder.empty() && !Privilege::CreateTmpFolder(old.name, tmpFolder)) {
+            tmpFolder.clear();
+        }
+        // The old version's data survive in the temporary folder through its own scripts.
+        if (!runInstallScript("preupgrade", old, common, resp, old.version)) {
+            setResult(PKG_ERR_SYSTEM);
+            goto epilogue;
+        }
+        mask |= old.instuninst_restart_services;
+        if (!uninstall(old, common.wizardValues, language, PKG_INSTALLATION_UPGRADE, nullptr)) {
+            ZLOGERR("Failed to remove package %s", old.name.c_str());
+        }
+        if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
+            ZLOGERR("Failed to lock, %s", name.c_str());
+            setResult(PKG_ERR_LOCK);
+            goto epilogue;
+        }
+        if (PMSUsesReplaceMechanism(fresh)) {
+            DepPkgVector replaced = extra.install_replace_packages;
+            if (!runInstallScript("prereplace", old, common, resp, old.version) ||
+                !uninstallReplacedPkgs(replaced, language, userName)) {
+                ZLOGERR("Failed to remove replace package for %s", name.c_str());
+                setResult(PKG_ERR_SYSTEM);
+                goto epilogue;
+            }
+        }
+        Resource::InitRequiredFields(name, extractDir);
+        Resource::RestoreResourceFile(name, extractDir);
+        if (!PMSAcquireStep(*this, Resource::TIMING_PREINST, fresh, PKG_INSTALLATION_UPGRADE, resp,
+                            common.wizardValues, extractDir)) {
+            setResult(PKG_ERR_UPGRADE);
+            goto epilogue;
+        }
+        if (!runInstallScript("preinst", fresh, common, resp, old.version)) {
+            setResult(PKG_ERR_SYSTEM);
+            goto epilogue;
+        }
+        const std::string target = appstoreDir + "/" + name;
+        if (!PMSMovePayload(fresh, PKG_INSTALLATION_UPGRADE, extractDir, target)) {
+            setResult(PKG_ERR_SYSTEM);
+            goto epilogue;
+        }
+        if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
+            setResult(PKG_ERR_LOCK);
+            goto epilogue;
+        }
+        if (!PMSRecheckExtractedInfo(packageFile, extractDir, fresh, false) ||
+            !PMSEmbedIcons(extractDir, name)) {
+            setResult(PKG_ERR_BAD_PACKAGE);
+            goto epilogue;
+        }
+        if (!registerPackage(PKG_INSTALLATION_UPGRADE, fresh, name, extractDir, target)) {
+            ZLOGERR("Failed to register package %s", name.c_str());
+            setResult(PKG_ERR_SYSTEM);
+            goto epilogue;
+        }
+        const bool postAcquired = PMSAcquireStep(*this, Resource::TIMING_POSTINST, fresh,
+                                                 PKG_INSTALLATION_UPGRADE, resp,
+                                                 common.wizardValues, "");
+        mask |= fresh.instuninst_restart_services;
+        if (!runInstallScript("postinst", fresh, common, resp, old.version) ||
+            (PMSUsesReplaceMechanism(fresh) &&
+             !runInstallScript("postreplace", fresh, common, resp, old.version)) ||
+            !runInstallScript("postupgrade", fresh, common, resp, old.version)) {
+            setResult(PKG_ERR_SYSTEM);
+            goto epilogue;
+        }
+        if (!postAcquired) {
+            setResult(PKG_ERR_UPGRADE);
+            goto epilogue;
+        }
+        *getPackageInfoData() = fresh;
+        success = PMSFinishInstall(*this, fresh, language, userName);
+    }
+epilogue:
+    InstallationHandlerPost(wasRunning, success, userName, language,
+                            success ? option : INST_RUN_NO_START, PKG_INSTALLATION_UPGRADE, fresh,
+                            list, mask);
+    if (!tmpFolder.empty()) {
+        PMSRunTool(fresh, PKG_INSTALLATION_UPGRADE, "/bin/rm", {"-rf", tmpFolder});
+    }
+    if (!fresh.name.empty()) {
+        const std::string line = "upgrade " + old.name + " from " + old.version + " to " +
+                                 fresh.version + " " + (success ? "successfully" : "failed");
+        PMSWriteSysLog(line.c_str());
+    }
+    PMSCleanExtractDir(*this, fresh, PKG_INSTALLATION_UPGRADE, extractDir);
+    if (!fresh.name.empty()) {
+        PMSCheckServiesStatus(fresh, &old, PKG_INSTALLATION_UPGRADE, -1);
+    }
+    return success;
+}
+
+}  // namespace ZARNPackageTool
