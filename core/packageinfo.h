@@ -295,6 +295,15 @@ enum PKG_INSTALLATION_TYPE : int {
     PKG_INSTALLATION_RESTART = 32,
 };
 
+// How a start or stop reports its messages: not at all; the workers' messages to the caller as
+// the JSON parameter "worker_msg"; or, for an action taken on behalf of another package, the
+// package's message file to the administrators as a notification.
+enum MSG_TYPE : int {
+    MSG_TYPE_NONE = 0,
+    MSG_TYPE_WORKER = 1,
+    MSG_TYPE_NOTIFY = 2,
+};
+
 // Wizard base file name of each installation type.
 ZARNPKG_API extern const std::map<int, std::string> UIFileMapping;
 

@@ -194,6 +194,38 @@ public:
     bool RestartServices(PKG_INSTALLATION_TYPE type, unsigned long long mask);
     bool RestartServicesAction(unsigned long mask);
 
+    // Start/stop engine (control/service_control.cpp). serviceControl is the whole operation:
+    // task, package lock (kept for type 2, whose caller goes on under it), the order of the
+    // package and its running dependants (reversed for a start), each action, and the reload
+    // of related services. The named package reports with MSG_TYPE_NOTIFY for a system action
+    // (type 0), done on behalf of another package or the boot, and MSG_TYPE_WORKER otherwise.
+    // `packages` null or empty: the order is computed.
+    bool serviceControl(PKG_INSTALLATION_TYPE type, const std::string& name, bool start,
+                        const char* language, const char* userName,
+                        std::vector<std::string>* packages, bool withDependencies,
+                        bool restartServices);
+    // Type 8 for a start, 16 for a stop, with dependants and related services.
+    bool serviceControl(const std::string& name, bool start, const char* language);
+    // One package, under the lock that the caller holds. Type 0 is the system's own start or
+    // stop: a resume or pause without hooks or resources, and a stop keeps `enabled`.
+    bool serviceControlAction(PKG_INSTALLATION_TYPE type, const std::string& name, bool start,
+                              const char* language, const char* userName, MSG_TYPE msg);
+    // Stops the package with its running dependants (type 32), then starts them again.
+    bool serviceControlRestart(const std::string& name);
+    // Starts or stops (type 0) the enabled packages that need one of these host services,
+    // under the all-packages lock.
+    bool serviceControlByService(const std::set<std::string>& services, bool start,
+                                 bool printProgress);
+    bool serviceControlByService(const std::vector<unsigned int>& services, bool start,
+                                 bool printProgress);
+    // Brings a package whose service runs while the package should be off to rest, before its
+    // dependants start.
+    bool fixPkgServiceStatus(PKG_INSTALLATION_TYPE type, const std::string& name,
+                             const char* language, const char* userName);
+    // The clean-up after a stop: desktop link, `enabled` and the resources of "disable" (not for
+    // type 0). A failed release is logged and reported, never a failed stop.
+    void removePkgResources(PKG_INSTALLATION_TYPE type, const PackageInfo& info, MSG_TYPE msg);
+
     // Places the control files of an unpacked package under /var/packages/<name> with the
     // install flag, links its target and makes it durable (lifecycle/register_package.cpp).
     bool registerPackage(PKG_INSTALLATION_TYPE type, PackageInfo& info, const std::string& name,

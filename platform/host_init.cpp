@@ -269,6 +269,7 @@ bool LinkTools(std::string& error) {
     static const char* const kTools[][2] = {
         {"/usr/zarn/sbin/zarnpkgctl", "zarnpkgctl"},
         {"/sbin/initctl", "zarn-initctl"},
+        {"/usr/zarn/bin/zarnkosnotify", "zarnkosnotify"},
     };
     const std::string dir = ToolsDir();
     for (const auto& tool : kTools) {
