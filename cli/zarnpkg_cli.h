@@ -34,11 +34,13 @@ int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& t
 // and the facts of `params`: "error: 0x<code> <message ...>: <sentence>" on standard error, or
 // the JSON failure form.
 int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& message,
-                        const std::string& what, const Json::Value& params = Json::Value());
+                        const std::string& what, const Json::Value& params = Json::Value(),
+                        const Json::Value& workerMsg = Json::Value());
 // A failure whose message is the key of its code.
 int PrintFailureCode(const CliContext& ctx, unsigned int code, const std::string& what,
-                     const Json::Value& params = Json::Value());
-// A failure of the manager's result, with its map parameters.
+                     const Json::Value& params = Json::Value(),
+                     const Json::Value& workerMsg = Json::Value());
+// A failure of the manager's result, with its map parameters and the workers' messages.
 int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& pm,
                  const std::string& what);
 // A usage error: the problem and the usage text on standard error (with --json also the
@@ -64,3 +66,5 @@ int CmdStatus(CliContext& ctx);
 int CmdLog(CliContext& ctx);
 int CmdOrder(CliContext& ctx);
 int CmdWorkers(CliContext& ctx);
+int CmdInstall(CliContext& ctx);
+int CmdUninstall(CliContext& ctx);

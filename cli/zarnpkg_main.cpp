@@ -32,6 +32,11 @@ const Command kCommands[] = {
     {"status", CmdStatus, "NAME", "status and rough status of an installed package"},
     {"log", CmdLog, "NAME", "the package's log text"},
     {"order", CmdOrder, "[NAME]", "stop order of all packages, or of NAME's dependants"},
+    {"install", CmdInstall,
+     "FILE [--volume V] [--start|--no-start|--keep-running] [--wizard JSON|@FILE] [--user U] "
+     "[--verify-signature] [--ignore-deps]",
+     "install, upgrade or repair a package from a QAR file"},
+    {"uninstall", CmdUninstall, "NAME [--force] [--wizard JSON|@FILE]", "remove a package"},
     {"workers", CmdWorkers, "[NAME]",
      "resource workers per moment with their origin, or those\n"
      "that NAME's conf/resource asks for"},

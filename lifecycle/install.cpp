@@ -17,6 +17,7 @@
 #include "platform/apppriv.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/locks.h"
 #include "platform/log.h"
 #include "platform/volumes.h"
 #include "privilege/privilege.h"
@@ -85,8 +86,7 @@ void StartStoppedByDepLimit(const PackageInfo& info, const char* language, const
         Json::Value missing;
         std::string names;
         if (running || pm.getResult() != PKG_ERR_STOPPED_BY_DEP_LIMIT ||
-            !pm.arePackagesInstallAndStart(record.install_dep_packages, missing, names,
-                                           language)) {
+            !pm.arePackagesInstallAndStart(record.install_dep_packages, missing, names, language)) {
             continue;
         }
         started.push_back(record.displayname.empty() ? name : record.displayname);
@@ -123,11 +123,13 @@ PKG_ERRCODE TmpDirFailure() {
 }
 
 void WriteInstallEvent(const PackageInfo& info, int kind, bool success, PKG_ERRCODE result) {
-    if (info.displayname.empty() || (kind == KIND_UPGRADE && !success && result == PKG_ERR_DOWNGRADE)) {
+    if (info.displayname.empty() ||
+        (kind == KIND_UPGRADE && !success && result == PKG_ERR_DOWNGRADE)) {
         return;
     }
-    const unsigned int base = kind == KIND_FRESH ? 0x13700001 : kind == KIND_UPGRADE ? 0x13700003
-                                                                                      : 0x13700005;
+    const unsigned int base = kind == KIND_FRESH     ? 0x13700001
+                              : kind == KIND_UPGRADE ? 0x13700003
+                                                     : 0x13700005;
     ZARNLogSet1(2, success ? 1 : 3, success ? base : base + 1, info.displayname, "", "");
 }
 
@@ -139,9 +141,8 @@ bool PackageManager::post_install(const PackageInfo& /*info*/) {
 }
 
 bool PackageManager::install(const char* language, const std::string& packageFile,
-                             const std::string& volume, bool start,
-                             const Json::Value* wizardValues, const char* userName,
-                             bool verifySignature, bool ignoreDependencies) {
+                             const std::string& volume, bool start, const Json::Value* wizardValues,
+                             const char* userName, bool verifySignature, bool ignoreDependencies) {
     return install(language, packageFile, volume, OptionOf(start), wizardValues, userName,
                    verifySignature, ignoreDependencies);
 }
@@ -151,8 +152,7 @@ bool PackageManager::installQAR(const char* language, std::string packageFile,
     if (packageFile.empty() || !init()) {
         return false;
     }
-    if (!install(language, packageFile, volume, INST_RUN_NO_START, nullptr, nullptr, false,
-                 true)) {
+    if (!install(language, packageFile, volume, INST_RUN_NO_START, nullptr, nullptr, false, true)) {
         ZLOGERR("Failed to install package: %s, [%d]", packageFile.c_str(), getResult());
         return false;
     }
@@ -250,9 +250,9 @@ bool PackageManager::install(const char* language, const std::string& packageFil
         if (chosen.empty() && !PMSGetPackageDefVol(chosen)) {
             chosen = volume;
         }
-        const unsigned long long size =
-            info.extractsize != 0 ? static_cast<unsigned long long>(info.extractsize)
-                                  : static_cast<unsigned long long>(st.st_size * 1.5);
+        const unsigned long long size = info.extractsize != 0
+                                            ? static_cast<unsigned long long>(info.extractsize)
+                                            : static_cast<unsigned long long>(st.st_size * 1.5);
         if (chosen.empty() &&
             !PMSGetTmpDir(size, nullptr, chosen, PMSGetIntallOnColdStorage(info))) {
             ZLOGERR("No available tmp path");
@@ -283,8 +283,8 @@ bool PackageManager::install(const char* language, const std::string& packageFil
             }
         }
         const std::string appstoreDir = finalVolume + "/@appstore";
-        if (ZARNFSMkdirP(appstoreDir, 0, 1, static_cast<uid_t>(-1), static_cast<gid_t>(-1),
-                         0755) != 0) {
+        if (ZARNFSMkdirP(appstoreDir, 0, 1, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0755) !=
+            0) {
             ZLOGERR("Failed to check appstore %s", appstoreDir.c_str());
             setResult(PKG_ERR_NO_VOLUME);
             goto unlock;
@@ -452,6 +452,7 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
             goto epilogue;
         }
         mask = findRestartServices({name}) | info.instuninst_restart_services;
+        *getPackageInfoData() = info;
         success = true;
     }
 epilogue:
@@ -475,8 +476,8 @@ void PackageManager::InstallationHandlerPost(bool wasRunning, bool success, cons
                                              unsigned long long restartMask) {
     if (option == INST_RUN_START || (option == INST_RUN_KEEP_RUNNING && wasRunning)) {
         restartMask |= findRestartServices(dependants);
-        const bool started = serviceControl(type, info.name, true, language, userName,
-                                            &dependants, true, false);
+        const bool started =
+            serviceControl(type, info.name, true, language, userName, &dependants, true, false);
         if (type == PKG_INSTALLATION_UPGRADE && started && success) {
             StartStoppedByDepLimit(info, language, userName);
         }

@@ -146,7 +146,7 @@ bool PMSEmbedIcons(const std::string& extractDir, const std::string& name) {
                     name.c_str());
             return false;
         }
-        if (!VLIBCFileSetKeyValue(extractDir + "/INFO", icon.key, Base64(data), "%s=\"%s\"\n")) {
+        if (!VLIBCFileSetKeyValue(extractDir + "/INFO", icon.key, Base64(data))) {
             ZLOGERR("Failed to save %s icon data for %s", icon.size, name.c_str());
             return false;
         }
@@ -169,7 +169,8 @@ bool PMSMovePayload(const PackageInfo& info, PKG_INSTALLATION_TYPE type,
 
 bool runInstallScript(const std::string& script, const PackageInfo& info, const Common& common,
                       const ZARN::PkgUtils::WorkerResp& resp, const std::string& oldVersion) {
-    const bool installed = script == "postinst" || script == "postupgrade" || script == "postreplace";
+    const bool installed =
+        script == "postinst" || script == "postupgrade" || script == "postreplace";
     const std::string base = installed ? "" : common.extractDir;
     const std::string path =
         (installed ? PMSRegistryDir(info.name) : common.extractDir) + "/scripts/" + script;
@@ -221,8 +222,9 @@ int PMSRunUninstallScript(const std::string& script, const PackageInfo& info,
     if (!Privilege::SetIdentity(runner, info.name, script, "")) {
         ZLOGERR("Failed to set identity to %s for %s [0x%04X %s:%d]", script.c_str(),
                 info.name.c_str(), VLIBCErrGet(), VLIBCErrorGetFile(), VLIBCErrorGetLine());
-        ZLOGWARN("Ignore set identify error since it is upgrade/repair or we cannot fix it "
-                 "forcely");
+        ZLOGWARN(
+            "Ignore set identify error since it is upgrade/repair or we cannot fix it "
+            "forcely");
     }
     return PMSRunAndWriteScriptLog(info, type, runner, PKG_RUN_MODE_SCRIPT);
 }
@@ -245,7 +247,8 @@ bool PMSCheckBrokenReplaced(PackageManager& pm, const PackageInfo& info, const c
     std::vector<std::string> replaced;
     const PackageInfoExtraPrivate& extra = *info.extra.get();
     const bool breaks = pm.areDepPkgsInstalled(extra.install_break_packages, broken, language);
-    const bool replaces = pm.areDepPkgsInstalled(extra.install_replace_packages, replaced, language);
+    const bool replaces =
+        pm.areDepPkgsInstalled(extra.install_replace_packages, replaced, language);
     if (!breaks && !replaces) {
         return true;
     }

@@ -101,8 +101,8 @@ bool PackageManager::uninstall(const PackageInfo& info, const Json::Value* wizar
     if (type == PKG_INSTALLATION_UNINSTALL) {
         task = createTask(PKG_TASK_UNINSTALL_PREFIX, name, "uninstalling");
     }
-    const std::string logFile = getLogFilePath().empty() ? getFixedLogFilePath(name)
-                                                         : getLogFilePath();
+    const std::string logFile =
+        getLogFilePath().empty() ? getFixedLogFilePath(name) : getLogFilePath();
     ZARN::PkgUtils::WorkerResp resp;
     bool success = false;
     bool wasRunning = false;

@@ -223,9 +223,9 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
             setResult(PKG_ERR_SYSTEM);
             goto epilogue;
         }
-        const bool postAcquired = PMSAcquireStep(*this, Resource::TIMING_POSTINST, fresh,
-                                                 PKG_INSTALLATION_UPGRADE, resp,
-                                                 common.wizardValues, "");
+        const bool postAcquired =
+            PMSAcquireStep(*this, Resource::TIMING_POSTINST, fresh, PKG_INSTALLATION_UPGRADE, resp,
+                           common.wizardValues, "");
         mask |= fresh.instuninst_restart_services;
         if (!runInstallScript("postinst", fresh, common, resp, old.version) ||
             (PMSUsesReplaceMechanism(fresh) &&
