@@ -82,7 +82,7 @@ int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& t
 
 int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& given,
                         const std::string& what, const Json::Value& givenParams,
-                        const Json::Value& workerMsg) {
+                        const Json::Value& workerMessages) {
     Json::Value message = given;
     if (code == ZARNPackageTool::PKG_ERR_SUCCESS) {
         // A failure that left no reason behind must not read as success to a script.
@@ -101,7 +101,8 @@ int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Va
         out["message"] = message.isArray() ? message : Json::Value(Json::arrayValue);
         out["error"] = sentence;
         out["params"] = params;
-        out["worker_msg"] = workerMsg.isArray() ? workerMsg : Json::Value(Json::arrayValue);
+        out["worker_msg"] =
+            workerMessages.isArray() ? workerMessages : Json::Value(Json::arrayValue);
         PrintJson(out);
     } else {
         std::string line = "error: " + Hex(code);
@@ -111,24 +112,23 @@ int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Va
             }
         }
         PrintText(std::cerr, line + ": " + sentence);
-        if (workerMsg.isArray() && !workerMsg.empty()) {
-            PrintText(std::cerr, "worker_msg: " + Json::toCompactString(workerMsg));
-        }
     }
     return kExitFailed;
 }
 
 int PrintFailureCode(const CliContext& ctx, unsigned int code, const std::string& what,
-                     const Json::Value& params, const Json::Value& workerMsg) {
+                     const Json::Value& params) {
     Json::Value message(Json::arrayValue);
     message.append(ZARNPackageTool::PMSMessageKey(static_cast<PKG_ERRCODE>(code)));
-    return PrintFailureMessage(ctx, code, message, what, params, workerMsg);
+    return PrintFailureMessage(ctx, code, message, what, params);
 }
 
 int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& pm,
                  const std::string& what) {
-    return PrintFailureCode(ctx, pm.getResult(), what, ParamsObject(pm.getMapParams()),
-                            pm.getJsonParam("worker_msg"));
+    Json::Value message(Json::arrayValue);
+    message.append(ZARNPackageTool::PMSMessageKey(pm.getResult()));
+    return PrintFailureMessage(ctx, pm.getResult(), message, what, ParamsObject(pm.getMapParams()),
+                               pm.getJsonParam("worker_msg"));
 }
 
 int FinishOutput(const CliContext& ctx, int status) {

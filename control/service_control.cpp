@@ -268,6 +268,8 @@ bool PackageManager::serviceControl(PKG_INSTALLATION_TYPE type, const std::strin
             }
         }
         // The order is a stop order, dependants first; a start brings dependencies up first.
+        // The restart mask reads the named package, last in the stop order, from the record.
+        const std::vector<std::string> stopOrder = list;
         if (start) {
             std::reverse(list.begin(), list.end());
         }
@@ -294,34 +296,28 @@ bool PackageManager::serviceControl(PKG_INSTALLATION_TYPE type, const std::strin
             }
         }
         if (fixed) {
-            ok = true;
             const bool system = type == PKG_INSTALLATION_NONE || type == PKG_INSTALLATION_UPGRADE;
             for (const auto& p : list) {
-                PackageManager action;
-                bool done = false;
                 if (p == name) {
+                    // The caller's message file and parameters belong to the named package.
                     const MSG_TYPE msg =
                         type == PKG_INSTALLATION_NONE ? MSG_TYPE_NOTIFY : MSG_TYPE_WORKER;
-                    done = action.serviceControlAction(type, p, start, language, userName, msg);
+                    ok = serviceControlAction(type, p, start, language, userName, msg);
                 } else {
+                    PackageManager action;
                     const PKG_INSTALLATION_TYPE other = system ? PKG_INSTALLATION_NONE : reloadType;
-                    done = action.serviceControlAction(other, p, start, language, userName,
-                                                       MSG_TYPE_NOTIFY);
-                }
-                if (!done) {
-                    Json::Value data;
-                    const PKG_ERRCODE code = action.getResult(data);
-                    setResult(code, data);
-                    for (const auto& key : {"worker_msg"}) {
-                        const Json::Value value = action.getJsonParam(key);
-                        if (!value.isNull()) {
-                            insertJsonParam(key, value);
+                    ok = action.serviceControlAction(other, p, start, language, userName,
+                                                     MSG_TYPE_NOTIFY);
+                    if (!ok) {
+                        Json::Value data;
+                        const PKG_ERRCODE code = action.getResult(data);
+                        setResult(code, data);
+                        for (const auto& [key, value] : action.getMapParams()) {
+                            insertMapParam(key, value);
                         }
                     }
-                    for (const auto& [key, value] : action.getMapParams()) {
-                        insertMapParam(key, value);
-                    }
-                    ok = false;
+                }
+                if (!ok) {
                     break;
                 }
             }
@@ -332,7 +328,7 @@ bool PackageManager::serviceControl(PKG_INSTALLATION_TYPE type, const std::strin
         // The stop half of a restart leaves the reload to the start that follows.
         const bool reload = restartServices && (ok || (!fixed && start)) &&
                             !(type == PKG_INSTALLATION_RESTART && !start);
-        if (reload && !RestartServices(reloadType, findRestartServices(list))) {
+        if (reload && !RestartServices(reloadType, findRestartServices(stopOrder))) {
             ok = false;
         }
     }
@@ -378,8 +374,6 @@ bool PackageManager::serviceControlAction(PKG_INSTALLATION_TYPE type, const std:
         std::string messageFile = getLogFilePath();
         if (messageFile.empty()) {
             messageFile = getFixedLogFilePath(name);
-            // A message left by an earlier action is not this one's.
-            UnlinkFlag(messageFile);
         }
         if (type != PKG_INSTALLATION_NONE) {
             const bool identityMayFail =

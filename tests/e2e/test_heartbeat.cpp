@@ -13,9 +13,6 @@
 #include "platform/servicecfg.h"
 #include "privilege/privilege.h"
 #include "service/extra_env.h"
-#include "service/gen_job_adapter.h"
-#include "service/gen_service_cfg.h"
-#include "service/jobs.h"
 #include "support/job_root.h"
 #include "support/qar_builder.h"
 
@@ -52,15 +49,6 @@ protected:
         ASSERT_TRUE(ZARNRename(stage, "/var/packages/heartbeat"));
         ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/heartbeat", "/var/packages/heartbeat/target"));
     }
-    void generateJob(const std::string& name) {
-        enable(name);
-        std::vector<std::string> jobs;
-        ASSERT_TRUE(Service::EnumAvailableJobs(name, jobs));
-        ASSERT_TRUE(Service::InstallJobs(name, jobs, true));
-        ASSERT_TRUE(Service::GenJobAdapter(name, Json::Value(), true)) << logText();
-        ASSERT_TRUE(Service::GenServiceCfg(name, Json::Value(), true)) << logText();
-    }
-
     static bool WaitFor(const std::function<bool()>& done) {
         for (int i = 0; i < 100; ++i) {
             if (done()) {

@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+
+#include "control/service_control.h"
+#include "platform/files.h"
+#include "platform/json.h"
+#include "support/service_packages.h"
+
+using namespace ZARNPackageTool;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+class ServiceControlTest : public ServicePackagesTest {
+protected:
+    // A <- B <- C: B needs A, C needs B.
+    void addChain() {
+        ASSERT_NO_FATAL_FAILURE(addServicePackage("a"));
+        ASSERT_NO_FATAL_FAILURE(addServicePackage("b", "a"));
+        ASSERT_NO_FATAL_FAILURE(addServicePackage("c", "b"));
+    }
+    bool control(const std::string& name, bool start, PKG_ERRCODE expected = PKG_ERR_SUCCESS) {
+        PackageManager pm;
+        const bool ok = pm.serviceControl(name, start, nullptr);
+        EXPECT_EQ(pm.getResult(), expected) << name << "\n" << logText();
+        return ok;
+    }
+    void expectRunning(const Names& up, const Names& down) {
+        for (const auto& p : up) {
+            EXPECT_TRUE(processAlive(p)) << p;
+            EXPECT_TRUE(ZARNPathExists("/var/packages/" + p + "/enabled")) << p;
+        }
+        for (const auto& p : down) {
+            EXPECT_FALSE(processAlive(p)) << p;
+        }
+    }
+    std::string events() const { return readFile("/var/log/zarnhost/events.log"); }
+    static Json::Value Parsed(const std::string& text) {
+        Json::Value value;
+        EXPECT_TRUE(Json::fromString(value, text)) << text;
+        return value;
+    }
+};
+
+TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
+    addChain();
+    // With nothing running, a start of the last package starts only it.
+    ASSERT_TRUE(control("c", true));
+    EXPECT_EQ(trace({"start"}), Calls("start", {"c"}));
+    expectRunning({"c"}, {"a", "b"});
+    ASSERT_TRUE(control("c", false));
+
+    for (const char* p : {"a", "b", "c"}) {
+        ASSERT_TRUE(control(p, true));
+    }
+    expectRunning({"a", "b", "c"}, {});
+    ASSERT_TRUE(control("a", false));
+    EXPECT_EQ(trace({"stop"}), Calls("stop", {"c", "c", "b", "a"}));
+    EXPECT_EQ(trace({"prestop"}), Calls("prestop", {"c", "c", "b", "a"}));
+    expectRunning({}, {"a", "b", "c"});
+    for (const char* p : {"a", "b", "c"}) {
+        EXPECT_FALSE(ZARNPathExists(std::string("/var/packages/") + p + "/enabled")) << p;
+    }
+
+    for (const char* p : {"a", "b", "c"}) {
+        ASSERT_TRUE(control(p, true));
+    }
+    ASSERT_TRUE(ZARNUnlink("/trace"));
+    PackageManager pm;
+    ASSERT_TRUE(pm.serviceControlRestart("a")) << logText();
+    EXPECT_EQ(trace({"start", "stop"}),
+              (Names{"stop c", "stop b", "stop a", "start a", "start b", "start c"}));
+    expectRunning({"a", "b", "c"}, {});
+    // Each action is logged from its beginning to its result.
+    const std::string history = readFile("/var/log/zarnpkg.log");
+    EXPECT_NE(history.find("restart a: begin to stop packages c,b,a"), std::string::npos);
+    EXPECT_NE(history.find("restart a: begin to start packages a,b,c"), std::string::npos);
+    EXPECT_NE(history.find("restart a: start version 1.0 successfully, result 0"),
+              std::string::npos);
+    EXPECT_NE(readFile("/var/log/packages/b.log").find("prestart"), std::string::npos);
+}
+
+// Refusals: by the package's own hook, and by host services that aren't enabled. Neither leaves
+// anything running or marked to run.
+TEST_F(ServiceControlTest, RefusedStartsLeaveNothingRunning) {
+    writeFile("/etc/zarnhost/services.json",
+              R"({"services": [{"name": "ftpd", "display_name": "FTP Service", "enabled": false},
+                               {"name": "nfsd", "enabled": false},
+                               {"name": "crond", "display_name": "Scheduler", "enabled": true}]})");
+    addServicePackage("veto");
+    failAction("veto", "prestart");
+    addServicePackage("needy", "", "start_dep_services=\"ftpd nfsd crond\"\n");
+    struct Case {
+        const char* name;
+        PKG_ERRCODE code;
+    };
+    for (const Case& c :
+         {Case{"veto", PKG_ERR_PRESTART}, Case{"needy", PKG_ERR_SERVICE_NOT_STARTED}}) {
+        PackageManager pm;
+        EXPECT_FALSE(pm.serviceControl(c.name, true, nullptr)) << c.name;
+        Json::Value data;
+        EXPECT_EQ(pm.getResult(data), c.code) << c.name << "\n" << logText();
+        if (c.code == PKG_ERR_SERVICE_NOT_STARTED) {
+            EXPECT_EQ(data, Parsed(R"(["FTP Service", "nfsd"])")) << data;
+        }
+        expectRunning({}, {c.name});
+        EXPECT_FALSE(ZARNPathExists(std::string("/var/packages/") + c.name + "/enabled"));
+        EXPECT_EQ(trace({"start"}), Names{});
+    }
+    EXPECT_EQ(trace({"prestart"}), Calls("prestart", {"veto"}));
+    // A refused stop keeps the package running.
+    addServicePackage("keeper");
+    ASSERT_TRUE(control("keeper", true));
+    failAction("keeper", "prestop");
+    EXPECT_FALSE(control("keeper", false, PKG_ERR_PRESTOP));
+    expectRunning({"keeper"}, {});
+}
+
+// The system's own stop pauses a package and keeps its flag; when the package then can't come
+// back, what runs on top of it stops and the administrators hear of it.
+TEST_F(ServiceControlTest, FailedStartOfAnEnabledPackageStopsItsDependants) {
+    addServicePackage("base");
+    addServicePackage("app", "base");
+    ASSERT_TRUE(control("base", true));
+    ASSERT_TRUE(control("app", true));
+    PackageManager system;
+    ASSERT_TRUE(system.serviceControlAction(PKG_INSTALLATION_NONE, "base", false, nullptr, nullptr,
+                                            MSG_TYPE_NONE))
+        << logText();
+    EXPECT_FALSE(processAlive("base"));
+    EXPECT_TRUE(ZARNPathExists("/var/packages/base/enabled"));
+    EXPECT_EQ(trace({"prestop"}), Names{}) << "a system stop runs no hook";
+
+    failAction("base", "start");
+    EXPECT_FALSE(control("base", true, PKG_ERR_START));
+    expectRunning({}, {"base", "app"});
+    for (const char* p : {"base", "app"}) {
+        EXPECT_FALSE(ZARNPathExists(std::string("/var/packages/") + p + "/enabled")) << p;
+    }
+    EXPECT_EQ(CountOf(events(), "pkgmgr:dep_start_failed Pkg base Pkg app"), 1u) << events();
+}
+
+// One reload for a whole chain, and for a restart one after its start only.
+TEST_F(ServiceControlTest, RestartMaskReloadsNamedServicesOnce) {
+    addServicePackage("a", "", "startstop_restart_services=\"cron\"\n");
+    addServicePackage("b", "a", "startstop_restart_services=\"cron nfs\"\n");
+    ASSERT_TRUE(control("a", true));
+    ASSERT_TRUE(control("b", true));
+    EXPECT_EQ(CountOf(events(), "service reload: crond"), 2u);
+    EXPECT_EQ(CountOf(events(), "service reload: nfsd"), 1u);
+    PackageManager pm;
+    ASSERT_TRUE(pm.serviceControlRestart("a"));
+    EXPECT_EQ(CountOf(events(), "service reload: crond"), 3u) << events();
+    EXPECT_EQ(CountOf(events(), "service reload: nfsd"), 2u) << events();
+}
+
+// The UI sees the action as a task while it runs, and no more after it.
+TEST_F(ServiceControlTest, TaskIsVisibleWhileTheActionRuns) {
+    const std::string task = "/tmp/KOSTaskMgr/@administrators/@ZARNPKG_STARTSTOP_watched.json";
+    addServicePackage("watched", "", "",
+                      "prestart|prestop) cp '" + phys(task) + "' \"" + root() + "/seen-$1\" ;;");
+    ASSERT_TRUE(control("watched", true));
+    ASSERT_TRUE(control("watched", false));
+    for (const char* status : {"starting", "stopping"}) {
+        const std::string seen =
+            readFile(status == std::string("starting") ? "/seen-prestart" : "/seen-prestop");
+        ASSERT_FALSE(seen.empty()) << status;
+        const Json::Value data = Parsed(seen)["properties"]["data"];
+        EXPECT_EQ(data["id"], "watched") << seen;
+        EXPECT_EQ(data["status"], status) << seen;
+    }
+    EXPECT_FALSE(ZARNPathExists(task));
+}
+
+}  // namespace
