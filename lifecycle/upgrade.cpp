@@ -109,8 +109,15 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
                 for (const auto& param : probe.getMapParams()) {
                     insertMapParam(param.first, param.second);
                 }
-                std::string names;
-                joinJsonArray(stopList, ", ", names);
+                std::vector<std::string> shown;
+                for (const Json::Value& entry : stopList) {
+                    shown.push_back(entry["name"].asString());
+                }
+                const std::string names = joinStringArray(shown, ", ");
+                ZLOGERR(
+                    "Can't upgrade %s: it breaks or replaces installed packages, or running "
+                    "ones need it (%s)",
+                    name.c_str(), names.c_str());
                 insertMapParam("deppkg", names);
                 setResult(PKG_ERR_DEP_HANDLE);
                 goto epilogue;

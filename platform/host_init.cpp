@@ -113,9 +113,15 @@ bool MakeRootFolder(std::string& error) {
             return false;
         }
         if (end == std::string::npos) {
-            return true;
+            break;
         }
     }
+    // Package accounts reach their files and scripts through the root, as through "/".
+    if (!ZARNChmod("/", 0755)) {
+        error = "cannot open " + root + " to package accounts: " + ErrnoText(errno);
+        return false;
+    }
+    return true;
 }
 
 bool MakeFolders(std::string& error) {

@@ -59,7 +59,9 @@ show "wizard-demo's script wrote the answer 'Ada'" grep -qx Ada "$root/volume1/@
 run ok list
 run fail uninstall heartbeat
 old=$(cat "$root/volume1/@appstore/heartbeat/heartbeat.pid")
-run ok install "$work/heartbeat-1.1.qar" --keep-running
+# greeter runs on heartbeat: the upgrade is refused unless it may stop and restart greeter.
+run fail install "$work/heartbeat-1.1.qar" --keep-running
+run ok install "$work/heartbeat-1.1.qar" --keep-running --ignore-deps
 show "heartbeat runs again after the upgrade" alive
 show "with a new process (was $old, now $(cat "$root/volume1/@appstore/heartbeat/heartbeat.pid"))" \
   test "$old" != "$(cat "$root/volume1/@appstore/heartbeat/heartbeat.pid")"
