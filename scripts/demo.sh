@@ -50,7 +50,9 @@ cp -a "$here/examples/heartbeat" "$work/heartbeat-1.1"
 sed -i 's/^version=.*/version="1.1.0-0001"/' "$work/heartbeat-1.1/INFO"
 run ok pack "$work/heartbeat-1.1" -o "$work/heartbeat-1.1.qar"
 
-run ok install "$work/heartbeat.qar" --start
+run ok install "$work/heartbeat.qar"
+run ok status heartbeat
+run ok start heartbeat
 show "heartbeat's process is alive" alive
 show "heartbeat beats" beating
 run ok install "$work/greeter.qar" --start

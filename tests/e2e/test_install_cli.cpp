@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <fstream>
 #include <thread>
 
+#include "platform/accounts.h"
 #include "platform/files.h"
 #include "support/cli_runner.h"
 #include "support/job_root.h"
@@ -108,6 +110,15 @@ TEST_F(InstallCliTest, ExamplesTravelTheWholeRoad) {
     const std::string wizard = pack("wizard-demo");
     ASSERT_EQ(zarn({"install", heartbeat, "--start"}).status, 0) << logText();
     EXPECT_EQ(status("heartbeat"), 0);
+    // Its payload belongs to its own account, and the first install set the update notice.
+    uid_t uid = 0;
+    gid_t gid = 0;
+    ASSERT_EQ(ZARNUserGetUGID("heartbeat", &uid, &gid), 0);
+    struct stat st;
+    ASSERT_TRUE(ZARNStat("/volume1/@appstore/heartbeat/bin/heartbeat.sh", st));
+    EXPECT_EQ(st.st_uid, uid);
+    EXPECT_NE(readFile("/etc/zarninfo.conf").find("upgrade_pkg_kos_notification"),
+              std::string::npos);
     const std::string pid = readFile("/volume1/@appstore/heartbeat/heartbeat.pid");
     EXPECT_EQ(kill(std::stoi(pid), 0), 0);
     ASSERT_EQ(zarn({"install", greeter, "--start"}).status, 0) << logText();
@@ -185,6 +196,26 @@ TEST_F(InstallCliTest, FailingScriptsAndWizardValues) {
     EXPECT_EQ(CountOf(readFile("/tmp/runs"), "none"), 2u) << readFile("/tmp/runs");
     EXPECT_EQ(CountOf(readFile("/tmp/runs"), "yes"), 0u);
     EXPECT_NE(readFile("/var/log/packages/pkg.log").find("preuninst"), std::string::npos);
+}
+
+// A payload with a FIFO is refused before anything of it runs, naming the member.
+TEST_F(InstallCliTest, HostilePayloadIsRefused) {
+    const std::string gz = root() + "/tmp/payload.tgz";
+    writeFile("/tmp/payload.tar", qartest::RawTar({{"bin/pipe", "", '6'}, {"ok.txt", "x"}}));
+    ASSERT_EQ(qartest::Run({"/bin/gzip", "-kf", phys("/tmp/payload.tar")}), 0);
+    std::string err;
+    ASSERT_TRUE(qartest::TarFromMap("/tmp/hostile.qar",
+                                    {{"INFO", qartest::BasicInfo("hostile", "1.0")},
+                                     {"package.tgz", readFile("/tmp/payload.tar.gz")},
+                                     {"scripts/preinst", kScript}},
+                                    false, err))
+        << err;
+    writeFile("/tmp/runs", "");
+    const CliRun r = zarn({"--json", "install", phys("/tmp/hostile.qar")});
+    EXPECT_EQ(ParseJson(r.out)["code"].asInt(), 0x105) << r.out;
+    EXPECT_NE(logText().find("bin/pipe"), std::string::npos) << logText();
+    EXPECT_EQ(readFile("/tmp/runs"), "");
+    EXPECT_FALSE(ZARNPathExists("/volume1/@appstore/hostile"));
 }
 
 // kill -9 at each pause that a script offers: the package is then absent or broken, and the
