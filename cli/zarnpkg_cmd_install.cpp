@@ -34,10 +34,22 @@ bool TakeValue(const std::vector<std::string>& args, size_t& k, std::string& val
     return true;
 }
 
+// Takes the answers of --wizard at `k`; false with the problem in `why`.
+bool TakeWizard(const std::vector<std::string>& args, size_t& k, Json::Value& wizard,
+                std::string& why) {
+    std::string value;
+    if (!TakeValue(args, k, value)) {
+        why = "--wizard needs a value";
+        return false;
+    }
+    return ReadWizard(value, wizard, why);
+}
+
 }  // namespace
 
 int CmdInstall(CliContext& ctx) {
-    std::string file, given, volume, user, wizardArg;
+    std::string file, given, volume, user, why;
+    Json::Value wizard;
     INST_RUN_OPTION option = INST_RUN_KEEP_RUNNING;
     bool verify = false;
     bool ignoreDeps = false;
@@ -45,12 +57,15 @@ int CmdInstall(CliContext& ctx) {
     const std::vector<std::string>& args = ctx.args;
     for (size_t k = 0; k < args.size(); ++k) {
         const std::string& arg = args[k];
-        if (arg == "--volume" || arg == "--user" || arg == "--wizard") {
-            std::string& slot = arg == "--volume" ? volume : arg == "--user" ? user : wizardArg;
-            if (!TakeValue(args, k, slot)) {
+        if (arg == "--volume" || arg == "--user") {
+            if (!TakeValue(args, k, arg == "--volume" ? volume : user)) {
                 return PrintUsage(ctx, arg + " needs a value");
             }
-            hasWizard = hasWizard || arg == "--wizard";
+        } else if (arg == "--wizard") {
+            if (!TakeWizard(args, k, wizard, why)) {
+                return PrintUsage(ctx, why);
+            }
+            hasWizard = true;
         } else if (arg == "--start" || arg == "--no-start" || arg == "--keep-running") {
             option = arg == "--start"      ? INST_RUN_START
                      : arg == "--no-start" ? INST_RUN_NO_START
@@ -68,11 +83,6 @@ int CmdInstall(CliContext& ctx) {
     }
     if (file.empty()) {
         return PrintUsage(ctx, "install needs the QAR FILE to install");
-    }
-    Json::Value wizard;
-    std::string why;
-    if (hasWizard && !ReadWizard(wizardArg, wizard, why)) {
-        return PrintUsage(ctx, why);
     }
     PackageManager pm;
     if (!pm.init()) {
@@ -96,7 +106,8 @@ int CmdInstall(CliContext& ctx) {
 }
 
 int CmdUninstall(CliContext& ctx) {
-    std::string name, wizardArg;
+    std::string name, why;
+    Json::Value wizard;
     bool force = false;
     bool hasWizard = false;
     const std::vector<std::string>& args = ctx.args;
@@ -104,8 +115,8 @@ int CmdUninstall(CliContext& ctx) {
         if (args[k] == "--force") {
             force = true;
         } else if (args[k] == "--wizard") {
-            if (!TakeValue(args, k, wizardArg)) {
-                return PrintUsage(ctx, "--wizard needs a value");
+            if (!TakeWizard(args, k, wizard, why)) {
+                return PrintUsage(ctx, why);
             }
             hasWizard = true;
         } else if (args[k].rfind("--", 0) == 0 || !name.empty()) {
@@ -116,11 +127,6 @@ int CmdUninstall(CliContext& ctx) {
     }
     if (name.empty()) {
         return PrintUsage(ctx, "uninstall needs the NAME of an installed package");
-    }
-    Json::Value wizard;
-    std::string why;
-    if (hasWizard && !ReadWizard(wizardArg, wizard, why)) {
-        return PrintUsage(ctx, why);
     }
     PackageManager pm;
     if (!pm.init()) {

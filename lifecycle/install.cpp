@@ -331,44 +331,21 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
                                      INST_RUN_OPTION option, const Json::Value* wizardValues,
                                      const char* language, const char* userName,
                                      bool ignoreDependencies) {
-    const std::string extractDir = tmpDir + "/pkginstall";
-    Json::Value wizard = wizardValues != nullptr ? *wizardValues : Json::Value();
     Common common;
-    common.extractDir = extractDir;
-    common.packageFile = packageFile;
-    common.volume = volume;
-    common.wizardValues = wizardValues != nullptr ? &wizard : nullptr;
-    common.language = language;
-    common.userName = userName;
-    common.type = PKG_INSTALLATION_INSTALL;
+    Json::Value wizard;
+    PMSFillCommon(common, wizard, PKG_INSTALLATION_INSTALL, tmpDir, packageFile, volume,
+                  wizardValues, language, userName);
+    const std::string& extractDir = common.extractDir;
     ZARN::PkgUtils::WorkerResp resp;
     PackageInfo info;
     bool success = false;
     bool postAcquired = true;
     unsigned long long mask = 0;
-    if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
-        setResult(PKG_ERR_LOCK);
+    if (!PMSOpenPipeline(*this, common, info)) {
         goto epilogue;
     }
     {
-        const PKG_ERRCODE unpacked = PMSUnpackPackage(packageFile, extractDir, info);
-        if (unpacked != PKG_ERR_SUCCESS) {
-            setResult(unpacked);
-            goto epilogue;
-        }
-    }
-    {
         const std::string& name = info.name;
-        if (!PMSCheckPackageArchModelMatched(info)) {
-            ZLOGERR("Unsupported system arch");
-            setResult(PKG_ERR_ARCH_MODEL);
-            goto epilogue;
-        }
-        if (!CanPackageStartInThisFirmware(info)) {
-            ZLOGERR("Cannot start package [%s], version %s in this KOS version", name.c_str(),
-                    info.version.c_str());
-            goto epilogue;
-        }
         bool running = false;
         getServiceStatus(name, running, true);
         if (getResult() != PKG_ERR_NOT_INSTALLED) {
@@ -412,35 +389,16 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
             setResult(PKG_ERR_SYSTEM);
             goto epilogue;
         }
-        const std::string target = appstoreDir + "/" + name;
-        if (!PMSMovePayload(info, PKG_INSTALLATION_INSTALL, extractDir, target)) {
-            setResult(PKG_ERR_SYSTEM);
-            goto epilogue;
-        }
-        PMSRunTool(info, PKG_INSTALLATION_INSTALL, "/bin/rm", {"-rf", PMSRegistryDir(name)});
-        // Scripts and stops above may have let the lock go.
-        if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
-            ZLOGERR("Failed to lock, %s", name.c_str());
-            setResult(PKG_ERR_LOCK);
-            goto epilogue;
-        }
-        if (!PMSRecheckExtractedInfo(packageFile, extractDir, info, true) ||
-            !PMSEmbedIcons(extractDir, name)) {
-            setResult(PKG_ERR_BAD_PACKAGE);
-            goto epilogue;
-        }
-        if (!registerPackage(PKG_INSTALLATION_INSTALL, info, name, extractDir, target)) {
-            ZLOGERR("Failed to register package for %s", name.c_str());
-            setResult(PKG_ERR_SYSTEM);
+        const PKG_ERRCODE placed = PMSPlacePackage(*this, common, info, appstoreDir + "/" + name);
+        if (placed != PKG_ERR_SUCCESS) {
+            setResult(placed);
             goto epilogue;
         }
         // A failure here fails the install only once the scripts have had their say.
         postAcquired = PMSAcquireStep(*this, Resource::TIMING_POSTINST, info,
                                       PKG_INSTALLATION_INSTALL, resp, common.wizardValues, "");
         DenyGuests(info);
-        if (!runInstallScript("postinst", info, common, resp, "") ||
-            (PMSUsesReplaceMechanism(info) &&
-             !runInstallScript("postreplace", info, common, resp, ""))) {
+        if (!PMSRunPostScripts(info, common, resp, "")) {
             setResult(PKG_ERR_SYSTEM);
             goto epilogue;
         }

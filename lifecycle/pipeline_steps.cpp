@@ -5,12 +5,14 @@
 #include "core/helpers.h"
 #include "core/packagemanager.h"
 #include "core/registry.h"
+#include "core/version.h"
 #include "lifecycle/script_log.h"
 #include "package/archive.h"
 #include "package/payload_vet.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/keyfile.h"
+#include "platform/locks.h"
 #include "platform/log.h"
 #include "platform/process.h"
 #include "platform/programs.h"
@@ -52,24 +54,70 @@ std::string Base64(const std::string& data) {
     return out;
 }
 
-}  // namespace
-
-bool PMSRunTool(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const char* program,
-                std::vector<std::string> args) {
-    std::vector<std::string> argv = {ZARNMachineProgram(program)};
-    for (std::string& arg : args) {
-        argv.push_back(arg[0] == '/' ? PMSProgramPath(arg) : arg);
+// A script may have damaged the unpacked control files: INFO is read again, from a fresh
+// extraction of INFO and conf/ when it is missing, empty or (in an install) unreadable.
+bool RecheckExtractedInfo(const std::string& packageFile, const std::string& extractDir,
+                          PackageInfo& info, bool loadFirst) {
+    struct stat st;
+    const bool present = ZARNStat(extractDir + "/INFO", st) && st.st_size > 0;
+    if (present && (!loadFirst || PMSLoadPKGInfoFile(extractDir, info, nullptr, ~0ULL))) {
+        return true;
     }
-    ZARNUtils::ProcessRunner runner(argv);
-    if (PMSRunAndWriteScriptLog(info, type, runner, PKG_RUN_MODE_COMMAND) != 0) {
-        ZLOGERR("Failed to run %s", runner.toString().c_str());
+    ZLOGERR("Failed to validate package INFO in %s", extractDir.c_str());
+    RunQuiet({ZARNMachineProgram("/bin/tar"), "xf", PMSProgramPath(packageFile), "-C",
+              PMSProgramPath(extractDir), "INFO", "conf", "--no-same-owner"},
+             "tar");
+    if (!PMSLoadPKGInfoFile(extractDir, info, nullptr, ~0ULL)) {
+        ZLOGERR("Failed to validate package INFO");
         return false;
     }
     return true;
 }
 
-PKG_ERRCODE PMSUnpackPackage(const std::string& packageFile, const std::string& extractDir,
-                             PackageInfo& info) {
+// Stores the package's icons in its unpacked INFO as base64 text.
+bool EmbedIcons(const std::string& extractDir, const std::string& name) {
+    struct Icon {
+        const char* file;
+        const char* key;
+        const char* size;
+    };
+    for (const Icon& icon : {Icon{"PACKAGE_ICON.PNG", "package_icon", "72x72"},
+                             Icon{"PACKAGE_ICON_256.PNG", "package_icon_256", "256x256"}}) {
+        const std::string path = extractDir + "/" + icon.file;
+        if (!ZARNPathExists(path)) {
+            continue;
+        }
+        std::string data;
+        if (!ZARNFileRead(path, data)) {
+            ZLOGERR("Failed to encode package %s icon, %s for %s", icon.size, icon.file,
+                    name.c_str());
+            return false;
+        }
+        if (!VLIBCFileSetKeyValue(extractDir + "/INFO", icon.key, Base64(data))) {
+            ZLOGERR("Failed to save %s icon data for %s", icon.size, name.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+// Replaces the target by the unpacked payload.
+bool MovePayload(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const std::string& extractDir,
+                 const std::string& target) {
+    if (!PMSRunTool(info, type, "/bin/rm", {"-rf", target})) {
+        ZLOGERR("Failed to remove [%s]", target.c_str());
+        return false;
+    }
+    if (!PMSRunTool(info, type, "/bin/mv", {"-f", extractDir + "/package", target})) {
+        ZLOGERR("Failed to move package files [%s]", target.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Unpacks and vets; 0, or the result code of the failure (logged).
+PKG_ERRCODE UnpackPackage(const std::string& packageFile, const std::string& extractDir,
+                          PackageInfo& info) {
     const std::string tar = ZARNMachineProgram("/bin/tar");
     RunQuiet({ZARNMachineProgram("/bin/rm"), "-rf", PMSProgramPath(extractDir)}, "rm");
     if (!RunQuiet({ZARNMachineProgram("/bin/mkdir"), "-p", PMSProgramPath(extractDir + "/package")},
@@ -110,61 +158,90 @@ PKG_ERRCODE PMSUnpackPackage(const std::string& packageFile, const std::string& 
     return PKG_ERR_SUCCESS;
 }
 
-bool PMSRecheckExtractedInfo(const std::string& packageFile, const std::string& extractDir,
-                             PackageInfo& info, bool loadFirst) {
-    struct stat st;
-    const bool present = ZARNStat(extractDir + "/INFO", st) && st.st_size > 0;
-    if (present && (!loadFirst || PMSLoadPKGInfoFile(extractDir, info, nullptr, ~0ULL))) {
-        return true;
+}  // namespace
+
+bool PMSRunTool(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const char* program,
+                std::vector<std::string> args) {
+    std::vector<std::string> argv = {ZARNMachineProgram(program)};
+    for (std::string& arg : args) {
+        argv.push_back(arg[0] == '/' ? PMSProgramPath(arg) : arg);
     }
-    ZLOGERR("Failed to validate package INFO in %s", extractDir.c_str());
-    RunQuiet({ZARNMachineProgram("/bin/tar"), "xf", PMSProgramPath(packageFile), "-C",
-              PMSProgramPath(extractDir), "INFO", "conf", "--no-same-owner"},
-             "tar");
-    if (!PMSLoadPKGInfoFile(extractDir, info, nullptr, ~0ULL)) {
-        ZLOGERR("Failed to validate package INFO");
+    ZARNUtils::ProcessRunner runner(argv);
+    if (PMSRunAndWriteScriptLog(info, type, runner, PKG_RUN_MODE_COMMAND) != 0) {
+        ZLOGERR("Failed to run %s", runner.toString().c_str());
         return false;
     }
     return true;
 }
 
-bool PMSEmbedIcons(const std::string& extractDir, const std::string& name) {
-    struct Icon {
-        const char* file;
-        const char* key;
-        const char* size;
-    };
-    for (const Icon& icon : {Icon{"PACKAGE_ICON.PNG", "package_icon", "72x72"},
-                             Icon{"PACKAGE_ICON_256.PNG", "package_icon_256", "256x256"}}) {
-        const std::string path = extractDir + "/" + icon.file;
-        if (!ZARNPathExists(path)) {
-            continue;
-        }
-        std::string data;
-        if (!ZARNFileRead(path, data)) {
-            ZLOGERR("Failed to encode package %s icon, %s for %s", icon.size, icon.file,
-                    name.c_str());
-            return false;
-        }
-        if (!VLIBCFileSetKeyValue(extractDir + "/INFO", icon.key, Base64(data))) {
-            ZLOGERR("Failed to save %s icon data for %s", icon.size, name.c_str());
-            return false;
-        }
+bool PMSOpenPipeline(PackageManager& pm, const Common& common, PackageInfo& info) {
+    if (!PackageManager::ExLock(PKG_LOCK_WAIT_SECONDS)) {
+        pm.setResult(PKG_ERR_LOCK);
+        return false;
+    }
+    const PKG_ERRCODE unpacked = UnpackPackage(common.packageFile, common.extractDir, info);
+    if (unpacked != PKG_ERR_SUCCESS) {
+        pm.setResult(unpacked);
+        return false;
+    }
+    if (!PMSCheckPackageArchModelMatched(info)) {
+        ZLOGERR("Unsupported system arch");
+        pm.setResult(PKG_ERR_ARCH_MODEL);
+        return false;
+    }
+    if (!pm.CanPackageStartInThisFirmware(info)) {
+        ZLOGERR("Cannot start package [%s], version %s in this KOS version", info.name.c_str(),
+                info.version.c_str());
+        return false;
     }
     return true;
 }
 
-bool PMSMovePayload(const PackageInfo& info, PKG_INSTALLATION_TYPE type,
-                    const std::string& extractDir, const std::string& target) {
-    if (!PMSRunTool(info, type, "/bin/rm", {"-rf", target})) {
-        ZLOGERR("Failed to remove [%s]", target.c_str());
-        return false;
+void PMSFillCommon(Common& common, Json::Value& wizardCopy, PKG_INSTALLATION_TYPE type,
+                   const std::string& tmpDir, const std::string& packageFile,
+                   const std::string& volume, const Json::Value* wizardValues, const char* language,
+                   const char* userName) {
+    wizardCopy = wizardValues != nullptr ? *wizardValues : Json::Value();
+    common.extractDir = tmpDir + "/pkginstall";
+    common.packageFile = packageFile;
+    common.volume = volume;
+    common.wizardValues = wizardValues != nullptr ? &wizardCopy : nullptr;
+    common.language = language;
+    common.userName = userName;
+    common.type = type;
+}
+
+PKG_ERRCODE PMSPlacePackage(PackageManager& pm, const Common& common, PackageInfo& info,
+                            const std::string& target) {
+    const bool install = common.type == PKG_INSTALLATION_INSTALL;
+    if (!MovePayload(info, common.type, common.extractDir, target)) {
+        return PKG_ERR_SYSTEM;
     }
-    if (!PMSRunTool(info, type, "/bin/mv", {"-f", extractDir + "/package", target})) {
-        ZLOGERR("Failed to move package files [%s]", target.c_str());
-        return false;
+    if (install) {
+        PMSRunTool(info, common.type, "/bin/rm", {"-rf", PMSRegistryDir(info.name)});
     }
-    return true;
+    if (!PackageManager::ExLock(PKG_LOCK_WAIT_SECONDS)) {
+        ZLOGERR("Failed to lock, %s", info.name.c_str());
+        return PKG_ERR_LOCK;
+    }
+    if (!RecheckExtractedInfo(common.packageFile, common.extractDir, info, install) ||
+        !EmbedIcons(common.extractDir, info.name)) {
+        return PKG_ERR_BAD_PACKAGE;
+    }
+    if (!pm.registerPackage(common.type, info, info.name, common.extractDir, target)) {
+        ZLOGERR("Failed to register package %s", info.name.c_str());
+        return PKG_ERR_SYSTEM;
+    }
+    return PKG_ERR_SUCCESS;
+}
+
+bool PMSRunPostScripts(const PackageInfo& info, const Common& common,
+                       const ZARN::PkgUtils::WorkerResp& resp, const std::string& oldVersion) {
+    return runInstallScript("postinst", info, common, resp, oldVersion) &&
+           (!PMSUsesReplaceMechanism(info) ||
+            runInstallScript("postreplace", info, common, resp, oldVersion)) &&
+           (common.type != PKG_INSTALLATION_UPGRADE ||
+            runInstallScript("postupgrade", info, common, resp, oldVersion));
 }
 
 bool runInstallScript(const std::string& script, const PackageInfo& info, const Common& common,
@@ -280,14 +357,6 @@ void PMSCleanExtractDir(PackageManager& pm, const PackageInfo& info, PKG_INSTALL
     if (pm.getResult() != PKG_ERR_LOCK && ZARNIsDir(extractDir)) {
         PMSRunTool(info, type, "/bin/rm", {"-rf", extractDir});
     }
-}
-
-std::string PMSJoinNames(const std::vector<PackageInfo>& records) {
-    std::vector<std::string> names;
-    for (const PackageInfo& record : records) {
-        names.push_back(record.name);
-    }
-    return joinStringArray(names, ", ");
 }
 
 }  // namespace ZARNPackageTool

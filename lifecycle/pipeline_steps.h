@@ -23,24 +23,30 @@ constexpr const char* PKG_UPGRADE_BOOTUP_FLAG = "/var/.UpgradeBootup";
 bool PMSRunTool(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const char* program,
                 std::vector<std::string> args);
 
-// Unpacks the QAR into `extractDir` (the control files there, the payload in its package/
-// folder) and loads its INFO into `info`. The archive and its payload are vetted before they
-// are written, and the unpacked payload again before anything of it runs: 0, or the result
-// code of the failure (logged).
-PKG_ERRCODE PMSUnpackPackage(const std::string& packageFile, const std::string& extractDir,
-                             PackageInfo& info);
+// The first steps of an install or upgrade: the lock; the QAR unpacked into the extract folder
+// (the control files there, the payload in its package/ folder) with its INFO loaded into
+// `info`, the archive and its payload vetted before they are written and the unpacked payload
+// again before anything of it runs; the package's fit to this machine's architecture, model and
+// OS version. False with the result set on `pm`.
+bool PMSOpenPipeline(PackageManager& pm, const Common& common, PackageInfo& info);
 
-// A script may have damaged the unpacked control files: INFO is read again, from a fresh
-// extraction of INFO and conf/ when it is missing, empty or (with `loadFirst`) unreadable.
-bool PMSRecheckExtractedInfo(const std::string& packageFile, const std::string& extractDir,
-                             PackageInfo& info, bool loadFirst);
+// The facts of one install or upgrade; the scripts get a copy of the wizard values, kept in
+// `wizardCopy`, which must live as long as `common`.
+void PMSFillCommon(Common& common, Json::Value& wizardCopy, PKG_INSTALLATION_TYPE type,
+                   const std::string& tmpDir, const std::string& packageFile,
+                   const std::string& volume, const Json::Value* wizardValues, const char* language,
+                   const char* userName);
 
-// Stores the package's icons in its unpacked INFO as base64 text.
-bool PMSEmbedIcons(const std::string& extractDir, const std::string& name);
+// From the unpacked package to the registry: the payload replaces the target, the lock is
+// taken again (scripts and stops may have let it go), the control files are checked again,
+// the icons embedded and the package registered. 0, or the result code of the failure.
+PKG_ERRCODE PMSPlacePackage(PackageManager& pm, const Common& common, PackageInfo& info,
+                            const std::string& target);
 
-// Replaces the target by the unpacked payload.
-bool PMSMovePayload(const PackageInfo& info, PKG_INSTALLATION_TYPE type,
-                    const std::string& extractDir, const std::string& target);
+// "postinst", then "postreplace" with the current replace mechanism, then "postupgrade" in an
+// upgrade; false at the first that fails.
+bool PMSRunPostScripts(const PackageInfo& info, const Common& common,
+                       const ZARN::PkgUtils::WorkerResp& resp, const std::string& oldVersion);
 
 // Runs a lifecycle script of the package: "postinst", "postupgrade" and "postreplace" from the
 // registry, the others from the extract folder. A script that isn't there succeeds.
@@ -78,8 +84,5 @@ bool PMSUsesReplaceMechanism(const PackageInfo& info);
 // be using it.
 void PMSCleanExtractDir(PackageManager& pm, const PackageInfo& info, PKG_INSTALLATION_TYPE type,
                         const std::string& extractDir);
-
-// The names of a list of records, joined by ", ".
-std::string PMSJoinNames(const std::vector<PackageInfo>& records);
 
 }  // namespace ZARNPackageTool

@@ -40,16 +40,11 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
                                      const Json::Value* wizardValues, const char* language,
                                      const char* userName, bool ignoreDependencies,
                                      INST_RUN_OPTION option) {
-    const std::string extractDir = tmpDir + "/pkginstall";
-    Json::Value wizard = wizardValues != nullptr ? *wizardValues : Json::Value();
     Common common;
-    common.extractDir = extractDir;
-    common.packageFile = packageFile;
-    common.volume = volume;
-    common.wizardValues = wizardValues != nullptr ? &wizard : nullptr;
-    common.language = language;
-    common.userName = userName;
-    common.type = PKG_INSTALLATION_UPGRADE;
+    Json::Value wizard;
+    PMSFillCommon(common, wizard, PKG_INSTALLATION_UPGRADE, tmpDir, packageFile, volume,
+                  wizardValues, language, userName);
+    const std::string& extractDir = common.extractDir;
     ZARN::PkgUtils::WorkerResp resp;
     PackageInfo fresh;
     PackageInfo old;
@@ -58,23 +53,7 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
     bool wasRunning = false;
     bool success = false;
     unsigned long long mask = 0;
-    if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
-        setResult(PKG_ERR_LOCK);
-        goto epilogue;
-    }
-    {
-        const PKG_ERRCODE unpacked = PMSUnpackPackage(packageFile, extractDir, fresh);
-        if (unpacked != PKG_ERR_SUCCESS) {
-            setResult(unpacked);
-            goto epilogue;
-        }
-    }
-    if (!PMSCheckPackageArchModelMatched(fresh)) {
-        ZLOGERR("Unsupported system arch");
-        setResult(PKG_ERR_ARCH_MODEL);
-        goto epilogue;
-    }
-    if (!CanPackageStartInThisFirmware(fresh)) {
+    if (!PMSOpenPipeline(*this, common, fresh)) {
         goto epilogue;
     }
     if (!getPackageInfo(fresh.name, old, nullptr, ~0ULL)) {
@@ -211,33 +190,16 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
             setResult(PKG_ERR_SYSTEM);
             goto epilogue;
         }
-        const std::string target = appstoreDir + "/" + name;
-        if (!PMSMovePayload(fresh, PKG_INSTALLATION_UPGRADE, extractDir, target)) {
-            setResult(PKG_ERR_SYSTEM);
-            goto epilogue;
-        }
-        if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
-            setResult(PKG_ERR_LOCK);
-            goto epilogue;
-        }
-        if (!PMSRecheckExtractedInfo(packageFile, extractDir, fresh, false) ||
-            !PMSEmbedIcons(extractDir, name)) {
-            setResult(PKG_ERR_BAD_PACKAGE);
-            goto epilogue;
-        }
-        if (!registerPackage(PKG_INSTALLATION_UPGRADE, fresh, name, extractDir, target)) {
-            ZLOGERR("Failed to register package %s", name.c_str());
-            setResult(PKG_ERR_SYSTEM);
+        const PKG_ERRCODE placed = PMSPlacePackage(*this, common, fresh, appstoreDir + "/" + name);
+        if (placed != PKG_ERR_SUCCESS) {
+            setResult(placed);
             goto epilogue;
         }
         const bool postAcquired =
             PMSAcquireStep(*this, Resource::TIMING_POSTINST, fresh, PKG_INSTALLATION_UPGRADE, resp,
                            common.wizardValues, "");
         mask |= fresh.instuninst_restart_services;
-        if (!runInstallScript("postinst", fresh, common, resp, old.version) ||
-            (PMSUsesReplaceMechanism(fresh) &&
-             !runInstallScript("postreplace", fresh, common, resp, old.version)) ||
-            !runInstallScript("postupgrade", fresh, common, resp, old.version)) {
+        if (!PMSRunPostScripts(fresh, common, resp, old.version)) {
             setResult(PKG_ERR_SYSTEM);
             goto epilogue;
         }
