@@ -54,7 +54,13 @@ TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
         ASSERT_TRUE(control(p, true));
     }
     expectRunning({"a", "b", "c"}, {});
+    // The order of a stop follows what really runs.
+    std::vector<std::string> order;
+    ASSERT_TRUE(PackageManager().getDependencyOrder("a", order, false));
+    EXPECT_EQ(order, (Names{"c", "b", "a"}));
     ASSERT_TRUE(control("a", false));
+    ASSERT_TRUE(PackageManager().getDependencyOrder("a", order, false));
+    EXPECT_EQ(order, Names{"a"});
     EXPECT_EQ(trace({"stop"}), Calls("stop", {"c", "c", "b", "a"}));
     EXPECT_EQ(trace({"prestop"}), Calls("prestop", {"c", "c", "b", "a"}));
     expectRunning({}, {"a", "b", "c"});
@@ -152,6 +158,30 @@ TEST_F(ServiceControlTest, RestartMaskReloadsNamedServicesOnce) {
     ASSERT_TRUE(pm.serviceControlRestart("a"));
     EXPECT_EQ(CountOf(events(), "service reload: crond"), 3u) << events();
     EXPECT_EQ(CountOf(events(), "service reload: nfsd"), 2u) << events();
+}
+
+// A package whose service runs while its script says it is down is stopped before it starts;
+// packages that need a host service follow that service, as the system's own action.
+TEST_F(ServiceControlTest, OutOfLineServiceStopsFirstAndHostServicesCarryTheirPackages) {
+    addServicePackage("lost");
+    ASSERT_TRUE(control("lost", true));
+    ASSERT_NO_FATAL_FAILURE(killProcess("lost"));
+    ASSERT_TRUE(ZARNUnlink("/trace"));
+    ASSERT_TRUE(control("lost", true));
+    EXPECT_EQ(trace({"stop", "start"}), (Names{"stop lost", "start lost"})) << logText();
+    expectRunning({"lost"}, {});
+
+    addServicePackage("ftp-user", "", "start_dep_services=\"ftpd\"\n");
+    ASSERT_TRUE(control("ftp-user", true));
+    PackageManager pm;
+    ASSERT_TRUE(pm.serviceControlByService({"ftpd"}, false, false)) << logText();
+    EXPECT_FALSE(processAlive("ftp-user"));
+    EXPECT_TRUE(ZARNPathExists("/var/packages/ftp-user/enabled"));
+    ASSERT_TRUE(pm.serviceControlByService({"ftpd"}, true, false)) << logText();
+    expectRunning({"ftp-user", "lost"}, {});
+    // The system's own action runs no hook.
+    EXPECT_EQ(trace({"prestart", "prestop"}),
+              (Names{"prestop lost", "prestart lost", "prestart ftp-user"}));
 }
 
 // The UI sees the action as a task while it runs, and no more after it.
