@@ -7,6 +7,10 @@
 //                                               start-stop-status, every third of them running
 //   bench_layout dpkg FILE COUNT                a dpkg status file of COUNT packages with the
 //                                               same dependency shape
+//   bench_layout chain ROOT COUNT               a standalone root with COUNT stopped packages,
+//                                               each needing the one before it, whose
+//                                               start-stop-status does nothing, with their jobs
+//                                               generated as at installation
 //
 // Nothing is timed here: the script times the commands against these trees.
 #include <unistd.h>
@@ -20,6 +24,9 @@
 #include "platform/host_init.h"
 #include "platform/jobs.h"
 #include "platform/sysroot.h"
+#include "service/gen_job_adapter.h"
+#include "service/gen_service_cfg.h"
+#include "service/jobs.h"
 
 namespace {
 
@@ -100,6 +107,32 @@ void Registry(const std::string& root, int count, int scripted) {
     }
 }
 
+void Chain(const std::string& root, int count) {
+    namespace Service = ZARNPackageTool::Service;
+    // The init tool that checks each job finds the root through the environment.
+    setenv("ZARNPKG_ROOT", root.c_str(), 1);
+    ZARNPackageCore::SetSystemRoot(root);
+    std::string error;
+    Check(ZARNHostInit(error), "host-init " + error);
+    for (int i = 0; i < count; ++i) {
+        const std::string dir = "/var/packages/" + Name(i);
+        const std::string target = "/volume1/@appstore/" + Name(i);
+        Check(ZARNFSMkdirP(dir + "/scripts", 0, 1, -1, -1, 0755) == 0, "mkdir " + dir);
+        Check(ZARNFSMkdirP(target, 0, 1, -1, -1, 0755) == 0, "mkdir " + target);
+        std::string info = "package=\"" + Name(i) +
+                           "\"\nversion=\"1.0\"\nmaintainer=\"bench\"\ndescription=\"bench\"\n";
+        if (i > 0) {
+            info += "install_dep_packages=\"" + Name(i - 1) + "\"\n";
+        }
+        Check(ZARNFileWrite(dir + "/INFO", info), "INFO");
+        Check(ZARNSymlink("../../../volume1/@appstore/" + Name(i), dir + "/target"), "link");
+        Check(ZARNFileWrite(dir + "/scripts/start-stop-status", "#!/bin/sh\nexit 0\n", 0755),
+              "script");
+        Check(Service::GenJobAdapter(Name(i), Json::Value(), true), "job of " + Name(i));
+        Check(Service::GenServiceCfg(Name(i), Json::Value(), true), "service of " + Name(i));
+    }
+}
+
 void Dpkg(const std::string& file, int count) {
     std::ofstream out(file);
     for (int i = 0; i < count; ++i) {
@@ -121,11 +154,15 @@ int main(int argc, char** argv) {
     const std::string what = argc > 1 ? argv[1] : "";
     if (what == "registry" && argc == 5) {
         Registry(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
+    } else if (what == "chain" && argc == 4) {
+        Chain(argv[2], std::atoi(argv[3]));
     } else if (what == "dpkg" && argc == 4) {
         Dpkg(argv[2], std::atoi(argv[3]));
     } else {
-        std::fprintf(stderr,
-                     "usage: bench_layout registry ROOT COUNT SCRIPTED | dpkg FILE COUNT\n");
+        std::fprintf(
+            stderr,
+            "usage: bench_layout registry ROOT COUNT SCRIPTED | dpkg FILE COUNT | chain ROOT "
+            "COUNT\n");
         return 2;
     }
     return 0;

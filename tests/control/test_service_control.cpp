@@ -83,7 +83,14 @@ TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
     EXPECT_NE(history.find("restart a: begin to start packages a,b,c"), std::string::npos);
     EXPECT_NE(history.find("restart a: start version 1.0 successfully, result 0"),
               std::string::npos);
-    EXPECT_NE(readFile("/var/log/packages/b.log").find("prestart"), std::string::npos);
+    // The package log has each script the action ran, the job's own included.
+    const std::string log = readFile("/var/log/packages/b.log");
+    for (const char* call : {"prestop", "stop", "prestart", "start"}) {
+        EXPECT_NE(log.find(std::string("start-stop-status ") + call + " ret=[0]"),
+                  std::string::npos)
+            << call << "\n"
+            << log;
+    }
 }
 
 // Refusals: by the package's own hook, and by host services that aren't enabled. Neither leaves
