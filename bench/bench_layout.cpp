@@ -84,23 +84,35 @@ constexpr const char* kScript =
     "#!/bin/sh\ncase \"$1\" in\n  status) [ -f \"${0%/*}/../target/running\" ] && exit 0; exit "
     "3;;\nesac\nexit 0\n";
 
-void Registry(const std::string& root, int count, int scripted) {
+// A fresh standalone root at `root` for the library and the tools it runs; the init tool that
+// checks jobs finds it through the environment.
+void MakeRoot(const std::string& root) {
+    setenv("ZARNPKG_ROOT", root.c_str(), 1);
     ZARNPackageCore::SetSystemRoot(root);
     std::string error;
     Check(ZARNHostInit(error), "host-init " + error);
+}
+
+// An installed package `i`: its INFO, its payload folder and the target link to it.
+void Install(int i, const std::string& info) {
+    const std::string dir = "/var/packages/" + Name(i);
+    const std::string target = "/volume1/@appstore/" + Name(i);
+    Check(ZARNFSMkdirP(dir + "/scripts", 0, 1, -1, -1, 0755) == 0, "mkdir " + dir);
+    Check(ZARNFSMkdirP(target, 0, 1, -1, -1, 0755) == 0, "mkdir " + target);
+    Check(ZARNFileWrite(dir + "/INFO", info), "INFO");
+    Check(ZARNSymlink("../../../volume1/@appstore/" + Name(i), dir + "/target"), "link");
+}
+
+void Registry(const std::string& root, int count, int scripted) {
+    MakeRoot(root);
     for (int i = 0; i < count; ++i) {
+        Install(i, InfoText(i));
         const std::string dir = "/var/packages/" + Name(i);
-        const std::string target = "/volume1/@appstore/" + Name(i);
-        Check(ZARNFSMkdirP(dir, 0, 1, -1, -1, 0755) == 0, "mkdir " + dir);
-        Check(ZARNFSMkdirP(target, 0, 1, -1, -1, 0755) == 0, "mkdir " + target);
-        Check(ZARNFileWrite(dir + "/INFO", InfoText(i)), "INFO");
-        Check(ZARNSymlink("../../../volume1/@appstore/" + Name(i), dir + "/target"), "link");
         Check(ZARNFileWrite(dir + "/enabled", ""), "enabled");
         if (i < scripted) {
-            Check(ZARNFSMkdirP(dir + "/scripts", 0, 1, -1, -1, 0755) == 0, "scripts");
             Check(ZARNFileWrite(dir + "/scripts/start-stop-status", kScript, 0755), "script");
             if (i % 3 == 0) {
-                Check(ZARNFileWrite(target + "/running", ""), "running");
+                Check(ZARNFileWrite("/volume1/@appstore/" + Name(i) + "/running", ""), "running");
                 Check(ZARNJobStateWrite("pkgctl-" + Name(i), 1, 1, ZARN_JOB_PHASE_RUNNING), "job");
             }
         }
@@ -109,24 +121,16 @@ void Registry(const std::string& root, int count, int scripted) {
 
 void Chain(const std::string& root, int count) {
     namespace Service = ZARNPackageTool::Service;
-    // The init tool that checks each job finds the root through the environment.
-    setenv("ZARNPKG_ROOT", root.c_str(), 1);
-    ZARNPackageCore::SetSystemRoot(root);
-    std::string error;
-    Check(ZARNHostInit(error), "host-init " + error);
+    MakeRoot(root);
     for (int i = 0; i < count; ++i) {
-        const std::string dir = "/var/packages/" + Name(i);
-        const std::string target = "/volume1/@appstore/" + Name(i);
-        Check(ZARNFSMkdirP(dir + "/scripts", 0, 1, -1, -1, 0755) == 0, "mkdir " + dir);
-        Check(ZARNFSMkdirP(target, 0, 1, -1, -1, 0755) == 0, "mkdir " + target);
         std::string info = "package=\"" + Name(i) +
                            "\"\nversion=\"1.0\"\nmaintainer=\"bench\"\ndescription=\"bench\"\n";
         if (i > 0) {
             info += "install_dep_packages=\"" + Name(i - 1) + "\"\n";
         }
-        Check(ZARNFileWrite(dir + "/INFO", info), "INFO");
-        Check(ZARNSymlink("../../../volume1/@appstore/" + Name(i), dir + "/target"), "link");
-        Check(ZARNFileWrite(dir + "/scripts/start-stop-status", "#!/bin/sh\nexit 0\n", 0755),
+        Install(i, info);
+        Check(ZARNFileWrite("/var/packages/" + Name(i) + "/scripts/start-stop-status",
+                            "#!/bin/sh\nexit 0\n", 0755),
               "script");
         Check(Service::GenJobAdapter(Name(i), Json::Value(), true), "job of " + Name(i));
         Check(Service::GenServiceCfg(Name(i), Json::Value(), true), "service of " + Name(i));
