@@ -14,9 +14,11 @@ using Names = std::vector<std::string>;
 class ServiceControlTest : public ServicePackagesTest {
 protected:
     // A <- B <- C: B needs A, C needs B.
+    // B leaves a message for the user whenever it starts.
     void addChain() {
         ASSERT_NO_FATAL_FAILURE(addServicePackage("a"));
-        ASSERT_NO_FATAL_FAILURE(addServicePackage("b", "a"));
+        ASSERT_NO_FATAL_FAILURE(addServicePackage(
+            "b", "a", "", "prestart) echo 'b is back' >\"$ZARNPKG_TEMP_LOGFILE\" ;;"));
         ASSERT_NO_FATAL_FAILURE(addServicePackage("c", "b"));
     }
     bool control(const std::string& name, bool start, PKG_ERRCODE expected = PKG_ERR_SUCCESS) {
@@ -77,6 +79,8 @@ TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
     EXPECT_EQ(trace({"start", "stop"}),
               (Names{"stop c", "stop b", "stop a", "start a", "start b", "start c"}));
     expectRunning({"a", "b", "c"}, {});
+    // A package started on behalf of another passes its message on to the administrators.
+    EXPECT_EQ(CountOf(events(), "-e Pkg b: b is back"), 1u) << events();
     // Each action is logged from its beginning to its result.
     const std::string history = readFile("/var/log/zarnpkg.log");
     EXPECT_NE(history.find("restart a: begin to stop packages c,b,a"), std::string::npos);
