@@ -356,6 +356,10 @@ bool PackageManager::serviceControlAction(PKG_INSTALLATION_TYPE type, const std:
     const std::string enabledPath = EnabledFlagPath(name);
     bool ok = false;
     do {
+        // A package that isn't there has nothing to check and nothing to run.
+        if (getResult() == PKG_ERR_NOT_INSTALLED) {
+            break;
+        }
         if (start && !StartGateOpen(*this, type, info, language, userName, msg)) {
             break;
         }
