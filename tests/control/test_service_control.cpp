@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "control/service_control.h"
 #include "platform/files.h"
@@ -46,8 +47,13 @@ protected:
 
 TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
     addChain();
+    // Services of other accounts must get through to their payloads.
+    ASSERT_TRUE(ZARNChmod("/volume1/@appstore", 0700));
     // With nothing running, a start of the last package starts only it.
     ASSERT_TRUE(control("c", true));
+    struct stat st;
+    ASSERT_TRUE(ZARNStat("/volume1/@appstore", st));
+    EXPECT_EQ(st.st_mode & 0777, 0755u);
     EXPECT_EQ(trace({"start"}), Calls("start", {"c"}));
     expectRunning({"c"}, {"a", "b"});
     ASSERT_TRUE(control("c", false));
