@@ -131,6 +131,15 @@ TEST_F(ServiceControlTest, RefusedStartsLeaveNothingRunning) {
         EXPECT_EQ(trace({"start"}), Names{});
     }
     EXPECT_EQ(trace({"prestart"}), Calls("prestart", {"veto"}));
+    // A version this system no longer runs: the boot's start tells the administrators.
+    writeFile("/etc.defaults/zarnpackageslimit.conf", "old=\"2.0\"\n");
+    addServicePackage("old");
+    PackageManager boot;
+    EXPECT_FALSE(boot.serviceControlAction(PKG_INSTALLATION_NONE, "old", true, nullptr, nullptr,
+                                           MSG_TYPE_NOTIFY));
+    EXPECT_EQ(boot.getResult(), PKG_ERR_VERSION_LIMIT);
+    EXPECT_FALSE(processAlive("old"));
+    EXPECT_EQ(CountOf(events(), "pkgmgr:fail_start_kos_version Pkg old"), 1u) << events();
     // A refused stop keeps the package running.
     addServicePackage("keeper");
     ASSERT_TRUE(control("keeper", true));
