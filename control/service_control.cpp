@@ -43,15 +43,9 @@ bool HasEnabledFlag(const std::string& name) {
     return PMSCheckEnabledFile(PMSRegistryDir(name).c_str());
 }
 
-void UnlinkFlag(const std::string& path) {
-    if (!ZARNUnlink(path) && ZARNPathExists(path)) {
-        ZLOGERR("Failed to unlink %s %s", path.c_str(), ZARNLastErrorSuffix().c_str());
-    }
-}
-
 void UnlinkDesktopEntry(const PackageInfo& info) {
     if (!info.kosuidir.empty()) {
-        UnlinkFlag(PMSDesktopEntryPath(info.kosuidir));
+        Service::UnlinkIfPresent(PMSDesktopEntryPath(info.kosuidir));
     }
 }
 
@@ -129,7 +123,7 @@ void StopDependantsAfterFailedStart(const std::string& name, const char* languag
     if (!pm.getDependencyOrder(name.c_str(), list, true)) {
         list.assign(1, name);
     }
-    UnlinkFlag(EnabledFlagPath(name));
+    Service::UnlinkIfPresent(EnabledFlagPath(name));
     pm.serviceControl(PKG_INSTALLATION_STOP, name, false, language, userName, &list, true, true);
     if (!notify || list.size() <= 1) {
         return;
@@ -362,6 +356,10 @@ bool PackageManager::serviceControlAction(PKG_INSTALLATION_TYPE type, const std:
     const std::string enabledPath = EnabledFlagPath(name);
     bool ok = false;
     do {
+        // A package that isn't there has nothing to check and nothing to run.
+        if (getResult() == PKG_ERR_NOT_INSTALLED) {
+            break;
+        }
         if (start && !StartGateOpen(*this, type, info, language, userName, msg)) {
             break;
         }
@@ -374,6 +372,10 @@ bool PackageManager::serviceControlAction(PKG_INSTALLATION_TYPE type, const std:
         std::string messageFile = getLogFilePath();
         if (messageFile.empty()) {
             messageFile = getFixedLogFilePath(name);
+        }
+        // What goes to the administrators is what this action said, not an earlier one.
+        if (msg == MSG_TYPE_NOTIFY) {
+            Service::UnlinkIfPresent(messageFile);
         }
         if (type != PKG_INSTALLATION_NONE) {
             const bool identityMayFail =
@@ -398,7 +400,7 @@ bool PackageManager::serviceControlAction(PKG_INSTALLATION_TYPE type, const std:
                     break;
                 }
             } else {
-                UnlinkFlag(enabledPath);
+                Service::UnlinkIfPresent(enabledPath);
             }
         }
         if (start && !ZARNFileWrite(enabledPath, "", 0644)) {
@@ -431,7 +433,7 @@ bool PackageManager::serviceControlAction(PKG_INSTALLATION_TYPE type, const std:
         }
         if (start) {
             PMSSetAppPrivilege(userName, info.kosappname, language);
-            UnlinkFlag(dir + "/stoppedByDepLimit");
+            Service::UnlinkIfPresent(dir + "/stoppedByDepLimit");
         } else {
             removePkgResources(type, info, msg);
         }
@@ -460,7 +462,7 @@ void PackageManager::removePkgResources(PKG_INSTALLATION_TYPE type, const Packag
         return;
     }
     UnlinkDesktopEntry(info);
-    UnlinkFlag(EnabledFlagPath(info.name));
+    Service::UnlinkIfPresent(EnabledFlagPath(info.name));
     ZARN::PkgUtils::WorkerResp resp;
     if (!Resource::Release(Resource::TIMING_DISABLE, info, type, resp, nullptr, "")) {
         ZLOGERR("Failed to release resource after stop %s %s", info.name.c_str(),

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "control/service_control.h"
 #include "platform/files.h"
@@ -14,9 +15,11 @@ using Names = std::vector<std::string>;
 class ServiceControlTest : public ServicePackagesTest {
 protected:
     // A <- B <- C: B needs A, C needs B.
+    // B leaves a message for the user whenever it starts.
     void addChain() {
         ASSERT_NO_FATAL_FAILURE(addServicePackage("a"));
-        ASSERT_NO_FATAL_FAILURE(addServicePackage("b", "a"));
+        ASSERT_NO_FATAL_FAILURE(addServicePackage(
+            "b", "a", "", "prestart) echo 'b is back' >\"$ZARNPKG_TEMP_LOGFILE\" ;;"));
         ASSERT_NO_FATAL_FAILURE(addServicePackage("c", "b"));
     }
     bool control(const std::string& name, bool start, PKG_ERRCODE expected = PKG_ERR_SUCCESS) {
@@ -44,8 +47,13 @@ protected:
 
 TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
     addChain();
+    // Services of other accounts must get through to their payloads.
+    ASSERT_TRUE(ZARNChmod("/volume1/@appstore", 0700));
     // With nothing running, a start of the last package starts only it.
     ASSERT_TRUE(control("c", true));
+    struct stat st;
+    ASSERT_TRUE(ZARNStat("/volume1/@appstore", st));
+    EXPECT_EQ(st.st_mode & 0777, 0755u);
     EXPECT_EQ(trace({"start"}), Calls("start", {"c"}));
     expectRunning({"c"}, {"a", "b"});
     ASSERT_TRUE(control("c", false));
@@ -54,7 +62,13 @@ TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
         ASSERT_TRUE(control(p, true));
     }
     expectRunning({"a", "b", "c"}, {});
+    // The order of a stop follows what really runs.
+    std::vector<std::string> order;
+    ASSERT_TRUE(PackageManager().getDependencyOrder("a", order, false));
+    EXPECT_EQ(order, (Names{"c", "b", "a"}));
     ASSERT_TRUE(control("a", false));
+    ASSERT_TRUE(PackageManager().getDependencyOrder("a", order, false));
+    EXPECT_EQ(order, Names{"a"});
     EXPECT_EQ(trace({"stop"}), Calls("stop", {"c", "c", "b", "a"}));
     EXPECT_EQ(trace({"prestop"}), Calls("prestop", {"c", "c", "b", "a"}));
     expectRunning({}, {"a", "b", "c"});
@@ -71,13 +85,22 @@ TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
     EXPECT_EQ(trace({"start", "stop"}),
               (Names{"stop c", "stop b", "stop a", "start a", "start b", "start c"}));
     expectRunning({"a", "b", "c"}, {});
+    // A package started on behalf of another passes its message on to the administrators.
+    EXPECT_EQ(CountOf(events(), "-e Pkg b: b is back"), 1u) << events();
     // Each action is logged from its beginning to its result.
     const std::string history = readFile("/var/log/zarnpkg.log");
     EXPECT_NE(history.find("restart a: begin to stop packages c,b,a"), std::string::npos);
     EXPECT_NE(history.find("restart a: begin to start packages a,b,c"), std::string::npos);
     EXPECT_NE(history.find("restart a: start version 1.0 successfully, result 0"),
               std::string::npos);
-    EXPECT_NE(readFile("/var/log/packages/b.log").find("prestart"), std::string::npos);
+    // The package log has each script the action ran, the job's own included.
+    const std::string log = readFile("/var/log/packages/b.log");
+    for (const char* call : {"prestop", "stop", "prestart", "start"}) {
+        EXPECT_NE(log.find(std::string("start-stop-status ") + call + " ret=[0]"),
+                  std::string::npos)
+            << call << "\n"
+            << log;
+    }
 }
 
 // Refusals: by the package's own hook, and by host services that aren't enabled. Neither leaves
@@ -108,6 +131,15 @@ TEST_F(ServiceControlTest, RefusedStartsLeaveNothingRunning) {
         EXPECT_EQ(trace({"start"}), Names{});
     }
     EXPECT_EQ(trace({"prestart"}), Calls("prestart", {"veto"}));
+    // A version this system no longer runs: the boot's start tells the administrators.
+    writeFile("/etc.defaults/zarnpackageslimit.conf", "old=\"2.0\"\n");
+    addServicePackage("old");
+    PackageManager boot;
+    EXPECT_FALSE(boot.serviceControlAction(PKG_INSTALLATION_NONE, "old", true, nullptr, nullptr,
+                                           MSG_TYPE_NOTIFY));
+    EXPECT_EQ(boot.getResult(), PKG_ERR_VERSION_LIMIT);
+    EXPECT_FALSE(processAlive("old"));
+    EXPECT_EQ(CountOf(events(), "pkgmgr:fail_start_kos_version Pkg old"), 1u) << events();
     // A refused stop keeps the package running.
     addServicePackage("keeper");
     ASSERT_TRUE(control("keeper", true));
@@ -152,6 +184,30 @@ TEST_F(ServiceControlTest, RestartMaskReloadsNamedServicesOnce) {
     ASSERT_TRUE(pm.serviceControlRestart("a"));
     EXPECT_EQ(CountOf(events(), "service reload: crond"), 3u) << events();
     EXPECT_EQ(CountOf(events(), "service reload: nfsd"), 2u) << events();
+}
+
+// A package whose service runs while its script says it is down is stopped before it starts;
+// packages that need a host service follow that service, as the system's own action.
+TEST_F(ServiceControlTest, OutOfLineServiceStopsFirstAndHostServicesCarryTheirPackages) {
+    addServicePackage("lost");
+    ASSERT_TRUE(control("lost", true));
+    ASSERT_NO_FATAL_FAILURE(killProcess("lost"));
+    ASSERT_TRUE(ZARNUnlink("/trace"));
+    ASSERT_TRUE(control("lost", true));
+    EXPECT_EQ(trace({"stop", "start"}), (Names{"stop lost", "start lost"})) << logText();
+    expectRunning({"lost"}, {});
+
+    addServicePackage("ftp-user", "", "start_dep_services=\"ftpd\"\n");
+    ASSERT_TRUE(control("ftp-user", true));
+    PackageManager pm;
+    ASSERT_TRUE(pm.serviceControlByService({"ftpd"}, false, false)) << logText();
+    EXPECT_FALSE(processAlive("ftp-user"));
+    EXPECT_TRUE(ZARNPathExists("/var/packages/ftp-user/enabled"));
+    ASSERT_TRUE(pm.serviceControlByService({"ftpd"}, true, false)) << logText();
+    expectRunning({"ftp-user", "lost"}, {});
+    // The system's own action runs no hook.
+    EXPECT_EQ(trace({"prestart", "prestop"}),
+              (Names{"prestop lost", "prestart lost", "prestart ftp-user"}));
 }
 
 // The UI sees the action as a task while it runs, and no more after it.

@@ -69,7 +69,7 @@ protected:
     void startSeeRunningStop(uid_t owner) {
         Service::DumpExtraEnv("heartbeat", PKG_INSTALLATION_START, "enu", "admin");
         ASSERT_EQ(VLIBServiceStart(kJob), 0)
-            << logText() << readFile("/var/log/upstart/pkgctl-heartbeat.log");
+            << logText() << readFile("/var/log/packages/heartbeat.log");
         EXPECT_EQ(VLIBServicectlIsJobRunning(kJob), 1);
         EXPECT_FALSE(ZARNPathExists(Service::ExtraEnvPath("heartbeat"))) << "read by zarnpkgctl";
         ASSERT_TRUE(WaitFor([&] { return !readFile(kBeat).empty(); })) << "no heartbeat";

@@ -3,6 +3,8 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 
 #include "support/cli_runner.h"
 
@@ -62,6 +64,15 @@ void ServicePackagesTest::addServicePackage(const std::string& name, const std::
 
 void ServicePackagesTest::failAction(const std::string& name, const std::string& action) {
     writeFile(PidPath(name) + "-fail-" + action, "");
+}
+
+void ServicePackagesTest::killProcess(const std::string& name) {
+    const pid_t pid = std::stoi(readFile(PidPath(name)));
+    ASSERT_EQ(0, kill(pid, SIGKILL)) << name;
+    for (int i = 0; i < 500 && kill(pid, 0) == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_NE(0, kill(pid, 0)) << name << " was not reaped";
 }
 
 bool ServicePackagesTest::processAlive(const std::string& name) const {

@@ -19,6 +19,9 @@ protected:
                            const std::string& info = "", const std::string& cases = "");
     // Makes the script's `action` fail (exit 7) from now on.
     void failAction(const std::string& name, const std::string& action);
+    // Kills the package's background process behind the engine's back and waits until it is
+    // gone, reaped too, so that the package's status script sees it down.
+    void killProcess(const std::string& name);
     // Whether the package's background process is alive.
     bool processAlive(const std::string& name) const;
     // The traced script calls whose action is one of `actions` (all when empty).
