@@ -143,11 +143,14 @@ PKG_ERRCODE UnpackPackage(const std::string& packageFile, const std::string& ext
         ZLOGERR("Failed to validate package INFO in %s", extractDir.c_str());
         return PKG_ERR_BAD_PACKAGE;
     }
-    unsigned long long total = 0;
-    if (!PMSPayloadVet(tgz, ~0ULL, total, why) ||
-        !RunQuiet({tar, "xf", PMSProgramPath(tgz), "-C", PMSProgramPath(extractDir + "/package"),
-                   "--no-same-owner"},
-                  "tar")) {
+    // One decompression serves the vetting of the headers and the unpacking.
+    const std::string plain = extractDir + "/package.tar";
+    const bool unpacked = PMSPayloadDecompressVetted(tgz, plain, why) &&
+                          RunQuiet({tar, "xf", PMSProgramPath(plain), "-C",
+                                    PMSProgramPath(extractDir + "/package"), "--no-same-owner"},
+                                   "tar");
+    ZARNUnlink(plain);
+    if (!unpacked) {
         ZLOGERR("Failed to unpack package.tgz, %s", why.c_str());
         return PKG_ERR_BAD_PACKAGE;
     }
