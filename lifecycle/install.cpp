@@ -184,8 +184,9 @@ bool PackageManager::install(const char* language, const std::string& packageFil
     const std::string& name = info.name;
     // A download that made this file hands its task over to the install.
     KOS::TaskMgr taskMgr(PKG_TASK_OWNER);
+    const std::string taskName = kDownloadTaskPrefix + name;
     std::shared_ptr<KOS::Task> downloadTask =
-        GetTaskWithTaskMgr(taskMgr, (kDownloadTaskPrefix + name).c_str());
+        taskMgr.hasTask(taskName) ? GetTaskWithTaskMgr(taskMgr, taskName.c_str()) : nullptr;
     bool adopted = false;
     if (downloadTask) {
         Json::Value data = downloadTask->getProperty("data");
@@ -331,6 +332,7 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
                                      INST_RUN_OPTION option, const Json::Value* wizardValues,
                                      const char* language, const char* userName,
                                      bool ignoreDependencies) {
+    const PKG_ERRCODE preset = getResult();
     Common common;
     Json::Value wizard;
     PMSFillCommon(common, wizard, PKG_INSTALLATION_INSTALL, tmpDir, packageFile, volume,
@@ -346,9 +348,11 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
     }
     {
         const std::string& name = info.name;
+        // Asked of a manager of its own, so that the answer doesn't take the preset's place.
+        PackageManager query;
         bool running = false;
-        getServiceStatus(name, running, true);
-        if (getResult() != PKG_ERR_NOT_INSTALLED) {
+        query.getServiceStatus(name, running, true);
+        if (query.getResult() != PKG_ERR_NOT_INSTALLED) {
             ZLOGERR("Package %s already installed", name.c_str());
             setResult(PKG_ERR_ALREADY_INSTALLED);
             goto epilogue;
@@ -411,6 +415,8 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
         }
         mask = findRestartServices({name}) | info.instuninst_restart_services;
         *getPackageInfoData() = info;
+        // The queries on the way leave their answers here; a success shows the preset.
+        setResult(preset);
         success = true;
     }
 epilogue:
@@ -450,7 +456,7 @@ bool PackageManager::stopPackages(DepPkgVector packages, const char* language,
     if (packages.empty()) {
         return true;
     }
-    const PackageBasicInfoMap installed = enumPackageMap(~0ULL);
+    const PackageBasicInfoMap installed = PackageManager().enumPackageMap(~0ULL);
     for (const PackageBasicInfo& entry : packages) {
         auto found = installed.find(entry.name);
         if (found == installed.end() || !found->second.compare(entry, entry.op)) {

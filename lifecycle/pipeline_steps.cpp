@@ -143,14 +143,13 @@ PKG_ERRCODE UnpackPackage(const std::string& packageFile, const std::string& ext
         ZLOGERR("Failed to validate package INFO in %s", extractDir.c_str());
         return PKG_ERR_BAD_PACKAGE;
     }
-    // One decompression serves the vetting of the headers and the unpacking.
-    const std::string plain = extractDir + "/package.tar";
-    const bool unpacked = PMSPayloadDecompressVetted(tgz, plain, why) &&
-                          RunQuiet({tar, "xf", PMSProgramPath(plain), "-C",
-                                    PMSProgramPath(extractDir + "/package"), "--no-same-owner"},
-                                   "tar");
-    ZARNUnlink(plain);
-    if (!unpacked) {
+    // The payload unpacks into the extract folder while its headers are vetted on the other
+    // core: nothing of it runs or moves before both are done, and a refusal stops the
+    // unpacking at once (the runner kills its child).
+    ZARNUtils::ProcessRunner untar({tar, "xzf", PMSProgramPath(tgz), "-C",
+                                    PMSProgramPath(extractDir + "/package"), "--no-same-owner"});
+    unsigned long long total = 0;
+    if (untar.startReading() < 0 || !PMSPayloadVet(tgz, ~0ULL, total, why) || untar.finish() != 0) {
         ZLOGERR("Failed to unpack package.tgz, %s", why.c_str());
         return PKG_ERR_BAD_PACKAGE;
     }

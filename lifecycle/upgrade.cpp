@@ -40,6 +40,7 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
                                      const Json::Value* wizardValues, const char* language,
                                      const char* userName, bool ignoreDependencies,
                                      INST_RUN_OPTION option) {
+    const PKG_ERRCODE preset = getResult();
     Common common;
     Json::Value wizard;
     PMSFillCommon(common, wizard, PKG_INSTALLATION_UPGRADE, tmpDir, packageFile, volume,
@@ -130,7 +131,7 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
         if (ZARNPathExists(PMSRegistryDir(name) + "/enabled")) {
             wasRunning = true;
         } else {
-            getServiceStatus(old.name, wasRunning, true);
+            PackageManager().getServiceStatus(old.name, wasRunning, true);
             if (!wasRunning && !ZARNPathExists(kOsUpgradePackages) &&
                 ZARNSystemGetBootStep() == kBootStepUp &&
                 VLIBServiceIsEnabled(Service::PkgctlName(name)) == 1) {
@@ -208,6 +209,8 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
             goto epilogue;
         }
         *getPackageInfoData() = fresh;
+        // The queries on the way leave their answers here; a success shows the preset.
+        setResult(preset);
         success = PMSFinishInstall(*this, fresh, language, userName);
     }
 epilogue:

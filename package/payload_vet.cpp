@@ -143,31 +143,6 @@ bool PMSPayloadVet(const std::string& tgz, unsigned long long limit, unsigned lo
     return true;
 }
 
-bool PMSPayloadDecompressVetted(const std::string& tgz, const std::string& tar, std::string& why) {
-    why.clear();
-    Fd out = ZARNOpen(tar, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600);
-    std::vector<TarMember> members;
-    if (!out.valid()) {
-        why = "can't create " + tar;
-    } else {
-        ZARNUtils::ProcessRunner runner(
-            {ZARNMachineProgram("/bin/gzip"), "-dcq", "--", PMSProgramPath(tgz)});
-        runner.setOutputFd(out.get());
-        if (runner.run() != 0) {
-            why = "the payload is no gzip stream";
-        } else if (PMSTarScan(tar, members, why) != TarScanStatus::Ok) {
-            why = why.empty() ? "the payload is no tar archive" : why;
-        } else if (!PMSTarVetMembers(members, why, true) && why.empty()) {
-            why = "a member of the payload is refused";
-        }
-    }
-    if (!why.empty()) {
-        ZLOGERR("Refused payload %s: %s", tgz.c_str(), why.c_str());
-        return false;
-    }
-    return true;
-}
-
 bool PMSWithQarPayload(const std::string& file, const std::vector<TarMember>& members,
                        const std::function<bool(const std::string& tgz)>& use) {
     const TarMember* tgz = PMSTarFindMember(members, "package.tgz");

@@ -19,12 +19,6 @@ namespace ZARNPackageTool {
 ZARNPKG_API bool PMSPayloadVet(const std::string& tgz, unsigned long long limit,
                                unsigned long long& total, std::string& why);
 
-// Decompresses the payload `tgz` into the plain tar `tar` (a new file) and vets its members as
-// PMSPayloadVet does, by their headers, so that the machine's tar can then unpack it without a
-// second decompression. False, logged, with the reason in `why`.
-ZARNPKG_API bool PMSPayloadDecompressVetted(const std::string& tgz, const std::string& tar,
-                                            std::string& why);
-
 // Takes package.tgz out of a vetted QAR into a fresh temporary folder and hands its path to
 // `use`; the folder goes on every path out. False when there is no package.tgz or it can't be
 // taken out (logged), else what `use` answers.
