@@ -125,9 +125,17 @@ int PrintFailureCode(const CliContext& ctx, unsigned int code, const std::string
 
 int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& pm,
                  const std::string& what) {
+    Json::Value data;
+    const PKG_ERRCODE code = pm.getResult(data);
     Json::Value message(Json::arrayValue);
-    message.append(ZARNPackageTool::PMSMessageKey(pm.getResult()));
-    return PrintFailureMessage(ctx, pm.getResult(), message, what, ParamsObject(pm.getMapParams()),
+    message.append(ZARNPackageTool::PMSMessageKey(code));
+    // A list that the result carries (the services not enabled, say) is the message's argument.
+    if (data.isArray()) {
+        for (const auto& item : data) {
+            message.append(item);
+        }
+    }
+    return PrintFailureMessage(ctx, code, message, what, ParamsObject(pm.getMapParams()),
                                pm.getJsonParam("worker_msg"));
 }
 

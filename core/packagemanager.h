@@ -197,9 +197,9 @@ public:
     // Start/stop engine (control/service_control.cpp). serviceControl is the whole operation:
     // task, package lock (kept for type 2, whose caller goes on under it), the order of the
     // package and its running dependants (reversed for a start), each action, and the reload
-    // of related services. The named package reports with MSG_TYPE_NOTIFY for a system action
-    // (type 0), done on behalf of another package or the boot, and MSG_TYPE_WORKER otherwise.
-    // `packages` null or empty: the order is computed.
+    // of related services (after the start only, for a restart). The named package reports
+    // with MSG_TYPE_NOTIFY for a system action (type 0), done on behalf of another package or
+    // the boot, and MSG_TYPE_WORKER otherwise. `packages` null or empty: the order is computed.
     bool serviceControl(PKG_INSTALLATION_TYPE type, const std::string& name, bool start,
                         const char* language, const char* userName,
                         std::vector<std::string>* packages, bool withDependencies,
@@ -212,8 +212,9 @@ public:
                               const char* language, const char* userName, MSG_TYPE msg);
     // Stops the package with its running dependants (type 32), then starts them again.
     bool serviceControlRestart(const std::string& name);
-    // Starts or stops (type 0) the enabled packages that need one of these host services,
-    // under the all-packages lock.
+    // Starts or stops (type 0) the enabled packages that need one of these host services, under
+    // the package lock taken directly rather than through ExLock. The vector form takes service
+    // bit masks.
     bool serviceControlByService(const std::set<std::string>& services, bool start,
                                  bool printProgress);
     bool serviceControlByService(const std::vector<unsigned int>& services, bool start,

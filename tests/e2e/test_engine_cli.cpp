@@ -55,6 +55,9 @@ TEST_F(EngineCliTest, StartStopRestartAChainAndExplainRefusals) {
         EXPECT_NE(run.err.find(r.said), std::string::npos) << run.err;
     }
     EXPECT_FALSE(processAlive("veto"));
+    const Json::Value needy = ParseJson(RunZarnpkg(root(), WithJson({"start", "needy"})).out);
+    EXPECT_EQ(needy["code"], 0x104) << needy;
+    EXPECT_EQ(needy["message"][1], "FTP Service") << needy;
 }
 
 }  // namespace
