@@ -332,17 +332,12 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
                                      INST_RUN_OPTION option, const Json::Value* wizardValues,
                                      const char* language, const char* userName,
                                      bool ignoreDependencies) {
-    const PKG_ERRCODE preset = getResult();
-    Common common;
-    Json::Value wizard;
-    PMSFillCommon(common, wizard, PKG_INSTALLATION_INSTALL, tmpDir, packageFile, volume,
-                  wizardValues, language, userName);
+    PipelineRun run(*this, PKG_INSTALLATION_INSTALL, tmpDir, packageFile, volume, wizardValues,
+                    language, userName);
+    Common& common = run.common;
     const std::string& extractDir = common.extractDir;
-    ZARN::PkgUtils::WorkerResp resp;
     PackageInfo info;
-    bool success = false;
     bool postAcquired = true;
-    unsigned long long mask = 0;
     if (!PMSOpenPipeline(*this, common, info)) {
         goto epilogue;
     }
@@ -372,7 +367,7 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
         }
         if (PMSUsesReplaceMechanism(info)) {
             DepPkgVector replaced = extra.install_replace_packages;
-            if (!runInstallScript("prereplace", info, common, resp, "")) {
+            if (!runInstallScript("prereplace", info, common, run.resp, "")) {
                 setResult(PKG_ERR_SYSTEM);
                 goto epilogue;
             }
@@ -384,25 +379,14 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
         }
         Privilege::ReviseFileAttr(name, extractDir, false);
         Resource::InitRequiredFields(name, extractDir);
-        if (!PMSAcquireStep(*this, Resource::TIMING_PREINST, info, PKG_INSTALLATION_INSTALL, resp,
-                            common.wizardValues, extractDir)) {
-            setResult(PKG_ERR_INSTALL);
-            goto epilogue;
-        }
-        if (!runInstallScript("preinst", info, common, resp, "")) {
-            setResult(PKG_ERR_SYSTEM);
-            goto epilogue;
-        }
-        const PKG_ERRCODE placed = PMSPlacePackage(*this, common, info, appstoreDir + "/" + name);
-        if (placed != PKG_ERR_SUCCESS) {
-            setResult(placed);
+        if (!PMSPreinstAndPlace(*this, run, info, appstoreDir + "/" + name, "", PKG_ERR_INSTALL)) {
             goto epilogue;
         }
         // A failure here fails the install only once the scripts have had their say.
         postAcquired = PMSAcquireStep(*this, Resource::TIMING_POSTINST, info,
-                                      PKG_INSTALLATION_INSTALL, resp, common.wizardValues, "");
+                                      PKG_INSTALLATION_INSTALL, run.resp, common.wizardValues, "");
         DenyGuests(info);
-        if (!PMSRunPostScripts(info, common, resp, "")) {
+        if (!PMSRunPostScripts(info, common, run.resp, "")) {
             setResult(PKG_ERR_SYSTEM);
             goto epilogue;
         }
@@ -413,24 +397,24 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
         if (!PMSFinishInstall(*this, info, language, userName)) {
             goto epilogue;
         }
-        mask = findRestartServices({name}) | info.instuninst_restart_services;
+        run.restartMask = findRestartServices({name}) | info.instuninst_restart_services;
         *getPackageInfoData() = info;
         // The queries on the way leave their answers here; a success shows the preset.
-        setResult(preset);
-        success = true;
+        setResult(run.preset);
+        run.success = true;
     }
 epilogue:
-    InstallationHandlerPost(false, success, userName, language,
-                            success ? option : INST_RUN_NO_START, PKG_INSTALLATION_INSTALL, info,
-                            {}, mask);
+    InstallationHandlerPost(false, run.success, userName, language,
+                            run.success ? option : INST_RUN_NO_START, PKG_INSTALLATION_INSTALL,
+                            info, {}, run.restartMask);
     PMSCleanExtractDir(*this, info, PKG_INSTALLATION_INSTALL, extractDir);
     if (!info.name.empty()) {
         const std::string line = "install " + info.name + " " + info.version + " " +
-                                 (success ? "successfully" : "failed");
+                                 (run.success ? "successfully" : "failed");
         PMSWriteSysLog(line.c_str());
         PMSCheckServiesStatus(info, nullptr, PKG_INSTALLATION_INSTALL, -1);
     }
-    return success;
+    return run.success;
 }
 
 void PackageManager::InstallationHandlerPost(bool wasRunning, bool success, const char* userName,

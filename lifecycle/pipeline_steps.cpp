@@ -199,15 +199,15 @@ bool PMSOpenPipeline(PackageManager& pm, const Common& common, PackageInfo& info
     return true;
 }
 
-void PMSFillCommon(Common& common, Json::Value& wizardCopy, PKG_INSTALLATION_TYPE type,
-                   const std::string& tmpDir, const std::string& packageFile,
-                   const std::string& volume, const Json::Value* wizardValues, const char* language,
-                   const char* userName) {
-    wizardCopy = wizardValues != nullptr ? *wizardValues : Json::Value();
+PipelineRun::PipelineRun(const PackageManager& pm, PKG_INSTALLATION_TYPE type,
+                         const std::string& tmpDir, const std::string& packageFile,
+                         const std::string& volume, const Json::Value* wizardValues,
+                         const char* language, const char* userName)
+    : wizard(wizardValues != nullptr ? *wizardValues : Json::Value()), preset(pm.getResult()) {
     common.extractDir = tmpDir + "/pkginstall";
     common.packageFile = packageFile;
     common.volume = volume;
-    common.wizardValues = wizardValues != nullptr ? &wizardCopy : nullptr;
+    common.wizardValues = wizardValues != nullptr ? &wizard : nullptr;
     common.language = language;
     common.userName = userName;
     common.type = type;
@@ -235,6 +235,27 @@ PKG_ERRCODE PMSPlacePackage(PackageManager& pm, const Common& common, PackageInf
         return PKG_ERR_SYSTEM;
     }
     return PKG_ERR_SUCCESS;
+}
+
+bool PMSPreinstAndPlace(PackageManager& pm, PipelineRun& run, PackageInfo& info,
+                        const std::string& target, const std::string& oldVersion,
+                        PKG_ERRCODE acquireFailure) {
+    const Common& common = run.common;
+    if (!PMSAcquireStep(pm, Resource::TIMING_PREINST, info, common.type, run.resp,
+                        common.wizardValues, common.extractDir)) {
+        pm.setResult(acquireFailure);
+        return false;
+    }
+    if (!runInstallScript("preinst", info, common, run.resp, oldVersion)) {
+        pm.setResult(PKG_ERR_SYSTEM);
+        return false;
+    }
+    const PKG_ERRCODE placed = PMSPlacePackage(pm, common, info, target);
+    if (placed != PKG_ERR_SUCCESS) {
+        pm.setResult(placed);
+        return false;
+    }
+    return true;
 }
 
 bool PMSRunPostScripts(const PackageInfo& info, const Common& common,

@@ -30,18 +30,34 @@ bool PMSRunTool(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const char*
 // OS version. False with the result set on `pm`.
 bool PMSOpenPipeline(PackageManager& pm, const Common& common, PackageInfo& info);
 
-// The facts of one install or upgrade; the scripts get a copy of the wizard values, kept in
-// `wizardCopy`, which must live as long as `common`.
-void PMSFillCommon(Common& common, Json::Value& wizardCopy, PKG_INSTALLATION_TYPE type,
-                   const std::string& tmpDir, const std::string& packageFile,
-                   const std::string& volume, const Json::Value* wizardValues, const char* language,
-                   const char* userName);
+// What one install or upgrade carries from step to step: the facts that its scripts get (with
+// their own copy of the wizard answers) and the workers' answers.
+struct PipelineRun {
+    PipelineRun(const PackageManager& pm, PKG_INSTALLATION_TYPE type, const std::string& tmpDir,
+                const std::string& packageFile, const std::string& volume,
+                const Json::Value* wizardValues, const char* language, const char* userName);
+    PipelineRun(const PipelineRun&) = delete;
+    PipelineRun& operator=(const PipelineRun&) = delete;
+
+    Json::Value wizard;
+    Common common;  // points to `wizard`
+    ZARN::PkgUtils::WorkerResp resp;
+    const PKG_ERRCODE preset;  // the manager's code at the start, shown again after a success
+    bool success = false;
+    unsigned long long restartMask = 0;
+};
 
 // From the unpacked package to the registry: the payload replaces the target, the lock is
 // taken again (scripts and stops may have let it go), the control files are checked again,
 // the icons embedded and the package registered. 0, or the result code of the failure.
 PKG_ERRCODE PMSPlacePackage(PackageManager& pm, const Common& common, PackageInfo& info,
                             const std::string& target);
+
+// The resources of "preinst" (`acquireFailure` when they fail), the "preinst" script (0x107)
+// and PMSPlacePackage: false with the result set on `pm`.
+bool PMSPreinstAndPlace(PackageManager& pm, PipelineRun& run, PackageInfo& info,
+                        const std::string& target, const std::string& oldVersion,
+                        PKG_ERRCODE acquireFailure);
 
 // "postinst", then "postreplace" with the current replace mechanism, then "postupgrade" in an
 // upgrade; false at the first that fails.

@@ -40,20 +40,15 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
                                      const Json::Value* wizardValues, const char* language,
                                      const char* userName, bool ignoreDependencies,
                                      INST_RUN_OPTION option) {
-    const PKG_ERRCODE preset = getResult();
-    Common common;
-    Json::Value wizard;
-    PMSFillCommon(common, wizard, PKG_INSTALLATION_UPGRADE, tmpDir, packageFile, volume,
-                  wizardValues, language, userName);
+    PipelineRun run(*this, PKG_INSTALLATION_UPGRADE, tmpDir, packageFile, volume, wizardValues,
+                    language, userName);
+    Common& common = run.common;
     const std::string& extractDir = common.extractDir;
-    ZARN::PkgUtils::WorkerResp resp;
     PackageInfo fresh;
     PackageInfo old;
     std::vector<std::string> list;
     std::string tmpFolder;
     bool wasRunning = false;
-    bool success = false;
-    unsigned long long mask = 0;
     if (!PMSOpenPipeline(*this, common, fresh)) {
         goto epilogue;
     }
@@ -139,7 +134,7 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
             }
         }
         if (wasRunning) {
-            mask |= findRestartServices(list);
+            run.restartMask |= findRestartServices(list);
             serviceControl(PKG_INSTALLATION_UPGRADE, old.name, false, language, userName, &list,
                            true, false);
             if (getResult() == PKG_ERR_PRESTOP) {
@@ -158,11 +153,11 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
             tmpFolder.clear();
         }
         // The old version's data survive in the temporary folder through its own scripts.
-        if (!runInstallScript("preupgrade", old, common, resp, old.version)) {
+        if (!runInstallScript("preupgrade", old, common, run.resp, old.version)) {
             setResult(PKG_ERR_SYSTEM);
             goto epilogue;
         }
-        mask |= old.instuninst_restart_services;
+        run.restartMask |= old.instuninst_restart_services;
         if (!uninstall(old, common.wizardValues, language, PKG_INSTALLATION_UPGRADE, nullptr)) {
             ZLOGERR("Failed to remove package %s", old.name.c_str());
         }
@@ -173,7 +168,7 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
         }
         if (PMSUsesReplaceMechanism(fresh)) {
             DepPkgVector replaced = extra.install_replace_packages;
-            if (!runInstallScript("prereplace", old, common, resp, old.version) ||
+            if (!runInstallScript("prereplace", old, common, run.resp, old.version) ||
                 !uninstallReplacedPkgs(replaced, language, userName)) {
                 ZLOGERR("Failed to remove replace package for %s", name.c_str());
                 setResult(PKG_ERR_SYSTEM);
@@ -182,25 +177,15 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
         }
         Resource::InitRequiredFields(name, extractDir);
         Resource::RestoreResourceFile(name, extractDir);
-        if (!PMSAcquireStep(*this, Resource::TIMING_PREINST, fresh, PKG_INSTALLATION_UPGRADE, resp,
-                            common.wizardValues, extractDir)) {
-            setResult(PKG_ERR_UPGRADE);
-            goto epilogue;
-        }
-        if (!runInstallScript("preinst", fresh, common, resp, old.version)) {
-            setResult(PKG_ERR_SYSTEM);
-            goto epilogue;
-        }
-        const PKG_ERRCODE placed = PMSPlacePackage(*this, common, fresh, appstoreDir + "/" + name);
-        if (placed != PKG_ERR_SUCCESS) {
-            setResult(placed);
+        if (!PMSPreinstAndPlace(*this, run, fresh, appstoreDir + "/" + name, old.version,
+                                PKG_ERR_UPGRADE)) {
             goto epilogue;
         }
         const bool postAcquired =
-            PMSAcquireStep(*this, Resource::TIMING_POSTINST, fresh, PKG_INSTALLATION_UPGRADE, resp,
-                           common.wizardValues, "");
-        mask |= fresh.instuninst_restart_services;
-        if (!PMSRunPostScripts(fresh, common, resp, old.version)) {
+            PMSAcquireStep(*this, Resource::TIMING_POSTINST, fresh, PKG_INSTALLATION_UPGRADE,
+                           run.resp, common.wizardValues, "");
+        run.restartMask |= fresh.instuninst_restart_services;
+        if (!PMSRunPostScripts(fresh, common, run.resp, old.version)) {
             setResult(PKG_ERR_SYSTEM);
             goto epilogue;
         }
@@ -210,26 +195,26 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
         }
         *getPackageInfoData() = fresh;
         // The queries on the way leave their answers here; a success shows the preset.
-        setResult(preset);
-        success = PMSFinishInstall(*this, fresh, language, userName);
+        setResult(run.preset);
+        run.success = PMSFinishInstall(*this, fresh, language, userName);
     }
 epilogue:
-    InstallationHandlerPost(wasRunning, success, userName, language,
-                            success ? option : INST_RUN_NO_START, PKG_INSTALLATION_UPGRADE, fresh,
-                            list, mask);
+    InstallationHandlerPost(wasRunning, run.success, userName, language,
+                            run.success ? option : INST_RUN_NO_START, PKG_INSTALLATION_UPGRADE,
+                            fresh, list, run.restartMask);
     if (!tmpFolder.empty()) {
         PMSRunTool(fresh, PKG_INSTALLATION_UPGRADE, "/bin/rm", {"-rf", tmpFolder});
     }
     if (!fresh.name.empty()) {
         const std::string line = "upgrade " + old.name + " from " + old.version + " to " +
-                                 fresh.version + " " + (success ? "successfully" : "failed");
+                                 fresh.version + " " + (run.success ? "successfully" : "failed");
         PMSWriteSysLog(line.c_str());
     }
     PMSCleanExtractDir(*this, fresh, PKG_INSTALLATION_UPGRADE, extractDir);
     if (!fresh.name.empty()) {
         PMSCheckServiesStatus(fresh, &old, PKG_INSTALLATION_UPGRADE, -1);
     }
-    return success;
+    return run.success;
 }
 
 }  // namespace ZARNPackageTool
