@@ -62,7 +62,7 @@ bench_case() {
             # shellcheck disable=SC2086
             strace -f -qq -e trace=execve -o "$work/trace" "$zarnpkg" --root "$zroot" $action >/dev/null 2>&1 || true
             printf '%s: zarnpkg %s starts: %s\n' "$1" "${action%% *}" \
-                "$(grep -o 'execve("[^"]*"' "$work/trace" | sed 's/execve("//; s/"$//; s#.*/##' | tail -n +2 | sort | uniq -c | awk '{ printf "%s %s, ", $1, $2 }')"
+                "$(grep -v ENOENT "$work/trace" | grep -o 'execve("[^"]*"' | sed 's/execve("//; s/"$//; s#.*/##' | tail -n +2 | sort | uniq -c | awk '{ printf "%s %s, ", $1, $2 }')"
         done
     fi
 }
