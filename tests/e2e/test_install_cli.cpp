@@ -32,6 +32,17 @@ constexpr const char* kScript =
 
 class InstallCliTest : public JobRootTest {
 protected:
+    // A test that stops half way leaves no example service running behind it.
+    void TearDown() override {
+        for (const char* name : {"heartbeat", "greeter"}) {
+            const std::string pid =
+                readFile(std::string("/volume1/@appstore/") + name + "/" + name + ".pid");
+            if (!pid.empty()) {
+                kill(std::stoi(pid), SIGTERM);
+            }
+        }
+        JobRootTest::TearDown();
+    }
     CliRun zarn(const std::vector<std::string>& args) { return RunZarnpkg(root(), args); }
 
     // A package with every script, a payload file and `info` lines; returns the QAR's path.
