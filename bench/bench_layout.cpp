@@ -7,6 +7,10 @@
 //                                               start-stop-status, every third of them running
 //   bench_layout dpkg FILE COUNT                a dpkg status file of COUNT packages with the
 //                                               same dependency shape
+//   bench_layout chain ROOT COUNT               a standalone root with COUNT stopped packages,
+//                                               each needing the one before it, whose
+//                                               start-stop-status does nothing, with their jobs
+//                                               generated as at installation
 //
 // Nothing is timed here: the script times the commands against these trees.
 #include <unistd.h>
@@ -20,6 +24,9 @@
 #include "platform/host_init.h"
 #include "platform/jobs.h"
 #include "platform/sysroot.h"
+#include "service/gen_job_adapter.h"
+#include "service/gen_service_cfg.h"
+#include "service/jobs.h"
 
 namespace {
 
@@ -77,26 +84,56 @@ constexpr const char* kScript =
     "#!/bin/sh\ncase \"$1\" in\n  status) [ -f \"${0%/*}/../target/running\" ] && exit 0; exit "
     "3;;\nesac\nexit 0\n";
 
-void Registry(const std::string& root, int count, int scripted) {
+// A fresh standalone root at `root` for the library and the tools it runs; the init tool that
+// checks jobs finds it through the environment.
+void MakeRoot(const std::string& root) {
+    setenv("ZARNPKG_ROOT", root.c_str(), 1);
     ZARNPackageCore::SetSystemRoot(root);
     std::string error;
     Check(ZARNHostInit(error), "host-init " + error);
+}
+
+// An installed package `i`: its INFO, its payload folder and the target link to it.
+void Install(int i, const std::string& info) {
+    const std::string dir = "/var/packages/" + Name(i);
+    const std::string target = "/volume1/@appstore/" + Name(i);
+    Check(ZARNFSMkdirP(dir + "/scripts", 0, 1, -1, -1, 0755) == 0, "mkdir " + dir);
+    Check(ZARNFSMkdirP(target, 0, 1, -1, -1, 0755) == 0, "mkdir " + target);
+    Check(ZARNFileWrite(dir + "/INFO", info), "INFO");
+    Check(ZARNSymlink("../../../volume1/@appstore/" + Name(i), dir + "/target"), "link");
+}
+
+void Registry(const std::string& root, int count, int scripted) {
+    MakeRoot(root);
     for (int i = 0; i < count; ++i) {
+        Install(i, InfoText(i));
         const std::string dir = "/var/packages/" + Name(i);
-        const std::string target = "/volume1/@appstore/" + Name(i);
-        Check(ZARNFSMkdirP(dir, 0, 1, -1, -1, 0755) == 0, "mkdir " + dir);
-        Check(ZARNFSMkdirP(target, 0, 1, -1, -1, 0755) == 0, "mkdir " + target);
-        Check(ZARNFileWrite(dir + "/INFO", InfoText(i)), "INFO");
-        Check(ZARNSymlink("../../../volume1/@appstore/" + Name(i), dir + "/target"), "link");
         Check(ZARNFileWrite(dir + "/enabled", ""), "enabled");
         if (i < scripted) {
-            Check(ZARNFSMkdirP(dir + "/scripts", 0, 1, -1, -1, 0755) == 0, "scripts");
             Check(ZARNFileWrite(dir + "/scripts/start-stop-status", kScript, 0755), "script");
             if (i % 3 == 0) {
-                Check(ZARNFileWrite(target + "/running", ""), "running");
+                Check(ZARNFileWrite("/volume1/@appstore/" + Name(i) + "/running", ""), "running");
                 Check(ZARNJobStateWrite("pkgctl-" + Name(i), 1, 1, ZARN_JOB_PHASE_RUNNING), "job");
             }
         }
+    }
+}
+
+void Chain(const std::string& root, int count) {
+    namespace Service = ZARNPackageTool::Service;
+    MakeRoot(root);
+    for (int i = 0; i < count; ++i) {
+        std::string info = "package=\"" + Name(i) +
+                           "\"\nversion=\"1.0\"\nmaintainer=\"bench\"\ndescription=\"bench\"\n";
+        if (i > 0) {
+            info += "install_dep_packages=\"" + Name(i - 1) + "\"\n";
+        }
+        Install(i, info);
+        Check(ZARNFileWrite("/var/packages/" + Name(i) + "/scripts/start-stop-status",
+                            "#!/bin/sh\nexit 0\n", 0755),
+              "script");
+        Check(Service::GenJobAdapter(Name(i), Json::Value(), true), "job of " + Name(i));
+        Check(Service::GenServiceCfg(Name(i), Json::Value(), true), "service of " + Name(i));
     }
 }
 
@@ -121,11 +158,15 @@ int main(int argc, char** argv) {
     const std::string what = argc > 1 ? argv[1] : "";
     if (what == "registry" && argc == 5) {
         Registry(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
+    } else if (what == "chain" && argc == 4) {
+        Chain(argv[2], std::atoi(argv[3]));
     } else if (what == "dpkg" && argc == 4) {
         Dpkg(argv[2], std::atoi(argv[3]));
     } else {
-        std::fprintf(stderr,
-                     "usage: bench_layout registry ROOT COUNT SCRIPTED | dpkg FILE COUNT\n");
+        std::fprintf(
+            stderr,
+            "usage: bench_layout registry ROOT COUNT SCRIPTED | dpkg FILE COUNT | chain ROOT "
+            "COUNT\n");
         return 2;
     }
     return 0;

@@ -10,27 +10,8 @@
 # the layout in DIR for the next run instead.
 set -eu
 
-build=$(cd "${1:-build}" && pwd)
-zarnpkg="$build/zarnpkg"
-layout="$build/bench/bench_layout"
-rounds=${ROUNDS:-5}
+. "$(dirname "$0")/common.sh"
 qar_mib=${QAR_MIB:-300}
-if [ -n "${WORK:-}" ]; then
-    work=$WORK
-    mkdir -p "$work"
-else
-    work=$(mktemp -d /tmp/zarnpkg-listing.XXXXXX)
-    trap 'rm -rf "$work"' EXIT INT TERM
-fi
-
-now() { date +%s%N; }
-
-# best_of CMD...: the best wall time of one run of CMD, in milliseconds, into $best.
-run_ms() {
-    t0=$(now)
-    "$@" >/dev/null 2>&1 || { echo "failed: $*" >&2; exit 1; }
-    echo $((($(now) - t0) / 1000000))
-}
 
 # compare NAME TARGET CMD_A -- CMD_B: alternates A and B $rounds times, prints the best of each
 # and the ratio A/B against the target.

@@ -32,9 +32,10 @@ Json::Value PrintWarnings(const std::vector<std::string>& warnings);
 int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& text);
 // Prints a failure with its code, message array, the sentence `what` (what failed, in words)
 // and the facts of `params`: "error: 0x<code> <message ...>: <sentence>" on standard error, or
-// the JSON failure form.
+// the JSON failure form, with the workers' messages of the action when it has them.
 int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& message,
-                        const std::string& what, const Json::Value& params = Json::Value());
+                        const std::string& what, const Json::Value& params = Json::Value(),
+                        const Json::Value& workerMessages = Json::Value());
 // A failure whose message is the key of its code.
 int PrintFailureCode(const CliContext& ctx, unsigned int code, const std::string& what,
                      const Json::Value& params = Json::Value());
@@ -62,5 +63,10 @@ int CmdPack(CliContext& ctx);
 int CmdCheck(CliContext& ctx);
 int CmdStatus(CliContext& ctx);
 int CmdLog(CliContext& ctx);
+int CmdStart(CliContext& ctx);
+int CmdStop(CliContext& ctx);
+int CmdRestart(CliContext& ctx);
 int CmdOrder(CliContext& ctx);
 int CmdWorkers(CliContext& ctx);
+int CmdInstall(CliContext& ctx);
+int CmdUninstall(CliContext& ctx);

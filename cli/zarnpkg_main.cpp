@@ -30,8 +30,16 @@ const Command kCommands[] = {
      "file (a word with a / or ending in .qar or .spk)"},
     {"list", CmdList, "", "installed packages with version and status"},
     {"status", CmdStatus, "NAME", "status and rough status of an installed package"},
+    {"start", CmdStart, "NAME", "start a package; it does not start the packages it needs"},
+    {"stop", CmdStop, "NAME", "stop a package and the running packages that need it"},
+    {"restart", CmdRestart, "NAME", "stop a package with its running dependants, start them again"},
     {"log", CmdLog, "NAME", "the package's log text"},
     {"order", CmdOrder, "[NAME]", "stop order of all packages, or of NAME's dependants"},
+    {"install", CmdInstall,
+     "FILE [--volume V] [--start|--no-start|--keep-running] [--wizard JSON|@FILE] [--user U] "
+     "[--verify-signature] [--ignore-deps]",
+     "install, upgrade or repair a package from a QAR file"},
+    {"uninstall", CmdUninstall, "NAME [--force] [--wizard JSON|@FILE]", "remove a package"},
     {"workers", CmdWorkers, "[NAME]",
      "resource workers per moment with their origin, or those\n"
      "that NAME's conf/resource asks for"},

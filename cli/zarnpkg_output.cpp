@@ -82,7 +82,8 @@ int PrintSuccess(const CliContext& ctx, Json::Value object, const std::string& t
 }
 
 int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Value& given,
-                        const std::string& what, const Json::Value& givenParams) {
+                        const std::string& what, const Json::Value& givenParams,
+                        const Json::Value& workerMessages) {
     Json::Value message = given;
     if (code == ZARNPackageTool::PKG_ERR_SUCCESS) {
         // A failure that left no reason behind must not read as success to a script.
@@ -101,7 +102,8 @@ int PrintFailureMessage(const CliContext& ctx, unsigned int code, const Json::Va
         out["message"] = message.isArray() ? message : Json::Value(Json::arrayValue);
         out["error"] = sentence;
         out["params"] = params;
-        out["worker_msg"] = Json::Value(Json::arrayValue);
+        out["worker_msg"] =
+            workerMessages.isArray() ? workerMessages : Json::Value(Json::arrayValue);
         PrintJson(out);
     } else {
         std::string line = "error: " + Hex(code);
@@ -124,7 +126,18 @@ int PrintFailureCode(const CliContext& ctx, unsigned int code, const std::string
 
 int PrintFailure(const CliContext& ctx, const ZARNPackageTool::PackageManager& pm,
                  const std::string& what) {
-    return PrintFailureCode(ctx, pm.getResult(), what, ParamsObject(pm.getMapParams()));
+    Json::Value data;
+    const PKG_ERRCODE code = pm.getResult(data);
+    Json::Value message(Json::arrayValue);
+    message.append(ZARNPackageTool::PMSMessageKey(code));
+    // A list that the result carries (the services not enabled, say) is the message's argument.
+    if (data.isArray()) {
+        for (const auto& item : data) {
+            message.append(item);
+        }
+    }
+    return PrintFailureMessage(ctx, code, message, what, ParamsObject(pm.getMapParams()),
+                               pm.getJsonParam("worker_msg"));
 }
 
 int FinishOutput(const CliContext& ctx, int status) {

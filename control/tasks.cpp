@@ -37,7 +37,12 @@ std::shared_ptr<KOS::Task> GetTaskWithTaskMgr(const KOS::TaskMgr& manager, const
 }
 
 std::unique_ptr<KOS::Task> createTask(const std::string& name, const std::string& status) {
-    const std::string taskName = PKG_TASK_STARTSTOP_PREFIX + name;
+    return createTask(PKG_TASK_STARTSTOP_PREFIX, name, status);
+}
+
+std::unique_ptr<KOS::Task> createTask(const char* prefix, const std::string& name,
+                                      const std::string& status) {
+    const std::string taskName = prefix + name;
     std::unique_ptr<KOS::Task> task = GetNewTask(PKG_TASK_OWNER, taskName.c_str());
     if (!task) {
         return nullptr;

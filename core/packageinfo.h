@@ -295,6 +295,15 @@ enum PKG_INSTALLATION_TYPE : int {
     PKG_INSTALLATION_RESTART = 32,
 };
 
+// How a start or stop reports its messages: not at all; the workers' messages to the caller as
+// the JSON parameter "worker_msg"; or, for an action taken on behalf of another package, the
+// package's message file to the administrators as a notification.
+enum MSG_TYPE : int {
+    MSG_TYPE_NONE = 0,
+    MSG_TYPE_WORKER = 1,
+    MSG_TYPE_NOTIFY = 2,
+};
+
 // Wizard base file name of each installation type.
 ZARNPKG_API extern const std::map<int, std::string> UIFileMapping;
 
@@ -306,6 +315,14 @@ struct RestartServiceBits {
 ZARNPKG_API extern const std::map<std::string, RestartServiceBits> MappingPKGRestartServices;
 // ORs the first word of every known name of a blank-separated list.
 ZARNPKG_API unsigned int PMSConvMapRestartService(const char* names);
+
+// What follows a good install: always start the package, leave it stopped, or start it only
+// when it ran before the operation.
+enum INST_RUN_OPTION : int {
+    INST_RUN_START = 0,
+    INST_RUN_NO_START = 1,
+    INST_RUN_KEEP_RUNNING = 2,
+};
 
 // Fills `info` from dir/INFO, dir/conf/PKG_DEPS and dir/conf/PKG_CONX. `lang` may be null.
 ZARNPKG_API bool PMSLoadPKGInfoFile(const std::string& dir, PackageInfo& info, const char* lang,

@@ -201,10 +201,89 @@ public:
     bool RestartServices(PKG_INSTALLATION_TYPE type, unsigned long long mask);
     bool RestartServicesAction(unsigned long mask);
 
+    // Start/stop engine (control/service_control.cpp). serviceControl is the whole operation:
+    // task, package lock (kept for type 2, whose caller goes on under it), the order of the
+    // package and its running dependants (reversed for a start), each action, and the reload
+    // of related services (after the start only, for a restart). The named package reports
+    // with MSG_TYPE_NOTIFY for a system action (type 0), done on behalf of another package or
+    // the boot, and MSG_TYPE_WORKER otherwise. `packages` null or empty: the order is computed.
+    bool serviceControl(PKG_INSTALLATION_TYPE type, const std::string& name, bool start,
+                        const char* language, const char* userName,
+                        std::vector<std::string>* packages, bool withDependencies,
+                        bool restartServices);
+    // Type 8 for a start, 16 for a stop, with dependants and related services.
+    bool serviceControl(const std::string& name, bool start, const char* language);
+    // One package, under the lock that the caller holds. Type 0 is the system's own start or
+    // stop: a resume or pause without hooks or resources, and a stop keeps `enabled`.
+    bool serviceControlAction(PKG_INSTALLATION_TYPE type, const std::string& name, bool start,
+                              const char* language, const char* userName, MSG_TYPE msg);
+    // Stops the package with its running dependants (type 32), then starts them again.
+    bool serviceControlRestart(const std::string& name);
+    // Starts or stops (type 0) the enabled packages that need one of these host services, under
+    // the package lock taken directly rather than through ExLock. The vector form takes service
+    // bit masks.
+    bool serviceControlByService(const std::set<std::string>& services, bool start,
+                                 bool printProgress);
+    bool serviceControlByService(const std::vector<unsigned int>& services, bool start,
+                                 bool printProgress);
+    // Brings a package whose service runs while the package should be off to rest, before its
+    // dependants start.
+    bool fixPkgServiceStatus(PKG_INSTALLATION_TYPE type, const std::string& name,
+                             const char* language, const char* userName);
+    // The clean-up after a stop: desktop link, `enabled` and the resources of "disable" (not for
+    // type 0). A failed release is logged and reported, never a failed stop.
+    void removePkgResources(PKG_INSTALLATION_TYPE type, const PackageInfo& info, MSG_TYPE msg);
+
     // Places the control files of an unpacked package under /var/packages/<name> with the
     // install flag, links its target and makes it durable (lifecycle/register_package.cpp).
     bool registerPackage(PKG_INSTALLATION_TYPE type, PackageInfo& info, const std::string& name,
                          const std::string& extractDir, const std::string& target);
+
+    // Install, upgrade or repair from a QAR file, as the installed state asks
+    // (lifecycle/install.cpp). The `bool` forms map true to INST_RUN_START and false to
+    // INST_RUN_KEEP_RUNNING.
+    bool install(const char* language, const std::string& packageFile, const std::string& volume,
+                 INST_RUN_OPTION option, const Json::Value* wizardValues, const char* userName,
+                 bool verifySignature, bool ignoreDependencies);
+    bool install(const char* language, const std::string& packageFile, const std::string& volume,
+                 bool start, const Json::Value* wizardValues, const char* userName,
+                 bool verifySignature, bool ignoreDependencies);
+    // The short form: no start, no wizard values, no signature check, dependencies ignored.
+    bool installQAR(const char* language, std::string packageFile, const std::string& volume);
+    // The fresh install, step by step, under the lock.
+    bool install_package(const std::string& packageFile, const std::string& volume,
+                         const std::string& appstoreDir, const std::string& tmpDir,
+                         INST_RUN_OPTION option, const Json::Value* wizardValues,
+                         const char* language, const char* userName, bool ignoreDependencies);
+    // Upgrade or repair (lifecycle/upgrade.cpp): the old version goes through the uninstall
+    // core, keeping its resources and data, and the new one follows.
+    bool upgrade_package(const std::string& packageFile, const std::string& volume,
+                         const std::string& appstoreDir, const std::string& tmpDir,
+                         const Json::Value* wizardValues, const char* language,
+                         const char* userName, bool ignoreDependencies, INST_RUN_OPTION option);
+    bool post_install(const PackageInfo& info);
+    // What follows an install or upgrade: the start that the option asks for, with the
+    // dependants, the restart of packages stopped by the dependency limit after an upgrade, and
+    // the reload of related host services.
+    void InstallationHandlerPost(bool wasRunning, bool success, const char* userName,
+                                 const char* language, INST_RUN_OPTION option,
+                                 PKG_INSTALLATION_TYPE type, const PackageInfo& info,
+                                 std::vector<std::string> dependants,
+                                 unsigned long long restartMask);
+    // Stops the running packages of the list that are installed in a matching version; false at
+    // the first that won't stop.
+    bool stopPackages(DepPkgVector packages, const char* language, const char* userName);
+
+    // Uninstall (lifecycle/uninstall.cpp): the checked entry by name, and the core, which an
+    // upgrade runs with type 2 to remove the old version.
+    bool uninstall(const std::string& name, const Json::Value* wizardValues, const char* language,
+                   PKG_INSTALLATION_TYPE type, bool force, const char* userName);
+    bool uninstall(const PackageInfo& info, const Json::Value* wizardValues, const char* language,
+                   PKG_INSTALLATION_TYPE type, const char* userName);
+    // Many packages, dependants first; a failure doesn't stop the others.
+    bool uninstallPKGs(const std::vector<std::string>& names, bool printErrors);
+    // Removes the installed packages that satisfy an entry of the list.
+    bool uninstallReplacedPkgs(DepPkgVector& packages, const char* language, const char* userName);
 
     // Service strings of INFO.
     static unsigned int PMSExplodeServiceString(const char* names);

@@ -17,6 +17,10 @@ std::string PMSRegistryDir(const std::string& name) {
     return std::string(PKG_REGISTRY_DIR) + "/" + name;
 }
 
+std::string PMSDesktopEntryPath(const std::string& uidir) {
+    return "/usr/zarn/zarnman/webman/3rdparty/" + uidir;
+}
+
 bool PMSCheckPackage(const std::string& name) {
     const std::string dir = PMSRegistryDir(name);
     return ZARNIsDir(dir) && IsFileExists(dir + "/INFO");

@@ -17,6 +17,8 @@ ZARNPKG_API std::string PMSGetPackageTarget(const std::string& name);
 // "" without a link, "not_volume_path" for the system partition, else the volume of the target.
 ZARNPKG_API std::string PMSGetPackageTargetVolByPath(const char* dir);
 ZARNPKG_API bool PMSCheckEnabledFile(const char* dir);
+// The desktop entry of a package's UI folder (`kosuidir`), whose presence shows it running.
+ZARNPKG_API std::string PMSDesktopEntryPath(const std::string& uidir);
 
 // flock on a file: the descriptor, or a negative number.
 ZARNPKG_API int PMSLockFile(const char* path, bool exclusive);

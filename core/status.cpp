@@ -21,7 +21,6 @@ namespace ZARNPackageTool {
 namespace {
 
 constexpr const char* kControlScript = "start-stop-status";
-constexpr const char* kDesktopEntryDir = "/usr/zarn/zarnman/webman/3rdparty";
 // Exit code of a status query that reports the package broken.
 constexpr int kScriptBroken = 150;
 
@@ -227,8 +226,7 @@ void PackageManager::statusEnd(StatusRun& run, int ret) {
         run.running = ret == 0;
     }
     if (info.startable) {
-        if (!info.kosuidir.empty() &&
-            !ZARNPathExists(std::string(kDesktopEntryDir) + "/" + info.kosuidir)) {
+        if (!info.kosuidir.empty() && !ZARNPathExists(PMSDesktopEntryPath(info.kosuidir))) {
             run.running = false;
         }
         if (!PMSCheckEnabledFile(dir.c_str())) {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "core/packagemanager.h"
-#include "lifecycle/script_log.h"
+#include "lifecycle/pipeline_steps.h"
 #include "package/archive.h"
 #include "platform/accounts.h"
 #include "platform/errors.h"
@@ -22,27 +22,11 @@ namespace {
 constexpr int kLinkAttempts = 60;
 constexpr const char* kPackageEtcDir = "/usr/zarn/etc/packages/";
 
-// Runs one of the machine's tools on logical paths through the package log; false, logged,
-// when it fails.
-bool RunLogged(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const char* program,
-               std::vector<std::string> args) {
-    std::vector<std::string> argv = {ZARNMachineProgram(program)};
-    for (std::string& arg : args) {
-        argv.push_back(arg[0] == '/' ? PMSProgramPath(arg) : arg);
-    }
-    ZARNUtils::ProcessRunner runner(argv);
-    if (PMSRunAndWriteScriptLog(info, type, runner, PKG_RUN_MODE_COMMAND) != 0) {
-        ZLOGERR("Failed to run %s", runner.toString().c_str());
-        return false;
-    }
-    return true;
-}
-
 // Replaces `R/<name>` by the folder of that name in the extract folder.
 bool MoveFolderIn(const PackageInfo& info, PKG_INSTALLATION_TYPE type, const std::string& from,
                   const std::string& to) {
-    const bool removed = RunLogged(info, type, "/bin/rm", {"-rf", to});
-    return RunLogged(info, type, "/bin/mv", {"-f", from, to}) && removed;
+    const bool removed = PMSRunTool(info, type, "/bin/rm", {"-rf", to});
+    return PMSRunTool(info, type, "/bin/mv", {"-f", from, to}) && removed;
 }
 
 // The link target -> `to`, tried again while something else holds the place.
@@ -95,19 +79,19 @@ bool PackageManager::registerPackage(PKG_INSTALLATION_TYPE type, PackageInfo& /*
         return false;
     }
     const std::string reg = "/var/packages/" + name;
-    bool ok = RunLogged(record, type, "/bin/mkdir", {"-p", reg});
+    bool ok = PMSRunTool(record, type, "/bin/mkdir", {"-p", reg});
     // From here until a good install ends, the package reports itself broken.
     if (!ZARNOpen(reg + "/installing", O_WRONLY | O_CREAT | O_TRUNC, 0644).valid()) {
         ZLOGERR("Failed to create install flag file %s", (reg + "/installing").c_str());
         ok = false;
     }
-    ok = RunLogged(record, type, "/bin/mv", {"-f", extractDir + "/INFO", reg + "/INFO"}) && ok;
+    ok = PMSRunTool(record, type, "/bin/mv", {"-f", extractDir + "/INFO", reg + "/INFO"}) && ok;
     if (ZARNIsDir(extractDir + "/scripts")) {
         ok = MoveFolderIn(record, type, extractDir + "/scripts", reg + "/scripts") && ok;
     } else {
         // A package without scripts gets an empty folder, so every registry looks alike.
-        ok = RunLogged(record, type, "/bin/rm", {"-rf", reg + "/scripts"}) &&
-             RunLogged(record, type, "/bin/mkdir", {"-p", reg + "/scripts"}) && ok;
+        ok = PMSRunTool(record, type, "/bin/rm", {"-rf", reg + "/scripts"}) &&
+             PMSRunTool(record, type, "/bin/mkdir", {"-p", reg + "/scripts"}) && ok;
     }
     if (ZARNIsDir(extractDir + "/WIZARD_UIFILES")) {
         ok = MoveFolderIn(record, type, extractDir + "/WIZARD_UIFILES", reg + "/WIZARD_UIFILES") &&

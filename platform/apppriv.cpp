@@ -1,6 +1,7 @@
 #include "platform/apppriv.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <ctime>
 
 #include "platform/accounts.h"
@@ -14,7 +15,9 @@ namespace {
 constexpr const char* kDesktopDir = "/usr/zarn/zarnman/webman/3rdparty";
 constexpr const char* kAdminGroup = "administrators";
 
-int AddOne(const char* kind, const std::string& who, const std::string& app) {
+// Adds `who` to the list of `app` under `kind` of the store, and notes `what` in the events log.
+int AddOne(const char* kind, const std::string& who, const std::string& app,
+           const std::string& what) {
     if (who.empty() || app.empty()) {
         VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
         return -1;
@@ -46,19 +49,22 @@ int AddOne(const char* kind, const std::string& who, const std::string& app) {
         VLIBCErrSet(ZARN_ERR_IO);
         return -1;
     }
-    ZARNEventLog(std::string("app privilege: ") + (kind[0] == 'u' ? "user " : "group ") + who +
-                 " may open " + app);
+    ZARNEventLog("app privilege: " + what);
     return 0;
 }
 
 }  // namespace
 
 int VLIBAppPrivUserAddOne(const std::string& user, const std::string& app) {
-    return AddOne("users", user, app);
+    return AddOne("users", user, app, "user " + user + " may open " + app);
 }
 
 int VLIBAppPrivGroupAddOne(const std::string& group, const std::string& app) {
-    return AddOne("groups", group, app);
+    return AddOne("groups", group, app, "group " + group + " may open " + app);
+}
+
+int VLIBAppPrivGroupDenyOne(const std::string& group, const std::string& app) {
+    return AddOne("deny_groups", group, app, "group " + group + " may not open " + app);
 }
 
 int VLIBGroupIsAdminGroupMem(const std::string& user, int /*flags*/) {
@@ -146,4 +152,17 @@ bool ZARNEventLog(const std::string& text) {
     }
     ZARNSyslog(LOG_INFO, "%s", text.c_str());
     return ZARNFileAppend(ZARN_EVENTS_LOG, std::string(stamp) + "\t" + text + "\n");
+}
+
+int ZARNLogSet1(int /*facility*/, int level, unsigned int id, const std::string& arg1,
+                const std::string& arg2, const std::string& arg3) {
+    char head[64];
+    snprintf(head, sizeof(head), "event 0x%08X level %d:", id, level);
+    std::string text = head;
+    for (const std::string* arg : {&arg1, &arg2, &arg3}) {
+        if (!arg->empty()) {
+            text += " " + *arg;
+        }
+    }
+    return ZARNEventLog(text) ? 0 : -1;
 }

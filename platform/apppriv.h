@@ -18,6 +18,8 @@ constexpr const char* ZARN_EVENTS_LOG = "/var/log/zarnhost/events.log";
 // is success without a second entry.
 ZARNHOST_API int VLIBAppPrivUserAddOne(const std::string& user, const std::string& app);
 ZARNHOST_API int VLIBAppPrivGroupAddOne(const std::string& group, const std::string& app);
+// Refuses one application to a group ("deny_groups" of the store), the same way.
+ZARNHOST_API int VLIBAppPrivGroupDenyOne(const std::string& group, const std::string& app);
 
 // 1 when the user belongs to the group "administrators" (listed, or as primary group), 0 when
 // not, -1 when the accounts can't be read. `flags` is unused on this host.
@@ -36,3 +38,7 @@ ZARNHOST_API bool ZARNAppConfigLoad(const char* lang, Json::Value& out);
 
 // Appends one line, stamped, to the events log.
 ZARNHOST_API bool ZARNEventLog(const std::string& text);
+// A system log event: "event 0x<id> level <level>: <args...>" in the events log and syslog.
+// 0, or -1 when it can't be written.
+ZARNHOST_API int ZARNLogSet1(int facility, int level, unsigned int id, const std::string& arg1,
+                             const std::string& arg2, const std::string& arg3);

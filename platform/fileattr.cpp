@@ -1,6 +1,7 @@
 #include "platform/fileattr.h"
 
 #include <fcntl.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 
 #include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/rootat.h"
 #include "platform/sysroot.h"
 
@@ -65,4 +67,30 @@ bool ZARNRealPath(const std::string& path, std::string& real) {
     }
     real = ZARNLogicalPath(std::string(resolved, static_cast<size_t>(n)));
     return true;
+}
+
+int ZARNACLIsSupport(const std::string& path, int fd, int kind) {
+    if (kind != 2) {
+        VLIBCErrSet(ZARN_ERR_BAD_PARAMETERS);
+        return -1;
+    }
+    Fd own;
+    if (fd < 0) {
+        own = ZARNOpen(path, O_RDONLY | O_NOFOLLOW);
+        if (!own.valid()) {
+            return -1;
+        }
+        fd = own.get();
+    }
+    // The kernel keeps an ACL as an extended attribute only when it says more than the mode.
+    for (const char* name : {"system.posix_acl_access", "system.posix_acl_default"}) {
+        if (fgetxattr(fd, name, nullptr, 0) >= 0) {
+            return 1;
+        }
+        if (errno != ENODATA && errno != ENOTSUP) {
+            SetIoError(__FILE__, __LINE__);
+            return -1;
+        }
+    }
+    return 0;
 }

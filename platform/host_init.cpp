@@ -113,9 +113,15 @@ bool MakeRootFolder(std::string& error) {
             return false;
         }
         if (end == std::string::npos) {
-            return true;
+            break;
         }
     }
+    // Package accounts reach their files and scripts through the root, as through "/".
+    if (!ZARNChmod("/", 0755)) {
+        error = "cannot open " + root + " to package accounts: " + ErrnoText(errno);
+        return false;
+    }
+    return true;
 }
 
 bool MakeFolders(std::string& error) {
@@ -269,6 +275,7 @@ bool LinkTools(std::string& error) {
     static const char* const kTools[][2] = {
         {"/usr/zarn/sbin/zarnpkgctl", "zarnpkgctl"},
         {"/sbin/initctl", "zarn-initctl"},
+        {"/usr/zarn/bin/zarnkosnotify", "zarnkosnotify"},
     };
     const std::string dir = ToolsDir();
     for (const auto& tool : kTools) {

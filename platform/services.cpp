@@ -1,6 +1,7 @@
 #include "platform/services.h"
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "platform/errors.h"
 #include "platform/filecache.h"
@@ -96,4 +97,15 @@ int VLIBServicecfgDisplayNameGet(const std::string& name, std::string& displayNa
     }
     displayName = entry["display_name"].asString();
     return 0;
+}
+
+int ZARNSystemGetBootStep() {
+    constexpr int kSystemUp = 4;
+    std::string text;
+    if (!ZARNFileRead("/run/zarnhost/boot_step", text, 64)) {
+        return kSystemUp;
+    }
+    char* end = nullptr;
+    const long step = std::strtol(text.c_str(), &end, 10);
+    return end == text.c_str() ? kSystemUp : static_cast<int>(step);
 }

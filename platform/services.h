@@ -19,3 +19,7 @@ ZARNHOST_API int VLIBServiceIsRunning(const std::string& name);
 // The display name of a host service: 0, or -1 (last error set) when the service or its display
 // name is not known.
 ZARNHOST_API int VLIBServicecfgDisplayNameGet(const std::string& name, std::string& displayName);
+
+// The stage of the boot; 4 means that the system is up. The standalone host is up unless
+// /run/zarnhost/boot_step holds another stage (written by a test or a boot script).
+ZARNHOST_API int ZARNSystemGetBootStep();

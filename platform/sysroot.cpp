@@ -59,6 +59,12 @@ void SetSystemRoot(const std::string& path) {
     state.explicitlySet = true;
     EnsureInitialised();
     state.root = NormalizeRoot(path);
+    // The appliance's tools that run from inside the root (initctl, zarnpkgctl) find it so.
+    if (state.root == "/") {
+        unsetenv("ZARNPKG_ROOT");
+    } else {
+        setenv("ZARNPKG_ROOT", state.root.c_str(), 1);
+    }
 }
 
 const std::string& GetSystemRoot() {

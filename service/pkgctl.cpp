@@ -5,6 +5,7 @@
 #include "core/helpers.h"
 #include "core/packageinfo.h"
 #include "lifecycle/script_env.h"
+#include "lifecycle/script_log.h"
 #include "platform/errors.h"
 #include "platform/log.h"
 #include "platform/process.h"
@@ -63,7 +64,8 @@ int PkgctlRun(const std::string& action, const std::string& package) {
         ZLOGERR("Failed to set identity for %s %s", package.c_str(), ZARNLastErrorSuffix().c_str());
         return 1;
     }
-    const int status = runner.run();
+    // The script's output joins the package log, between the lines that name the action.
+    const int status = PMSRunAndWriteScriptLog(info, type, runner, PKG_RUN_MODE_SCRIPT);
     if (status != 0) {
         ZLOGERR("Failed to run start-stop-status %s for %s, %d", action.c_str(), package.c_str(),
                 status);

@@ -13,9 +13,6 @@
 #include "platform/servicecfg.h"
 #include "privilege/privilege.h"
 #include "service/extra_env.h"
-#include "service/gen_job_adapter.h"
-#include "service/gen_service_cfg.h"
-#include "service/jobs.h"
 #include "support/job_root.h"
 #include "support/qar_builder.h"
 
@@ -52,15 +49,6 @@ protected:
         ASSERT_TRUE(ZARNRename(stage, "/var/packages/heartbeat"));
         ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/heartbeat", "/var/packages/heartbeat/target"));
     }
-    void generateJob(const std::string& name) {
-        enable(name);
-        std::vector<std::string> jobs;
-        ASSERT_TRUE(Service::EnumAvailableJobs(name, jobs));
-        ASSERT_TRUE(Service::InstallJobs(name, jobs, true));
-        ASSERT_TRUE(Service::GenJobAdapter(name, Json::Value(), true)) << logText();
-        ASSERT_TRUE(Service::GenServiceCfg(name, Json::Value(), true)) << logText();
-    }
-
     static bool WaitFor(const std::function<bool()>& done) {
         for (int i = 0; i < 100; ++i) {
             if (done()) {
@@ -81,7 +69,7 @@ protected:
     void startSeeRunningStop(uid_t owner) {
         Service::DumpExtraEnv("heartbeat", PKG_INSTALLATION_START, "enu", "admin");
         ASSERT_EQ(VLIBServiceStart(kJob), 0)
-            << logText() << readFile("/var/log/upstart/pkgctl-heartbeat.log");
+            << logText() << readFile("/var/log/packages/heartbeat.log");
         EXPECT_EQ(VLIBServicectlIsJobRunning(kJob), 1);
         EXPECT_FALSE(ZARNPathExists(Service::ExtraEnvPath("heartbeat"))) << "read by zarnpkgctl";
         ASSERT_TRUE(WaitFor([&] { return !readFile(kBeat).empty(); })) << "no heartbeat";

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdlib>
+#include <string>
 
 #include "support/temproot.h"
 
-// A temporary root whose appliance tools (/sbin/initctl, /usr/zarn/sbin/zarnpkgctl) lead to the
-// built zarn-initctl and zarnpkgctl, so that jobs can be validated and run in it.
+// A temporary root whose appliance tools (/sbin/initctl, /usr/zarn/sbin/zarnpkgctl,
+// /usr/zarn/bin/zarnkosnotify) lead to the built binaries, so that jobs can be validated and run
+// in it.
 class JobRootTest : public TempRootTest {
 protected:
     void SetUp() override {
@@ -16,4 +18,8 @@ protected:
         TempRootTest::TearDown();
         unsetenv("ZARNPKG_TOOLS_DIR");
     }
+    // Does for a laid-out package what the service-cfg resource does at installation: installs
+    // its own jobs and generates its job adapter and service configuration. The job follows the
+    // package's `enabled` flag, which is set first unless `enabled` is false.
+    void generateJob(const std::string& name, bool enabled = true);
 };

@@ -1,0 +1,63 @@
+#include <gtest/gtest.h>
+
+#include "support/cli_runner.h"
+#include "support/service_packages.h"
+
+namespace {
+
+using Args = std::vector<std::string>;
+
+class EngineCliTest : public ServicePackagesTest {};
+
+// start, stop and restart of a dependency chain through the binary, and the words of refusals.
+TEST_F(EngineCliTest, StartStopRestartAChainAndExplainRefusals) {
+    writeFile(
+        "/etc/zarnhost/services.json",
+        R"({"services": [{"name": "ftpd", "display_name": "FTP Service", "enabled": false}]})");
+    addServicePackage("a");
+    addServicePackage("b", "a");
+    addServicePackage("veto", "", "",
+                      "prestart) echo 'the disk is full' >\"$ZARNPKG_TEMP_LOGFILE\"; exit 1 ;;");
+    addServicePackage("needy", "", "start_dep_services=\"ftpd\"\n");
+
+    for (const Args& args : {Args{"start", "a"}, Args{"start", "b"}, Args{"restart", "a"}}) {
+        const CliRun run = RunZarnpkg(root(), args);
+        EXPECT_EQ(run.status, 0) << Shown(args) << run.err;
+    }
+    EXPECT_TRUE(processAlive("a"));
+    EXPECT_TRUE(processAlive("b"));
+    EXPECT_EQ(trace({"start", "stop"}), (std::vector<std::string>{"start a", "start b", "stop b",
+                                                                  "stop a", "start a", "start b"}));
+    const CliRun stop = RunZarnpkg(root(), WithJson({"stop", "a"}));
+    EXPECT_EQ(stop.status, 0) << stop.err;
+    EXPECT_EQ(ParseJson(stop.out)["action"], "stop") << stop.out;
+    EXPECT_FALSE(processAlive("a"));
+    EXPECT_FALSE(processAlive("b"));
+
+    struct Refusal {
+        Args args;
+        const char* code;
+        const char* said;
+    };
+    const Refusal refusals[] = {
+        {{"start", "veto"},
+         "0x12c",
+         "the package's own script refused to start veto: the disk is full"},
+        {{"start", "needy"},
+         "0x104",
+         "needy can't start: these host services are not enabled: FTP Service"},
+        {{"stop", "ghost"}, "0xff", "package ghost is not installed"},
+    };
+    for (const Refusal& r : refusals) {
+        const CliRun run = RunZarnpkg(root(), r.args);
+        EXPECT_EQ(run.status, 1) << Shown(r.args);
+        EXPECT_EQ(run.err.rfind(std::string("error: ") + r.code + " ", 0), 0u) << run.err;
+        EXPECT_NE(run.err.find(r.said), std::string::npos) << run.err;
+    }
+    EXPECT_FALSE(processAlive("veto"));
+    const Json::Value needy = ParseJson(RunZarnpkg(root(), WithJson({"start", "needy"})).out);
+    EXPECT_EQ(needy["code"], 0x104) << needy;
+    EXPECT_EQ(needy["message"][1], "FTP Service") << needy;
+}
+
+}  // namespace
