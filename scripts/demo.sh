@@ -8,8 +8,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$here/build}
 "$here/scripts/install-deps.sh"
-BUILD_DIR=$build "$here/scripts/build.sh" zarnpkg-bin zarnpkgctl-bin zarn-initctl-bin \
-  $(grep -q zarnkosnotify "$here/CMakeLists.txt" && echo zarnkosnotify-bin)
+BUILD_DIR=$build "$here/scripts/build.sh" zarnpkg-bin zarnpkgctl-bin zarn-initctl-bin zarnkosnotify-bin
 zarnpkg="$build/zarnpkg"
 root=${DEMO_ROOT:-$(mktemp -d /tmp/zarnpkg-demo.XXXXXX)}
 work="$root/tmp/demo"
