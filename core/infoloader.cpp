@@ -137,7 +137,7 @@ struct Load {
     const InfoValues& hash;
     PackageInfo& info;
     PackageInfoExtraPrivate& x;
-    const std::string& dir;
+    const ZARNFolder& folder;
     const std::string& infoPath;
     const std::string& language;
     bool wantEnglish;
@@ -230,9 +230,9 @@ bool Services(Load& c, Value v, const std::string&) {
 template <auto F>
 bool DepList(Load& c, Value v, const char* file) {
     if (c.hasConf < 0) {
-        c.hasConf = ZARNIsDir(c.dir + "/conf") ? 1 : 0;
+        c.hasConf = c.folder.isDir("conf") ? 1 : 0;
     }
-    const std::string path = c.dir + "/conf/" + file;
+    const std::string path = c.folder.path() + "/conf/" + file;
     if (c.hasConf == 1 && IsFileExists(path)) {
         PMSLoadDepConfFile(path.c_str(), Field<F>(c));
         return true;
@@ -518,7 +518,9 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     // Read the file directly rather than testing for it first: a scan pays one open per package.
     // The buffer is reused so that a scan doesn't allocate a fresh one for every file.
     thread_local std::string text;
-    if (!ZARNFileRead(infoPath, text, kMaxInfoSize + 1)) {
+    // The folder is resolved once for the INFO, the conf folder and the target link.
+    const ZARNFolder folder(dir);
+    if (!folder.readFile("INFO", text, kMaxInfoSize + 1)) {
         if (errno == ENOENT || errno == ENOTDIR) {
             if (missing != nullptr) {
                 *missing = true;
@@ -538,7 +540,7 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
         return false;
     }
     const InfoValues hash(text, KeysFor(mask, language, wantEnglish));
-    Load load{hash, info, *info.extra.get(), dir, infoPath, language, wantEnglish, -1};
+    Load load{hash, info, *info.extra.get(), folder, infoPath, language, wantEnglish, -1};
     const std::vector<ResolvedReader>& resolved = Resolved();
     for (size_t i = 0; i < kReaderCount; ++i) {
         const KeyReader& r = kReaders[i];
@@ -553,7 +555,9 @@ bool PMSLoadPKGInfoFileImpl(const std::string& dir, PackageInfo& info, const cha
     // A scan for break lists reads every INFO of the registry for that list alone: resolving
     // each target link would cost it more than the reading.
     if (mask != PKG_MASK_BREAKERS) {
-        load.x.target_volume = PMSGetPackageTargetVolByPath(PMSRegistryDir(info.name).c_str());
+        const std::string named = PMSRegistryDir(info.name);
+        load.x.target_volume = named == dir ? PMSGetPackageTargetVol(folder)
+                                            : PMSGetPackageTargetVolByPath(named.c_str());
     }
     return true;
 }

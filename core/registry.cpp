@@ -36,11 +36,12 @@ std::string PMSGetPackageTarget(const std::string& name) {
 }
 
 std::string PMSGetPackageTargetVolByPath(const char* dir) {
-    if (dir == nullptr) {
-        return "";
-    }
+    return dir == nullptr ? "" : PMSGetPackageTargetVol(ZARNFolder(dir));
+}
+
+std::string PMSGetPackageTargetVol(const ZARNFolder& folder) {
     std::string target;
-    if (!ZARNReadLink(std::string(dir) + "/target", target) || target.empty()) {
+    if (!folder.readLink("target", target) || target.empty()) {
         return "";
     }
     if (target.compare(0, std::char_traits<char>::length(kSystemInstallPath), kSystemInstallPath) ==

@@ -4,6 +4,8 @@
 
 #include "core/export.h"
 
+class ZARNFolder;
+
 namespace ZARNPackageTool {
 
 // The registry root and its per-package folder.
@@ -16,6 +18,8 @@ ZARNPKG_API bool PMSCheckPackage(const std::string& name);
 ZARNPKG_API std::string PMSGetPackageTarget(const std::string& name);
 // "" without a link, "not_volume_path" for the system partition, else the volume of the target.
 ZARNPKG_API std::string PMSGetPackageTargetVolByPath(const char* dir);
+// The same of a registry folder already open.
+std::string PMSGetPackageTargetVol(const ZARNFolder& folder);
 ZARNPKG_API bool PMSCheckEnabledFile(const char* dir);
 // The desktop entry of a package's UI folder (`kosuidir`), whose presence shows it running.
 ZARNPKG_API std::string PMSDesktopEntryPath(const std::string& uidir);

@@ -347,17 +347,10 @@ bool ReadOpenFile(int fd, bool regular, size_t size, size_t limit, std::string& 
 
 }  // namespace
 
-bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
-    out.clear();
-    if (BadPath(path)) {
-        return false;
-    }
-    // Opened without blocking: a pipe put where a file belongs would hold the open forever.
-    Fd fd = ZARNOpenInRoot(path, O_RDONLY | O_NONBLOCK);
-    if (!fd.valid()) {
-        SET_ERRNO_ERROR();
-        return false;
-    }
+namespace {
+
+// Reads the whole of a file just opened with O_NONBLOCK; limit > 0 reads at most that many bytes.
+bool ReadOpened(const Fd& fd, std::string& out, size_t limit) {
     struct stat st;
     const bool regular = fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode);
     if (!regular && (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode))) {
@@ -383,6 +376,22 @@ bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
         VLIBCErrSet(ZARN_ERR_OUT_OF_MEMORY);
     }
     return ok;
+}
+
+}  // namespace
+
+bool ZARNFileRead(const std::string& path, std::string& out, size_t limit) {
+    out.clear();
+    if (BadPath(path)) {
+        return false;
+    }
+    // Opened without blocking: a pipe put where a file belongs would hold the open forever.
+    Fd fd = ZARNOpenInRoot(path, O_RDONLY | O_NONBLOCK);
+    if (!fd.valid()) {
+        SET_ERRNO_ERROR();
+        return false;
+    }
+    return ReadOpened(fd, out, limit);
 }
 
 bool ZARNFileWrite(const std::string& path, const std::string& data, mode_t mode) {
@@ -626,15 +635,14 @@ bool AtCall(const std::string& path, bool follow, Call call) {
 
 }  // namespace
 
-bool ZARNReadLink(const std::string& path, std::string& target) {
-    target.clear();
-    ZARNAtPath at;
-    if (BadPath(path) || !ZARNResolveAt(path, false, at)) {
-        return false;
-    }
+namespace {
+
+// Reads the link `name` in the folder `dir`, which the logical `path` names; the target comes
+// back as ZARNReadLink gives it.
+bool ReadLinkIn(int dir, const char* name, const std::string& path, std::string& target) {
     std::string buf(256, '\0');
     for (;;) {
-        ssize_t n = readlinkat(at.dir, at.name.c_str(), &buf[0], buf.size());
+        ssize_t n = readlinkat(dir, name, &buf[0], buf.size());
         if (n < 0) {
             SET_ERRNO_ERROR();
             return false;
@@ -655,6 +663,62 @@ bool ZARNReadLink(const std::string& path, std::string& target) {
         target = Normalize(DirName(path) + "/" + buf);
     }
     return true;
+}
+
+}  // namespace
+
+bool ZARNReadLink(const std::string& path, std::string& target) {
+    target.clear();
+    ZARNAtPath at;
+    if (BadPath(path) || !ZARNResolveAt(path, false, at)) {
+        return false;
+    }
+    return ReadLinkIn(at.dir, at.name.c_str(), path, target);
+}
+
+ZARNFolder::ZARNFolder(const std::string& path) : path_(path) {
+    if (!BadPath(path)) {
+        fd_ = ZARNOpenInRoot(path, O_PATH | O_DIRECTORY);
+    }
+}
+
+std::string ZARNFolder::pathOf(const char* name) const {
+    return path_ + "/" + name;
+}
+
+bool ZARNFolder::readFile(const char* name, std::string& out, size_t limit) const {
+    out.clear();
+    if (!fd_.valid()) {
+        return ZARNFileRead(pathOf(name), out, limit);
+    }
+    Fd fd(openat(fd_.get(), name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid()) {
+        if (errno == ELOOP) {
+            return ZARNFileRead(pathOf(name), out, limit);
+        }
+        SET_ERRNO_ERROR();
+        return false;
+    }
+    return ReadOpened(fd, out, limit);
+}
+
+bool ZARNFolder::isDir(const char* name) const {
+    if (!fd_.valid()) {
+        return ZARNIsDir(pathOf(name));
+    }
+    struct stat st;
+    if (fstatat(fd_.get(), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    return S_ISLNK(st.st_mode) ? ZARNIsDir(pathOf(name)) : S_ISDIR(st.st_mode);
+}
+
+bool ZARNFolder::readLink(const char* name, std::string& target) const {
+    target.clear();
+    if (!fd_.valid()) {
+        return ZARNReadLink(pathOf(name), target);
+    }
+    return ReadLinkIn(fd_.get(), name, pathOf(name), target);
 }
 
 bool ZARNSymlink(const std::string& target, const std::string& linkPath) {

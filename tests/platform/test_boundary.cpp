@@ -115,6 +115,12 @@ TEST_P(BoundaryTest, LinksLeadingOutsideStayInsideTheRoot) {
     ZARNRemoveTree("/volume1/@appstore/x/data");
     ZARNUnlink("/var/packages/good/target/data");
     ZARNSymlink("/etc", "/var/packages/good/target/link");
+    // The entries of a folder opened once are held to the root as their whole paths are.
+    Plant(outside_ + "/evil/INFO", "/var/packages/good/leak");
+    const ZARNFolder good("/var/packages/good");
+    EXPECT_FALSE(good.readFile("leak", text)) << text;
+    EXPECT_FALSE(good.isDir("target"));
+    EXPECT_TRUE(good.readFile("INFO", text));
     std::string made;
     ZARNMkstemp("/volume1/@appstore/x/tmpXXXXXX", made);
     EXPECT_NE(VLIBCFileLock(PackageLockId, 0), 0);
@@ -131,6 +137,16 @@ TEST_P(BoundaryTest, LinksInsideTheRootResolveAsOnTheAppliance) {
         EXPECT_TRUE(ZARNFileRead(link, text)) << link;
         EXPECT_EQ(text, "inside");
     }
+    Plant("/volume1/@appstore/real/INFO", "/var/packages/good/abs");
+    Plant("../../../volume1/@appstore/real", "/var/packages/good/conf");
+    const ZARNFolder good("/var/packages/good");
+    std::string text;
+    EXPECT_TRUE(good.readFile("abs", text));
+    EXPECT_EQ(text, "inside");
+    EXPECT_TRUE(good.isDir("conf"));
+    std::string target;
+    ASSERT_TRUE(good.readLink("conf", target));
+    EXPECT_EQ(target, "/volume1/@appstore/real");
     std::string real;
     ASSERT_TRUE(ZARNRealPath("/var/packages/abs/INFO", real));
     EXPECT_EQ(real, "/volume1/@appstore/real/INFO");
@@ -140,7 +156,6 @@ TEST_P(BoundaryTest, LinksInsideTheRootResolveAsOnTheAppliance) {
     char stored[256] = "";
     ASSERT_GT(readlink(phys("/var/packages/made").c_str(), stored, sizeof(stored) - 1), 0);
     EXPECT_STREQ(stored, "../../volume1/@appstore/real");
-    std::string target;
     ASSERT_TRUE(ZARNReadLink("/var/packages/made", target));
     EXPECT_EQ(target, "/volume1/@appstore/real");
     EXPECT_TRUE(ZARNIsRegularFile("/var/packages/made/INFO"));
