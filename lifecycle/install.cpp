@@ -19,6 +19,7 @@
 #include "platform/files.h"
 #include "platform/locks.h"
 #include "platform/log.h"
+#include "platform/scope_guard.h"
 #include "platform/volumes.h"
 #include "privilege/privilege.h"
 #include "resource/resource.h"
@@ -198,24 +199,28 @@ bool PackageManager::install(const char* language, const std::string& packageFil
     }
     int kind = KIND_FRESH;
     bool success = false;
-    if (verifySignature) {
-        const int verdict = verifyPackageSignature(packageFile.c_str());
-        if (verdict != PKG_ERR_SIGN_OK) {
-            ZLOGERR("Check codesign failed");
-            setResult(static_cast<PKG_ERRCODE>(verdict));
-            goto done;
+    // Each step that fails returns at once; what follows the steps runs on every path.
+    [&] {
+        if (verifySignature) {
+            const int verdict = verifyPackageSignature(packageFile.c_str());
+            if (verdict != PKG_ERR_SIGN_OK) {
+                ZLOGERR("Check codesign failed");
+                setResult(static_cast<PKG_ERRCODE>(verdict));
+                return;
+            }
         }
-    }
-    if (hasCycle(info)) {
-        setResult(PKG_ERR_DEP_CYCLE);
-        goto done;
-    }
-    if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
-        ZLOGERR("Failed to lock, %s", name.c_str());
-        setResult(PKG_ERR_LOCK);
-        goto done;
-    }
-    {
+        if (hasCycle(info)) {
+            setResult(PKG_ERR_DEP_CYCLE);
+            return;
+        }
+        if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
+            ZLOGERR("Failed to lock, %s", name.c_str());
+            setResult(PKG_ERR_LOCK);
+            return;
+        }
+        ZARN_SCOPE_EXIT {
+            UnLock();
+        };
         bool running = false;
         getServiceStatus(name, running, true);
         switch (getResult()) {
@@ -243,7 +248,7 @@ bool PackageManager::install(const char* language, const std::string& packageFil
             chosen = "/volume1";
         } else if (info.install_type == "system") {
             if (!PMSGetSystemInstallPath(chosen)) {
-                goto unlock;
+                return;
             }
         } else if (kind != KIND_FRESH) {
             chosen = PreviousVolume(info, name);
@@ -258,11 +263,11 @@ bool PackageManager::install(const char* language, const std::string& packageFil
             !PMSGetTmpDir(size, nullptr, chosen, PMSGetIntallOnColdStorage(info))) {
             ZLOGERR("No available tmp path");
             setResult(TmpDirFailure());
-            goto unlock;
+            return;
         }
         if (!IsRootPartitionHasEnoughSpace()) {
             setResult(PKG_ERR_NO_SPACE);
-            goto unlock;
+            return;
         }
         std::string finalVolume;
         if (!GetAppStoreVolume(info, chosen.c_str(), size, finalVolume)) {
@@ -272,7 +277,7 @@ bool PackageManager::install(const char* language, const std::string& packageFil
             if (retry && !PMSGetTmpDir(size, chosen.c_str(), other)) {
                 ZLOGERR("No available tmp path");
                 setResult(TmpDirFailure());
-                goto unlock;
+                return;
             }
             if (!retry || !GetAppStoreVolume(info, other.c_str(), size, finalVolume)) {
                 if (retry) {
@@ -280,7 +285,7 @@ bool PackageManager::install(const char* language, const std::string& packageFil
                 }
                 setResult(VLIBCErrGet() == ZARN_ERR_NO_SPACE ? PKG_ERR_NO_SPACE
                                                              : PKG_ERR_NO_VOLUME);
-                goto unlock;
+                return;
             }
         }
         const std::string appstoreDir = finalVolume + "/@appstore";
@@ -288,7 +293,7 @@ bool PackageManager::install(const char* language, const std::string& packageFil
             0) {
             ZLOGERR("Failed to check appstore %s", appstoreDir.c_str());
             setResult(PKG_ERR_NO_VOLUME);
-            goto unlock;
+            return;
         }
         std::string tmpDir;
         const bool system = info.install_type == "system";
@@ -296,7 +301,7 @@ bool PackageManager::install(const char* language, const std::string& packageFil
             !(system && CanUploadtoRoot(0, tmpDir)) && !PMSGetSystemTmpDir(0, tmpDir)) {
             ZLOGERR("Failed to check tmpdir %s", finalVolume.c_str());
             setResult(TmpDirFailure());
-            goto unlock;
+            return;
         }
         // The preset code stands for the kind of action unless a step sets its own.
         if (kind == KIND_REPAIR) {
@@ -315,10 +320,7 @@ bool PackageManager::install(const char* language, const std::string& packageFil
             success = install_package(packageFile, finalVolume, appstoreDir, tmpDir, option,
                                       wizardValues, language, userName, ignoreDependencies);
         }
-    }
-unlock:
-    UnLock();
-done:
+    }();
     WriteInstallEvent(info, kind, success, getResult());
     CleanAllEnv();
     if (adopted) {
@@ -338,10 +340,11 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
     const std::string& extractDir = common.extractDir;
     PackageInfo info;
     bool postAcquired = true;
-    if (!PMSOpenPipeline(*this, common, info)) {
-        goto epilogue;
-    }
-    {
+    // Each step that fails returns at once; what follows the steps runs on every path.
+    [&] {
+        if (!PMSOpenPipeline(*this, common, info)) {
+            return;
+        }
         const std::string& name = info.name;
         // Asked of a manager of its own, so that the answer doesn't take the preset's place.
         PackageManager query;
@@ -350,13 +353,13 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
         if (query.getResult() != PKG_ERR_NOT_INSTALLED) {
             ZLOGERR("Package %s already installed", name.c_str());
             setResult(PKG_ERR_ALREADY_INSTALLED);
-            goto epilogue;
+            return;
         }
         common.logFile = getFixedLogFilePath(name);
         ZARNUnlink(PMSGetProgressPath(name));
         if (!ignoreDependencies && !PMSCheckBrokenReplaced(*this, info, language)) {
             setResult(PKG_ERR_DEP_HANDLE);
-            goto epilogue;
+            return;
         }
         const PackageInfoExtraPrivate& extra = *info.extra.get();
         if (!stopPackages(extra.install_break_packages, language, userName)) {
@@ -369,18 +372,18 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
             DepPkgVector replaced = extra.install_replace_packages;
             if (!runInstallScript("prereplace", info, common, run.resp, "")) {
                 setResult(PKG_ERR_SYSTEM);
-                goto epilogue;
+                return;
             }
             if (!uninstallReplacedPkgs(replaced, language, userName)) {
                 ZLOGERR("Failed to remove replace package for %s", name.c_str());
                 setResult(PKG_ERR_SYSTEM);
-                goto epilogue;
+                return;
             }
         }
         Privilege::ReviseFileAttr(name, extractDir, false);
         Resource::InitRequiredFields(name, extractDir);
         if (!PMSPreinstAndPlace(*this, run, info, appstoreDir + "/" + name, "", PKG_ERR_INSTALL)) {
-            goto epilogue;
+            return;
         }
         // A failure here fails the install only once the scripts have had their say.
         postAcquired = PMSAcquireStep(*this, Resource::TIMING_POSTINST, info,
@@ -388,22 +391,21 @@ bool PackageManager::install_package(const std::string& packageFile, const std::
         DenyGuests(info);
         if (!PMSRunPostScripts(info, common, run.resp, "")) {
             setResult(PKG_ERR_SYSTEM);
-            goto epilogue;
+            return;
         }
         if (!postAcquired) {
             setResult(PKG_ERR_INSTALL);
-            goto epilogue;
+            return;
         }
         if (!PMSFinishInstall(*this, info, language, userName)) {
-            goto epilogue;
+            return;
         }
         run.restartMask = findRestartServices({name}) | info.instuninst_restart_services;
         *getPackageInfoData() = info;
         // The queries on the way leave their answers here; a success shows the preset.
         setResult(run.preset);
         run.success = true;
-    }
-epilogue:
+    }();
     InstallationHandlerPost(false, run.success, userName, language,
                             run.success ? option : INST_RUN_NO_START, PKG_INSTALLATION_INSTALL,
                             info, {}, run.restartMask);

@@ -106,33 +106,32 @@ bool PackageManager::uninstall(const PackageInfo& info, const Json::Value* wizar
     ZARN::PkgUtils::WorkerResp resp;
     bool success = false;
     bool wasRunning = false;
-    if (ZARNPathExists(reg + "/enabled")) {
-        const bool stopped =
-            serviceControl(type, name, false, language, nullptr, nullptr, true, true);
-        if (!stopped && type == PKG_INSTALLATION_UNINSTALL && getResult() == PKG_ERR_PRESTOP) {
-            goto done;
+    // Each step that fails returns at once; what follows the steps runs on every path.
+    [&] {
+        if (ZARNPathExists(reg + "/enabled")) {
+            const bool stopped =
+                serviceControl(type, name, false, language, nullptr, nullptr, true, true);
+            if (!stopped && type == PKG_INSTALLATION_UNINSTALL && getResult() == PKG_ERR_PRESTOP) {
+                return;
+            }
+            wasRunning = true;
         }
-        wasRunning = true;
-    }
-    {
-        const int status = PMSRunUninstallScript("preuninst", info, logFile, type, wizardValues,
-                                                 language, userName, nullptr);
-        if (status != 0) {
-            ZLOGERR("Failed to run preuninst for %s, [%d]", name.c_str(), status);
+        const int preuninst = PMSRunUninstallScript("preuninst", info, logFile, type, wizardValues,
+                                                    language, userName, nullptr);
+        if (preuninst != 0) {
+            ZLOGERR("Failed to run preuninst for %s, [%d]", name.c_str(), preuninst);
             if (PMSCheckPackageArchModelMatched(info)) {
                 if (type == PKG_INSTALLATION_UNINSTALL && wasRunning) {
                     serviceControl(PKG_INSTALLATION_UNINSTALL, name, true, language, nullptr,
                                    nullptr, true, true);
                 }
                 setResult(PKG_ERR_SYSTEM);
-                goto done;
+                return;
             }
             ZLOGERR("Ignoring preuninst failure for %s due to wrong arch", name.c_str());
         }
-    }
-    // No way back from here: the removal completes as far as it can.
-    ReleaseStep(*this, Resource::TIMING_PREUNINST, info, type, resp, wizardValues);
-    {
+        // No way back from here: the removal completes as far as it can.
+        ReleaseStep(*this, Resource::TIMING_PREUNINST, info, type, resp, wizardValues);
         std::string target;
         if (!ZARNReadLink(reg + "/target", target) || target.empty()) {
             ZLOGERR("Failed to resovle package target for %s", name.c_str());
@@ -140,24 +139,21 @@ bool PackageManager::uninstall(const PackageInfo& info, const Json::Value* wizar
             ZLOGWARN("Failed to rm dir, path=[%s] package=[%s], ignored", target.c_str(),
                      name.c_str());
         }
-    }
-    ReleaseStep(*this, Resource::TIMING_POSTUNINST, info, type, resp, wizardValues);
-    if (type == PKG_INSTALLATION_UPGRADE) {
-        Resource::BackupResourceFile(name);
-    }
-    {
-        const int status = PMSRunUninstallScript("postuninst", info, logFile, type, wizardValues,
-                                                 language, nullptr, &resp);
-        if (status != 0) {
-            ZLOGERR("Failed to run postuninst for %s, [%d]", name.c_str(), status);
+        ReleaseStep(*this, Resource::TIMING_POSTUNINST, info, type, resp, wizardValues);
+        if (type == PKG_INSTALLATION_UPGRADE) {
+            Resource::BackupResourceFile(name);
         }
-    }
-    success = true;
-    if (ZARNIsDir(reg) && !RemoveRegistry(info, type)) {
-        setResult(PKG_ERR_SYSTEM);
-        success = false;
-    }
-done:
+        const int postuninst = PMSRunUninstallScript("postuninst", info, logFile, type,
+                                                     wizardValues, language, nullptr, &resp);
+        if (postuninst != 0) {
+            ZLOGERR("Failed to run postuninst for %s, [%d]", name.c_str(), postuninst);
+        }
+        success = true;
+        if (ZARNIsDir(reg) && !RemoveRegistry(info, type)) {
+            setResult(PKG_ERR_SYSTEM);
+            success = false;
+        }
+    }();
     if (!info.displayname.empty() && (type & PKG_INSTALLATION_UNINSTALL) != 0) {
         ZARNLogSet1(2, success ? 1 : 3, success ? 0x13700007 : 0x13700008, info.displayname, "",
                     "");

@@ -49,14 +49,15 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
     std::vector<std::string> list;
     std::string tmpFolder;
     bool wasRunning = false;
-    if (!PMSOpenPipeline(*this, common, fresh)) {
-        goto epilogue;
-    }
-    if (!getPackageInfo(fresh.name, old, nullptr, ~0ULL)) {
-        ZLOGERR("Previous %s not installed, upgrade not possible", fresh.name.c_str());
-        goto epilogue;
-    }
-    {
+    // Each step that fails returns at once; what follows the steps runs on every path.
+    [&] {
+        if (!PMSOpenPipeline(*this, common, fresh)) {
+            return;
+        }
+        if (!getPackageInfo(fresh.name, old, nullptr, ~0ULL)) {
+            ZLOGERR("Previous %s not installed, upgrade not possible", fresh.name.c_str());
+            return;
+        }
         const std::string& name = fresh.name;
         const PackageInfoExtraPrivate& extra = *fresh.extra.get();
         if (PackageBasicInfo(name, fresh.version)
@@ -65,14 +66,14 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
             insertMapParam("curver", old.version);
             ZLOGERR("Can't downgrade %s", name.c_str());
             setResult(PKG_ERR_DOWNGRADE);
-            goto epilogue;
+            return;
         }
         common.logFile = getFixedLogFilePath(name);
         ZARNUnlink(PMSGetProgressPath(name));
         if (!IsFileExists(PKG_UPGRADE_BOOTUP_FLAG)) {
             if (areDependencyPkgStarting(name)) {
                 setResult(PKG_ERR_LOCK);
-                goto epilogue;
+                return;
             }
             getDependencyOrder(name.c_str(), list, false);
             PackageManager probe;
@@ -95,7 +96,7 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
                     name.c_str(), names.c_str());
                 insertMapParam("deppkg", names);
                 setResult(PKG_ERR_DEP_HANDLE);
-                goto epilogue;
+                return;
             }
             if (ignoreDependencies && list.size() == 1) {
                 list.clear();
@@ -139,13 +140,13 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
                            true, false);
             if (getResult() == PKG_ERR_PRESTOP) {
                 // The old version refused to stop: it stays as it was, running.
-                goto epilogue;
+                return;
             }
         }
         if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
             ZLOGERR("Failed to lock, %s", name.c_str());
             setResult(PKG_ERR_LOCK);
-            goto epilogue;
+            return;
         }
         Privilege::ReviseFileAttr(name, extractDir, false);
         tmpFolder = Privilege::GetTmpFolderPath(old.name, volume.c_str());
@@ -155,7 +156,7 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
         // The old version's data survive in the temporary folder through its own scripts.
         if (!runInstallScript("preupgrade", old, common, run.resp, old.version)) {
             setResult(PKG_ERR_SYSTEM);
-            goto epilogue;
+            return;
         }
         run.restartMask |= old.instuninst_restart_services;
         if (!uninstall(old, common.wizardValues, language, PKG_INSTALLATION_UPGRADE, nullptr)) {
@@ -164,7 +165,7 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
         if (!ExLock(PKG_LOCK_WAIT_SECONDS)) {
             ZLOGERR("Failed to lock, %s", name.c_str());
             setResult(PKG_ERR_LOCK);
-            goto epilogue;
+            return;
         }
         if (PMSUsesReplaceMechanism(fresh)) {
             DepPkgVector replaced = extra.install_replace_packages;
@@ -172,14 +173,14 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
                 !uninstallReplacedPkgs(replaced, language, userName)) {
                 ZLOGERR("Failed to remove replace package for %s", name.c_str());
                 setResult(PKG_ERR_SYSTEM);
-                goto epilogue;
+                return;
             }
         }
         Resource::InitRequiredFields(name, extractDir);
         Resource::RestoreResourceFile(name, extractDir);
         if (!PMSPreinstAndPlace(*this, run, fresh, appstoreDir + "/" + name, old.version,
                                 PKG_ERR_UPGRADE)) {
-            goto epilogue;
+            return;
         }
         const bool postAcquired =
             PMSAcquireStep(*this, Resource::TIMING_POSTINST, fresh, PKG_INSTALLATION_UPGRADE,
@@ -187,18 +188,17 @@ bool PackageManager::upgrade_package(const std::string& packageFile, const std::
         run.restartMask |= fresh.instuninst_restart_services;
         if (!PMSRunPostScripts(fresh, common, run.resp, old.version)) {
             setResult(PKG_ERR_SYSTEM);
-            goto epilogue;
+            return;
         }
         if (!postAcquired) {
             setResult(PKG_ERR_UPGRADE);
-            goto epilogue;
+            return;
         }
         *getPackageInfoData() = fresh;
         // The queries on the way leave their answers here; a success shows the preset.
         setResult(run.preset);
         run.success = PMSFinishInstall(*this, fresh, language, userName);
-    }
-epilogue:
+    }();
     InstallationHandlerPost(wasRunning, run.success, userName, language,
                             run.success ? option : INST_RUN_NO_START, PKG_INSTALLATION_UPGRADE,
                             fresh, list, run.restartMask);
