@@ -79,15 +79,14 @@ TEST_F(PackCheckE2ETest, ExamplesPackAndCheckWithoutWarnings) {
 
 // A payload that would unpack to a FIFO is damage to the check, whatever else it finds.
 TEST_F(PackCheckE2ETest, HostilePayloadIsDamage) {
-    ZARNUtils::ProcessRunner gz({"/bin/gzip", "-c"});
-    gz.captureOutput().setInput(qartest::RawTar({{"bin/run", "x"}, {"bin/pipe", "", '6'}}));
-    ASSERT_EQ(0, gz.run());
-    writeFile("/tmp/payload.tgz", gz.getStdout());
+    const std::string tgz =
+        qartest::Gzip(qartest::RawTar({{"bin/run", "x"}, {"bin/pipe", "", '6'}}));
+    writeFile("/tmp/payload.tgz", tgz);
     writeFile("/tmp/evil.qar",
               qartest::RawTar(
                   {{"INFO", qartest::BasicInfo("evil", "1.0",
                                                {{"checksum", qartest::Md5("/tmp/payload.tgz")}})},
-                   {"package.tgz", gz.getStdout()}}));
+                   {"package.tgz", tgz}}));
     const CliRun r = zarnpkg({"--json", "check", phys("/tmp/evil.qar")});
     EXPECT_EQ(1, r.status);
     const Json::Value v = ParseJson(r.out);
