@@ -42,23 +42,6 @@ TEST_F(PackCheckE2ETest, PackCheckAndInfoOfTheExample) {
     EXPECT_TRUE(left.empty());
 }
 
-// The check and the record of a file that is no archive carry the key that says so; a pack
-// whose INFO lacks the name writes nothing.
-TEST_F(PackCheckE2ETest, FailuresNameTheirReason) {
-    writeFile("/tmp/junk.qar", "not an archive");
-    for (const char* command : {"check", "info"}) {
-        const Json::Value v = ParseJson(zarnpkg({"--json", command, phys("/tmp/junk.qar")}).out);
-        EXPECT_EQ(0x96, v["code"].asInt()) << command;
-        EXPECT_EQ("pkgmgr:pkgmgr_file_not_package", v["message"][0].asString()) << command;
-    }
-    writeFile("/tmp/src/INFO", "version=\"1\"\n");
-    writeFile("/tmp/src/package/f", "x");
-    CliRun r = zarnpkg({"pack", phys("/tmp/src"), "-o", phys("/tmp/out.qar")});
-    EXPECT_EQ(1, r.status);
-    EXPECT_NE(std::string::npos, r.err.find("\"package\"")) << r.err;
-    EXPECT_FALSE(ZARNPathExists("/tmp/out.qar"));
-}
-
 // The example packages pack and check without a warning; the one that needs heartbeat checks
 // once heartbeat runs.
 TEST_F(PackCheckE2ETest, ExamplesPackAndCheckWithoutWarnings) {
