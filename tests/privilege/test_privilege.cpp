@@ -65,22 +65,24 @@ protected:
 };
 
 TEST_F(PrivilegeTest, TranslateAndDefaultIdentity) {
-    EXPECT_EQ(TranslateIdentity("root"), IDENTITY_ROOT);
-    EXPECT_EQ(TranslateIdentity("system"), IDENTITY_SYSTEM);
-    EXPECT_EQ(TranslateIdentity("package"), IDENTITY_PACKAGE);
-    VLIBCErrSet(ZARN_ERR_NONE);
-    EXPECT_EQ(TranslateIdentity("Root"), IDENTITY_NONE);
-    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
-    EXPECT_EQ(TranslateIdentity(""), IDENTITY_NONE);
-    EXPECT_EQ(TranslateIdentity("admin"), IDENTITY_NONE);
-
-    EXPECT_EQ(GetDefaultIdentity(Parse("{}")), IDENTITY_PACKAGE);
-    EXPECT_EQ(GetDefaultIdentity(Parse("[]")), IDENTITY_PACKAGE);
-    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": "root"})")), IDENTITY_PACKAGE);
-    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": {"run-as": 3}})")), IDENTITY_PACKAGE);
-    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": {"run-as": "root"}})")), IDENTITY_ROOT);
-    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": {"run-as": "system"}})")), IDENTITY_SYSTEM);
-    EXPECT_EQ(GetDefaultIdentity(Parse(R"({"defaults": {"run-as": "admin"}})")), IDENTITY_NONE);
+    // Each word as the identity and as the default of a conf.
+    const std::pair<const char*, int> words[] = {
+        {"root", IDENTITY_ROOT}, {"system", IDENTITY_SYSTEM}, {"package", IDENTITY_PACKAGE},
+        {"Root", IDENTITY_NONE}, {"", IDENTITY_NONE},         {"admin", IDENTITY_NONE}};
+    for (const auto& [word, identity] : words) {
+        VLIBCErrSet(ZARN_ERR_NONE);
+        EXPECT_EQ(TranslateIdentity(word), identity) << word;
+        EXPECT_EQ(VLIBCErrGet(), identity == IDENTITY_NONE ? 0x0d00 : 0) << word;
+        EXPECT_EQ(
+            GetDefaultIdentity(Parse(std::string(R"({"defaults": {"run-as": ")") + word + "\"}}")),
+            identity)
+            << word;
+    }
+    // Without a usable default the package's own identity applies.
+    for (const char* conf :
+         {"{}", "[]", R"({"defaults": "root"})", R"({"defaults": {"run-as": 3}})"}) {
+        EXPECT_EQ(GetDefaultIdentity(Parse(conf)), IDENTITY_PACKAGE) << conf;
+    }
 }
 
 TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
@@ -316,23 +318,20 @@ TEST_F(PrivilegeTest, ReviseFileAttrRefusesBadConfigBeforeAccounts) {
     EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
     EXPECT_NE(logText().find("Failed to read " + staging + "/conf/privilege"), std::string::npos);
 
-    writeConf(staging, R"({"username": "root"})");
-    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
-    EXPECT_NE(logText().find("User root is reservered for system"), std::string::npos);
-    writeConf(staging, R"({"username": "daemon"})");
-    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
-    EXPECT_NE(logText().find("User daemon is reservered for system"), std::string::npos);
-    for (const char* conf :
-         {R"({"username": "admin"})", R"({"username": "nobody"})", R"({"groupname": "users"})"}) {
+    const std::pair<const char*, const char*> reserved[] = {
+        {R"({"username": "root"})", "User root is reservered for system"},
+        {R"({"username": "daemon"})", "User daemon is reservered for system"},
+        {R"({"username": "admin"})", "User admin is reservered"},
+        {R"({"username": "nobody"})", "User nobody is reservered"},
+        {R"({"groupname": "users"})", "Group users is reservered"},
+        {R"({"username": "pkga", "groupname": "administrators"})",
+         "Group administrators is reservered for system"},
+        {R"({"groupname": "system"})", "Group system is reservered"}};
+    for (const auto& [conf, line] : reserved) {
         writeConf(staging, conf);
         EXPECT_FALSE(ReviseFileAttr("pkga", staging, false)) << conf;
+        EXPECT_NE(logText().find(line), std::string::npos) << conf;
     }
-
-    writeConf(staging, R"({"username": "pkga", "groupname": "administrators"})");
-    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
-    EXPECT_NE(logText().find("Group administrators is reservered for system"), std::string::npos);
-    writeConf(staging, R"({"groupname": "system"})");
-    EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
 
     // Nothing was changed on the accounts.
     EXPECT_EQ(readFile("/etc/passwd"), passwdBefore);
@@ -345,25 +344,22 @@ TEST_F(PrivilegeTest, Accounts) {
     ASSERT_EQ(ZARNUserGetUGID("root", &uid, &gid), 0);
     EXPECT_EQ(uid, 0u);
     EXPECT_EQ(gid, 0u);
-    ASSERT_EQ(ZARNGroupGetGID("system", &gid), 0);
-    EXPECT_EQ(gid, 1u);
-    ASSERT_EQ(ZARNGroupGetGID("users", &gid), 0);
-    EXPECT_EQ(gid, 100u);
-    ASSERT_EQ(ZARNGroupGetGID("administrators", &gid), 0);
-    EXPECT_EQ(gid, 101u);
+    for (const auto& [group, id] :
+         {std::pair<const char*, gid_t>{"system", 1}, {"users", 100}, {"administrators", 101}}) {
+        EXPECT_EQ(ZARNGroupGetGID(group, &gid), 0);
+        EXPECT_EQ(gid, id) << group;
+    }
     EXPECT_LT(ZARNUserGetUGID("nosuchuser", &uid, nullptr), 0);
     EXPECT_EQ(VLIBCErrGet(), 0x1d00);
     EXPECT_LT(ZARNGroupGetGID("nosuchgroup", &gid), 0);
     EXPECT_EQ(VLIBCErrGet(), 0x1800);
 
-    EXPECT_NE(ZARNUserIsReserved("root", 0), 0);
-    EXPECT_NE(ZARNUserIsReserved("admin", static_cast<uid_t>(-1)), 0);
-    EXPECT_NE(ZARNUserIsReserved("pkga", 999), 0);
-    EXPECT_EQ(ZARNUserIsReserved("pkga", 1000), 0);
-    EXPECT_EQ(ZARNUserIsReserved("pkga", static_cast<uid_t>(-1)), 0);
-    EXPECT_NE(ZARNGroupIsReserved("users", 100), 0);
-    EXPECT_NE(ZARNGroupIsReserved("system", static_cast<gid_t>(-1)), 0);
-    EXPECT_EQ(ZARNGroupIsReserved("pkga", static_cast<gid_t>(-1)), 0);
+    // By name or by an id in the system's range; -1 stands for "no id".
+    EXPECT_TRUE(ZARNUserIsReserved("root", 0) && ZARNUserIsReserved("admin", -1) &&
+                ZARNUserIsReserved("pkga", 999));
+    EXPECT_FALSE(ZARNUserIsReserved("pkga", 1000) || ZARNUserIsReserved("pkga", -1));
+    EXPECT_TRUE(ZARNGroupIsReserved("users", 100) && ZARNGroupIsReserved("system", -1));
+    EXPECT_FALSE(ZARNGroupIsReserved("pkga", -1));
 
     ZARNGroupRecord* record = nullptr;
     ASSERT_EQ(ZARNGroupGet("administrators", &record), 0);
@@ -474,20 +470,22 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
         VLIBCErrSet(ZARN_ERR_NONE);
         return TraversePrivilege(Parse(R"({"tool": [)" + text + "]}"), "tool", tool);
     };
-    EXPECT_FALSE(exeResult(R"({"relpath": "bin/tool"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0x4000);
-    EXPECT_FALSE(exeResult(R"({"relpath": 5, "run-as": "root"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0x4000);
-    EXPECT_FALSE(exeResult(R"({"relpath": "bin", "run-as": "root"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0xd900);
-    EXPECT_FALSE(exeResult(R"({"relpath": "bin/none", "run-as": "root"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0x0700);
-    EXPECT_FALSE(exeResult(R"({"relpath": "bin/tool", "run-as": "admin"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0x4000);
-    EXPECT_FALSE(exeResult(R"({"relpath": "../../etc/shadow", "run-as": "package"})"));
-    EXPECT_NE(logText().find("Failed to resolve ../../etc/shadow [0x"), std::string::npos);
-    EXPECT_FALSE(exeResult(R"({"relpath": "shadowlink", "run-as": "package"})"));
-    EXPECT_NE(logText().find("Failed to resolve shadowlink [0x"), std::string::npos);
+    const std::pair<const char*, unsigned> exeRefusals[] = {
+        {R"({"relpath": "bin/tool"})", 0x4000},
+        {R"({"relpath": 5, "run-as": "root"})", 0x4000},
+        {R"({"relpath": "bin", "run-as": "root"})", 0xd900},
+        {R"({"relpath": "bin/none", "run-as": "root"})", 0x0700},
+        {R"({"relpath": "bin/tool", "run-as": "admin"})", 0x4000}};
+    for (const auto& [entry, code] : exeRefusals) {
+        EXPECT_FALSE(exeResult(entry)) << entry;
+        EXPECT_EQ(VLIBCErrGet(), code) << entry;
+    }
+    for (const char* relpath : {"../../etc/shadow", "shadowlink"}) {
+        EXPECT_FALSE(
+            exeResult(std::string(R"({"relpath": ")") + relpath + R"(", "run-as": "package"})"));
+        EXPECT_NE(logText().find("Failed to resolve " + std::string(relpath) + " [0x"),
+                  std::string::npos);
+    }
     // Numbers among the elements are skipped.
     EXPECT_TRUE(exeResult(R"(3, {"relpath": "bin/tool", "run-as": "package"})"));
     // Called on their own with something other than an object, the walkers refuse it.
@@ -498,17 +496,15 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
     EXPECT_EQ(tool.walk(Json::Value("bin/tool")), WALK_FAILED);
     EXPECT_EQ(VLIBCErrGet(), 0x4000);
 
-    EXPECT_FALSE(toolResult(R"({"relpath": "bin/tool", "user": "root", "group": "root"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0x4000);
-    EXPECT_FALSE(toolResult(
-        R"({"relpath": "bin/tool", "user": "system", "group": "root", "permission": "0755"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0xd900);
-    EXPECT_FALSE(toolResult(
-        R"({"relpath": "bin/tool", "user": "", "group": "root", "permission": "0755"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0x4000);
-    EXPECT_FALSE(toolResult(
-        R"({"relpath": "bin/tool", "user": "package", "group": "system", "permission": "0755"})"));
-    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    const std::pair<const char*, unsigned> toolRefusals[] = {
+        {R"("user": "root", "group": "root"})", 0x4000},
+        {R"("user": "system", "group": "root", "permission": "0755"})", 0xd900},
+        {R"("user": "", "group": "root", "permission": "0755"})", 0x4000},
+        {R"("user": "package", "group": "system", "permission": "0755"})", 0xd900}};
+    for (const auto& [rest, code] : toolRefusals) {
+        EXPECT_FALSE(toolResult(std::string(R"({"relpath": "bin/tool", )") + rest)) << rest;
+        EXPECT_EQ(VLIBCErrGet(), code) << rest;
+    }
     for (const char* perm : {"0789", "755", "07555", "", "+755", " 755", "8000"}) {
         EXPECT_FALSE(toolResult(std::string(R"({"relpath": "bin/tool", "user": "package", )") +
                                 R"("group": "package", "permission": ")" + perm + "\"}"))
