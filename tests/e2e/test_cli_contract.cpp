@@ -170,10 +170,17 @@ TEST_F(CliContract, EverySuccessIsOneObject) {
     ExpectJsonSuccess(RunZarnpkg(root(), {"--json", "check", qar}), "check");
     v = ExpectJsonSuccess(RunZarnpkg(root(), {"--json", "info", qar}), "info");
     EXPECT_EQ(v["package"]["package"].asString(), "hello");
+    EXPECT_EQ(v["package"]["version"].asString(), "1.0.0-0001");
+    EXPECT_TRUE(v["package"]["extractsize"].isIntegral());
+    EXPECT_NE(RunZarnpkg(root(), {"info", qar}).out.find("package: hello"), std::string::npos);
     v = ExpectJsonSuccess(RunZarnpkg(root(), {"--json", "list"}), "list");
     EXPECT_TRUE(v["packages"].isArray());
     v = ExpectJsonSuccess(RunZarnpkg(root(), {"--json", "order"}), "order");
     EXPECT_TRUE(v["order"].isArray());
+    // The temp folders of pack, check and info are gone again.
+    std::vector<ZARNDirEntry> left;
+    ASSERT_TRUE(ZARNListDir("/volume1/@tmp", left));
+    EXPECT_TRUE(left.empty());
 }
 
 // A failed pack names its key first and then the reason in words.

@@ -4,6 +4,7 @@
 #include "core/paths.h"
 #include "package/archive.h"
 #include "package/checksum.h"
+#include "package/lint.h"
 #include "package/pack.h"
 #include "platform/files.h"
 #include "platform/keyfile.h"
@@ -50,7 +51,12 @@ TEST_F(ArchiveTest, PackedExamplesReadBackAndPassTheFileCheck) {
         const std::string src = exampleSource(example.name);
         const std::string out = "/tmp/out/" + example.name + ".qar";
         std::string error;
-        ASSERT_TRUE(PMSPackPackage(src, out, error)) << example.name << ": " << error;
+        std::vector<std::string> warnings;
+        ASSERT_TRUE(PMSPackPackage(src, out, error, &warnings)) << example.name << ": " << error;
+        // An example is a model package: nothing in it earns a warning, at pack or at check.
+        PMSLintReport lint;
+        ASSERT_TRUE(PMSLintPackageFile(out, lint));
+        EXPECT_TRUE(warnings.empty() && lint.warnings.empty() && lint.errors.empty()) << out;
         std::vector<TarMember> members;
         std::string why;
         ASSERT_TRUE(PMSQarListVetted(out, members, why)) << why;
