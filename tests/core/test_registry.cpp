@@ -11,6 +11,7 @@
 #include "core/registry.h"
 #include "platform/files.h"
 #include "platform/locks.h"
+#include "support/lock_holder.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;
@@ -138,28 +139,8 @@ TEST_F(Registry, Lookup) {
 }
 
 TEST_F(Registry, ExLockAcrossProcesses) {
-    int fds[4];
-    ASSERT_EQ(pipe(fds), 0);
-    ASSERT_EQ(pipe(fds + 2), 0);
-    Fd readyRead(fds[0]), readyWrite(fds[1]), releaseRead(fds[2]), releaseWrite(fds[3]);
-    pid_t holder = fork();
-    ASSERT_GE(holder, 0);
-    if (holder == 0) {
-        readyRead.reset();
-        releaseWrite.reset();
-        bool got = PackageManager::ExLock(1);
-        char c = got ? '1' : '0';
-        (void)!write(readyWrite.get(), &c, 1);
-        // Holds the lock until the parent is done with it, however slow the machine is; the
-        // end of the parent (even a failed one) closes the pipe and lets it go.
-        (void)!read(releaseRead.get(), &c, 1);
-        _exit(got ? 0 : 1);
-    }
-    readyWrite.reset();
-    releaseRead.reset();
-    char c = 0;
-    ASSERT_EQ(read(readyRead.get(), &c, 1), 1);
-    ASSERT_EQ(c, '1');
+    ChildLockHolder holder([] { return PackageManager::ExLock(1); });
+    ASSERT_TRUE(holder.took());
 
     auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(PackageManager::ExLock(1));
@@ -173,10 +154,7 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     EXPECT_NE(logText().find("self: " + std::to_string(getpid()) + ", Lock process: "),
               std::string::npos)
         << logText();
-    releaseWrite.reset();
-    int status = 0;
-    ASSERT_EQ(waitpid(holder, &status, 0), holder);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(holder.release());
     ASSERT_EQ(unlink(phys("/var/.UpgradeBootup").c_str()), 0);
 
     // Markers of a going-down system refuse the lock, unless the upgrade check is skipped.
