@@ -154,11 +154,8 @@ TEST_F(FrameRoot, InitRepairsTheRegistryMode) {
     ASSERT_EQ(chmod(phys("/var/packages").c_str(), 0700), 0);
     PackageManager pm;
     ASSERT_TRUE(pm.init());
-    struct stat st;
-    ASSERT_EQ(stat(phys("/var/packages").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0755u);
-    ASSERT_EQ(stat(phys("/usr/local/etc/rc.d").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(modeOf("/var/packages"), 0755u);
+    EXPECT_TRUE(ZARNIsDir("/usr/local/etc/rc.d"));
     EXPECT_FALSE(pm.getPackageInfoData()->extra.get()->arch_ids.empty());
 
     // A plain file where the registry should be makes init fail with a system error.

@@ -18,22 +18,12 @@ using namespace ZARNPackageTool;
 
 namespace {
 
-constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
-constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
 constexpr unsigned long long kMiB = 1024ULL * 1024ULL;
-
-mode_t ModeOf(const std::string& path) {
-    struct stat st;
-    return ZARNStat(path, st) ? (st.st_mode & 07777) : 0;
-}
 
 }  // namespace
 
 class PathsTest : public TempRootTest {
 protected:
-    void makeDir(const std::string& path, mode_t mode = 0755) {
-        ASSERT_EQ(ZARNFSMkdirP(path, 0, 0, kKeepUid, kKeepGid, mode), 0);
-    }
     void writeConf(const std::string& json) { writeFile(ZARN_VOLUMES_CONF, json); }
     std::string defVolKey() {
         std::string value;
@@ -144,7 +134,7 @@ TEST_F(PathsTest, SystemTmpAndRootFallback) {
     out.clear();
     ASSERT_TRUE(PMSGetSystemTmpDir(1000, out));
     EXPECT_EQ(out, "/var/tmp");
-    EXPECT_EQ(ModeOf("/var/tmp"), 0700u);
+    EXPECT_EQ(modeOf("/var/tmp"), 0700u);
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
     EXPECT_NE(logText().find("/tmp space is not enough"), std::string::npos);
 
@@ -237,7 +227,7 @@ TEST_F(PathsTest, ListAndSystemInstallFolders) {
     // An existing folder is left as it is.
     ASSERT_TRUE(ZARNChmod("/var/cache/pkglist.tmp", 0750));
     ASSERT_TRUE(PMSGetListTmpDir(out));
-    EXPECT_EQ(ModeOf("/var/cache/pkglist.tmp"), 0750u);
+    EXPECT_EQ(modeOf("/var/cache/pkglist.tmp"), 0750u);
     // A file in its place makes the attempt fail.
     ASSERT_TRUE(ZARNRemoveTree("/var/cache/pkglist.tmp"));
     writeFile("/var/cache/pkglist.tmp", "x");
@@ -247,7 +237,7 @@ TEST_F(PathsTest, ListAndSystemInstallFolders) {
     ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
     ASSERT_TRUE(PMSGetSystemInstallPath(out));
     EXPECT_EQ(out, "/usr/local/packages");
-    EXPECT_EQ(ModeOf(out), 0755u);
+    EXPECT_EQ(modeOf(out), 0755u);
 }
 
 TEST_F(PathsTest, PackageVolumeFromTarget) {

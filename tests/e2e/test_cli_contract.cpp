@@ -17,9 +17,7 @@ class CliContract : public TempRootTest {
 protected:
     // A second root inside this one, made but never initialised.
     std::string bareRoot() {
-        EXPECT_EQ(
-            ZARNFSMkdirP("/tmp/bare", 0, 0, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0755),
-            0);
+        makeDir("/tmp/bare");
         return phys("/tmp/bare");
     }
 

@@ -33,7 +33,7 @@ TEST_F(ArchiveTest, PackedExamplesReadBackAndPassTheFileCheck) {
     addControlScript("heartbeat", 0);
     markRunning("heartbeat");
     std::vector<ZARNDirEntry> examples;
-    ASSERT_EQ(0, ZARNFSMkdirP("/tmp/out", 0, 0, -1, -1, 0755));
+    makeDir("/tmp/out");
     {
         // The examples folder lies outside the root: list it through the machine's view.
         std::string listing;
@@ -143,7 +143,7 @@ TEST_F(ArchiveTest, PackRefusesBadInfoAndSaysWhichKey) {
     EXPECT_FALSE(PMSPackPackage("/tmp/p", "/tmp/p.qar", error));
     EXPECT_NE(std::string::npos, error.find("package")) << error;
     // An empty payload folder is a valid payload; a stale checksum is replaced.
-    ASSERT_EQ(0, ZARNFSMkdirP("/tmp/p/package", 0, 0, -1, -1, 0755));
+    makeDir("/tmp/p/package");
     ASSERT_TRUE(PMSPackPackage("/tmp/p", "/tmp/p.qar", error)) << error;
     PackageManager pm;
     PackageInfo info;
@@ -304,9 +304,7 @@ TEST_F(ArchiveTest, WizardScriptsOfTheRegistryAndOfFilesThatGiveNothing) {
     PackageInfo upgrade;
     upgrade.name = "regsh";
     EXPECT_FALSE(pm.readUIFile(PKG_INSTALLATION_UPGRADE, "regsh", upgrade, "enu"));
-    struct stat st;
-    ASSERT_TRUE(ZARNStat("/var/packages/regsh/WIZARD_UIFILES/upgrade_uifile.sh", st));
-    EXPECT_EQ(0644u, st.st_mode & 07777);
+    EXPECT_EQ(0644u, modeOf("/var/packages/regsh/WIZARD_UIFILES/upgrade_uifile.sh"));
     EXPECT_NE(std::string::npos, logText().find("Failed to run")) << logText();
 
     // A script of a file that writes nothing gives way to the static file beside it.

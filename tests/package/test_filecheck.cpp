@@ -130,7 +130,7 @@ TEST_F(FileCheckTest, StepThreeVolumes) {
     EXPECT_EQ(Array({"pkgmgr:pkgmgr_space_not_ready"}), r.message);
     EXPECT_FALSE(r.detail.isMember("required_volume_type"));
     // Only a volume that isn't generic.
-    ASSERT_EQ(0, ZARNFSMkdirP("/volume1", 0, 0, -1, -1, 0755));
+    makeDir("/volume1");
     writeFile("/etc/zarnhost/volumes.json",
               R"({"volumes": [{"path": "/volume1", "generic": false}]})");
     r = check(file);

@@ -386,14 +386,9 @@ TEST_F(HostileQarTest, UnpackedPackageIsVettedWithoutFollowingLinks) {
                             "permission": "4750"}]})");
     std::string why;
     EXPECT_TRUE(PMSVetUnpackedPackage(x, why)) << why;
-    auto mode = [&](const std::string& logical) {
-        struct stat st = {};
-        EXPECT_TRUE(ZARNLstat(logical, st)) << logical;
-        return st.st_mode & 07777;
-    };
-    EXPECT_EQ(0755u, mode(x + "/package/bin/plain"));
-    EXPECT_EQ(04755u, mode(x + "/package/bin/kept"));
-    EXPECT_EQ(04755u, mode("/etc/outside"));
+    EXPECT_EQ(0755u, modeOf(x + "/package/bin/plain"));
+    EXPECT_EQ(04755u, modeOf(x + "/package/bin/kept"));
+    EXPECT_EQ(04755u, modeOf("/etc/outside"));
 }
 
 TEST_F(HostileQarTest, DeepWizardWithALargeValueIsWalkedInItsOwnSize) {

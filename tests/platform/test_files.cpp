@@ -18,11 +18,6 @@ namespace {
 constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
 constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
 
-mode_t ModeOf(const std::string& path) {
-    struct stat st;
-    return ZARNLstat(path, st) ? (st.st_mode & 07777) : 0;
-}
-
 ZARNFileType TypeOf(const std::vector<ZARNDirEntry>& entries, const std::string& name) {
     for (const auto& entry : entries) {
         if (entry.name == name) {
@@ -40,15 +35,15 @@ TEST_F(FilesTest, MkdirPModes) {
     umask(077);
     EXPECT_EQ(ZARNFSMkdirP("/volume1/@appstore/demo/bin", 0, 0, kKeepUid, kKeepGid, 0751), 0);
     EXPECT_TRUE(ZARNIsDir("/volume1/@appstore/demo/bin"));
-    EXPECT_EQ(ModeOf("/volume1/@appstore"), 0751u);
-    EXPECT_EQ(ModeOf("/volume1/@appstore/demo/bin"), 0751u);
+    EXPECT_EQ(modeOf("/volume1/@appstore"), 0751u);
+    EXPECT_EQ(modeOf("/volume1/@appstore/demo/bin"), 0751u);
     // Folders that were there keep their mode.
-    EXPECT_EQ(ModeOf("/volume1"), 0755u);
+    EXPECT_EQ(modeOf("/volume1"), 0755u);
     // Again is fine; a trailing slash and "." parts are fine.
     EXPECT_EQ(ZARNFSMkdirP("/volume1/@appstore/demo/bin/", 0, 0, kKeepUid, kKeepGid, 0700), 0);
     EXPECT_EQ(ZARNFSMkdirP("/volume1/./x//y", 0, 0, kKeepUid, kKeepGid, 0700), 0);
     EXPECT_TRUE(ZARNIsDir("/volume1/x/y"));
-    EXPECT_EQ(ModeOf("/volume1/@appstore/demo/bin"), 0751u);
+    EXPECT_EQ(modeOf("/volume1/@appstore/demo/bin"), 0751u);
 
     writeFile("/volume1/file", "x");
     EXPECT_LT(ZARNFSMkdirP("/volume1/file/sub", 0, 0, kKeepUid, kKeepGid, 0755), 0);
@@ -76,7 +71,7 @@ TEST_F(FilesTest, MkdirPChownsAsRoot) {
 TEST_F(FilesTest, ReadWriteAppendTouch) {
     umask(077);
     EXPECT_TRUE(ZARNFileWrite("/etc/a.conf", "hello", 0644));
-    EXPECT_EQ(ModeOf("/etc/a.conf"), 0644u);
+    EXPECT_EQ(modeOf("/etc/a.conf"), 0644u);
     EXPECT_TRUE(ZARNFileAppend("/etc/a.conf", " world"));
     EXPECT_EQ(readFile("/etc/a.conf"), "hello world");
     std::string head;
@@ -86,13 +81,13 @@ TEST_F(FilesTest, ReadWriteAppendTouch) {
     EXPECT_TRUE(ZARNChmod("/etc/a.conf", 0600));
     EXPECT_TRUE(ZARNFileWrite("/etc/a.conf", "short"));
     EXPECT_EQ(readFile("/etc/a.conf"), "short");
-    EXPECT_EQ(ModeOf("/etc/a.conf"), 0600u);
+    EXPECT_EQ(modeOf("/etc/a.conf"), 0600u);
 
     EXPECT_TRUE(ZARNFileTouch("/etc/a.conf"));
     EXPECT_EQ(readFile("/etc/a.conf"), "short");
     EXPECT_TRUE(ZARNFileTouch("/etc/empty", 0640));
     EXPECT_TRUE(ZARNIsRegularFile("/etc/empty"));
-    EXPECT_EQ(ModeOf("/etc/empty"), 0640u);
+    EXPECT_EQ(modeOf("/etc/empty"), 0640u);
     EXPECT_TRUE(ZARNUtimeNow("/etc/empty"));
 
     std::string data;
@@ -125,11 +120,11 @@ TEST_F(FilesTest, ReadWriteAppendTouch) {
 TEST_F(FilesTest, DurableWrite) {
     EXPECT_TRUE(ZARNFileWriteDurable("/var/packages/state.json", "{}", 0600));
     EXPECT_EQ(readFile("/var/packages/state.json"), "{}");
-    EXPECT_EQ(ModeOf("/var/packages/state.json"), 0600u);
+    EXPECT_EQ(modeOf("/var/packages/state.json"), 0600u);
     const std::string big(3 << 20, 'q');
     EXPECT_TRUE(ZARNFileWriteDurable("/var/packages/state.json", big));
     EXPECT_EQ(readFile("/var/packages/state.json"), big);
-    EXPECT_EQ(ModeOf("/var/packages/state.json"), 0644u);
+    EXPECT_EQ(modeOf("/var/packages/state.json"), 0644u);
     std::vector<ZARNDirEntry> entries;
     ASSERT_TRUE(ZARNListDir("/var/packages", entries));
     ASSERT_EQ(entries.size(), 1u);
@@ -144,7 +139,7 @@ TEST_F(FilesTest, DurableWrite) {
 }
 
 TEST_F(FilesTest, ListingTypes) {
-    ASSERT_EQ(ZARNFSMkdirP("/t/dir", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    makeDir("/t/dir");
     writeFile("/t/file", "x");
     writeFile("/t/b_file", "y");
     ASSERT_TRUE(ZARNSymlink("/t/dir", "/t/link_to_dir"));
@@ -175,8 +170,8 @@ TEST_F(FilesTest, ListingTypes) {
 }
 
 TEST_F(FilesTest, LinksMapBothWays) {
-    ASSERT_EQ(ZARNFSMkdirP("/volume1/@appstore/demo", 0, 0, kKeepUid, kKeepGid, 0755), 0);
-    ASSERT_EQ(ZARNFSMkdirP("/var/packages/demo", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    makeDir("/volume1/@appstore/demo");
+    makeDir("/var/packages/demo");
     ASSERT_TRUE(ZARNSymlink("/volume1/@appstore/demo", "/var/packages/demo/target"));
     ASSERT_TRUE(ZARNSymlink("../../volume1", "/var/packages/demo/relative"));
     EXPECT_FALSE(ZARNSymlink("/x", "/var/packages/demo/target"));
@@ -205,13 +200,13 @@ TEST_F(FilesTest, LinksMapBothWays) {
 }
 
 TEST_F(FilesTest, RemoveRenameOpen) {
-    ASSERT_EQ(ZARNFSMkdirP("/keep/inner", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    makeDir("/keep/inner");
     writeFile("/keep/inner/precious", "data");
-    ASSERT_EQ(ZARNFSMkdirP("/gone/a/b/c", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    makeDir("/gone/a/b/c");
     writeFile("/gone/a/b/c/file", "x");
     writeFile("/gone/a/file", "x");
     ASSERT_TRUE(ZARNSymlink("/keep", "/gone/a/link"));
-    ASSERT_EQ(ZARNFSMkdirP("/gone/locked/sub", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    makeDir("/gone/locked/sub");
     ASSERT_TRUE(ZARNChmod("/gone/locked", 0));
     EXPECT_TRUE(ZARNRemoveTree("/gone"));
     EXPECT_FALSE(ZARNPathExists("/gone"));

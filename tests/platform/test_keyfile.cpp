@@ -205,9 +205,7 @@ TEST_F(KeyFileTest, SetKeyValueKeepsOtherLines) {
     EXPECT_EQ(readFile(path),
               "# settings\r\nlanguage=\"fre\"\r\ntimezone=\"UTC\"\r\nlanguage=\"dup\"\r\n"
               "pkg_def_intall_vol=\"/volume1\"\n");
-    struct stat st;
-    ASSERT_TRUE(ZARNStat(path, st));
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    EXPECT_EQ(modeOf(path), 0640u);
 
     EXPECT_TRUE(VLIBCFileSetKeyValue("/etc/new.conf", "a", "1"));
     EXPECT_EQ(readFile("/etc/new.conf"), "a=\"1\"\n");

@@ -13,9 +13,6 @@
 
 namespace {
 
-constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
-constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
-
 std::vector<int> Ids(const std::vector<ZARNMountVolInfo>& volumes) {
     std::vector<int> ids;
     for (const auto& volume : volumes) {
@@ -28,9 +25,6 @@ std::vector<int> Ids(const std::vector<ZARNMountVolInfo>& volumes) {
 
 class VolumesTest : public TempRootTest {
 protected:
-    void makeVolume(const std::string& path) {
-        ASSERT_EQ(ZARNFSMkdirP(path, 0, 0, kKeepUid, kKeepGid, 0755), 0);
-    }
     void writeConf(const std::string& json) { writeFile(ZARN_VOLUMES_CONF, json); }
 };
 
@@ -53,9 +47,7 @@ TEST_F(VolumesTest, HostInitMakesOneGenericVolume) {
     EXPECT_TRUE(ZARNIsDir("/volume2"));
     EXPECT_TRUE(ZARNIsDir("/volume3"));
     // Each volume has a temporary folder that every account can reach.
-    struct stat st;
-    ASSERT_TRUE(ZARNStat("/volume3/@tmp", st));
-    EXPECT_EQ(st.st_mode & 07777, 01777u);
+    EXPECT_EQ(modeOf("/volume3/@tmp"), 01777u);
     ASSERT_TRUE(Json::fromFile(conf, ZARN_VOLUMES_CONF));
     ASSERT_EQ(conf["volumes"].size(), 3u);
     EXPECT_FALSE(conf["volumes"][0]["writable"].asBool());
@@ -69,11 +61,11 @@ TEST_F(VolumesTest, HostInitMakesOneGenericVolume) {
 }
 
 TEST_F(VolumesTest, EnumerationFollowsFoldersAndConf) {
-    makeVolume("/volume2");
-    makeVolume("/volume10");
-    makeVolume("/volume0");
-    makeVolume("/volumeX");
-    makeVolume("/volume02");
+    makeDir("/volume2");
+    makeDir("/volume10");
+    makeDir("/volume0");
+    makeDir("/volumeX");
+    makeDir("/volume02");
     writeFile("/volume3", "not a folder");
     writeConf(R"({"volumes": [{"path": "/volume2", "generic": false},
                               {"path": "/volume10", "created": false}]})");
@@ -102,7 +94,7 @@ TEST_F(VolumesTest, EnumerationFollowsFoldersAndConf) {
 }
 
 TEST_F(VolumesTest, MountInfoAndAttributes) {
-    makeVolume("/volume2");
+    makeDir("/volume2");
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 123456},
                               {"path": "/volume2", "crashed": true, "generic": false}]})");
 
@@ -147,7 +139,7 @@ TEST_F(VolumesTest, MountInfoAndAttributes) {
 
 // The file is edited by hand: values of the wrong type keep their defaults and throw nothing.
 TEST_F(VolumesTest, ConfOfWrongTypesKeepsDefaults) {
-    makeVolume("/volume2");
+    makeDir("/volume2");
     writeConf(R"({"dock_host": "yes",
                   "volumes": [{"path": "/volume1", "writable": "no", "crashed": [1],
                                "generic": {"a": 1}, "space_cap": 1e300},
@@ -182,8 +174,8 @@ TEST_F(VolumesTest, ConfOfWrongTypesKeepsDefaults) {
 }
 
 TEST_F(VolumesTest, AvailablePicksFirstVolumeWithRoom) {
-    makeVolume("/volume2");
-    makeVolume("/volume3");
+    makeDir("/volume2");
+    makeDir("/volume3");
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 1000},
                               {"path": "/volume2", "space_cap": 5000},
                               {"path": "/volume3", "generic": false, "space_cap": 90000}]})");
@@ -241,8 +233,8 @@ TEST_F(VolumesTest, PathParsing) {
     EXPECT_EQ(VolumePathParse(nullptr, volume), -1);
 
     // The extended form follows links and wants an existing volume.
-    makeVolume("/volume2/@appstore/demo");
-    ASSERT_EQ(ZARNFSMkdirP("/var/packages/demo", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    makeDir("/volume2/@appstore/demo");
+    makeDir("/var/packages/demo");
     ASSERT_TRUE(ZARNSymlink("/volume2/@appstore/demo", "/var/packages/demo/target"));
     EXPECT_EQ(VolumePathParseEx("/var/packages/demo/target", volume), 0);
     EXPECT_EQ(volume, "/volume2");
@@ -262,7 +254,7 @@ TEST_F(VolumesTest, PathParsing) {
 }
 
 TEST_F(VolumesTest, FileSystemInfoTellsBrokenVolumes) {
-    makeVolume("/volume2");
+    makeDir("/volume2");
     writeConf(R"({"volumes": [{"path": "/volume2", "crashed": true, "space_cap": 777}]})");
     ZARNFSInfo info;
     EXPECT_EQ(FSInfoGet("/volume1", &info), 1);
@@ -300,7 +292,7 @@ TEST_F(VolumesTest, StatfsAppliesTheLongestCap) {
     ASSERT_TRUE(ZARNStatfs("/volume1", st));
     EXPECT_EQ(st.blockSize * st.availBlocks, 4000u);
     // "/tmpx" is not inside "/tmp".
-    ASSERT_EQ(ZARNFSMkdirP("/tmpx", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    makeDir("/tmpx");
     ASSERT_TRUE(ZARNStatfs("/tmpx", st));
     EXPECT_EQ(st.blockSize * st.availBlocks, 5000u);
 

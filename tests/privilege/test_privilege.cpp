@@ -32,12 +32,6 @@ Json::Value Parse(const std::string& text) {
     return value;
 }
 
-mode_t ModeOf(const std::string& logical) {
-    struct stat st = {};
-    EXPECT_TRUE(ZARNLstat(logical, st)) << logical;
-    return st.st_mode & 07777;
-}
-
 // Counts the walker calls and answers with a fixed result.
 class CountingWalker : public IWalker {
 public:
@@ -255,10 +249,10 @@ TEST_F(PrivilegeTest, ClearSetUGidBit) {
     writeFile("/tmp/script", "#!/bin/sh\n", 0755);
     ASSERT_EQ(ZARNChmod("/tmp/script", 06755), true);
     ASSERT_TRUE(ClearSetUGidBit("/tmp/script"));
-    EXPECT_EQ(ModeOf("/tmp/script"), 0755u);
+    EXPECT_EQ(modeOf("/tmp/script"), 0755u);
     ASSERT_EQ(ZARNChmod("/tmp/script", 01640), true);
     ASSERT_TRUE(ClearSetUGidBit("/tmp/script"));
-    EXPECT_EQ(ModeOf("/tmp/script"), 01640u);
+    EXPECT_EQ(modeOf("/tmp/script"), 01640u);
 
     VLIBCErrSet(ZARN_ERR_NONE);
     EXPECT_FALSE(ClearSetUGidBit("/tmp/missing"));
@@ -271,7 +265,7 @@ TEST_F(PrivilegeTest, ClearSetUGidBit) {
     ASSERT_TRUE(ZARNSymlink("/etc/target", "/tmp/link"));
     EXPECT_FALSE(ClearSetUGidBit("/tmp/link"));
     EXPECT_EQ(VLIBCErrGet(), 0x0900);
-    EXPECT_EQ(ModeOf("/etc/target"), 04755u);
+    EXPECT_EQ(modeOf("/etc/target"), 04755u);
 }
 
 TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
@@ -282,10 +276,10 @@ TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
         ASSERT_EQ(ZARNChmod(staging + "/scripts/" + script, 06755), true);
     }
     ASSERT_TRUE(ReviseFileAttr("pkga", staging, false));
-    EXPECT_EQ(ModeOf(staging + "/scripts/preinst"), 0755u);
-    EXPECT_EQ(ModeOf(staging + "/scripts/start-stop-status"), 0755u);
+    EXPECT_EQ(modeOf(staging + "/scripts/preinst"), 0755u);
+    EXPECT_EQ(modeOf(staging + "/scripts/start-stop-status"), 0755u);
     // Only the seven control scripts are looked at.
-    EXPECT_EQ(ModeOf(staging + "/scripts/other"), 06755u);
+    EXPECT_EQ(modeOf(staging + "/scripts/other"), 06755u);
 
     // A script that is a dangling link has no bits to clear and is passed over, and so is one
     // that leads to a file of the package.
@@ -294,7 +288,7 @@ TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
     ASSERT_TRUE(ZARNChmod(staging + "/package/bin/helper", 04755));
     ASSERT_TRUE(ZARNSymlink("../package/bin/helper", staging + "/scripts/preuninst"));
     EXPECT_TRUE(ReviseFileAttr("pkga", staging, false)) << logText();
-    EXPECT_EQ(ModeOf(staging + "/package/bin/helper"), 04755u);
+    EXPECT_EQ(modeOf(staging + "/package/bin/helper"), 04755u);
 
     VLIBCErrSet(ZARN_ERR_NONE);
     EXPECT_FALSE(ReviseFileAttr("", staging, false));
@@ -306,7 +300,7 @@ TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
     ASSERT_TRUE(ZARNSymlink("/etc/outside", staging + "/scripts/postinst"));
     EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
     EXPECT_NE(logText().find("Failed to revise scripts of pkga [0x"), std::string::npos);
-    EXPECT_EQ(ModeOf("/etc/outside"), 04755u);
+    EXPECT_EQ(modeOf("/etc/outside"), 04755u);
 }
 
 TEST_F(PrivilegeTest, ReviseFileAttrRefusesBadConfigBeforeAccounts) {
@@ -510,12 +504,12 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
                                 R"("group": "package", "permission": ")" + perm + "\"}"))
             << perm;
         EXPECT_EQ(VLIBCErrGet(), 0x4000) << perm;
-        EXPECT_EQ(ModeOf(top + "/bin/tool"), 0755u) << perm;
+        EXPECT_EQ(modeOf(top + "/bin/tool"), 0755u) << perm;
     }
     EXPECT_NE(logText().find("Failed to revise " + top + "/bin/tool [0x4000"), std::string::npos);
     EXPECT_FALSE(toolResult(R"({"relpath": "shadowlink", "user": "package", "group": "package",
                                 "permission": "0777"})"));
-    EXPECT_EQ(ModeOf("/etc/shadow"), 0600u);
+    EXPECT_EQ(modeOf("/etc/shadow"), 0600u);
     // A link inside the package is passed over, not followed to the file it names.
     ASSERT_TRUE(ZARNSymlink("tool", top + "/bin/alias"));
     ASSERT_TRUE(ZARNSymlink("bin", top + "/dir"));
@@ -527,7 +521,7 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
         EXPECT_TRUE(
             exeResult(std::string(R"({"relpath": ")") + relpath + R"(", "run-as": "root"})"))
             << relpath;
-        EXPECT_EQ(ModeOf(top + "/bin/tool"), 0755u) << relpath;
+        EXPECT_EQ(modeOf(top + "/bin/tool"), 0755u) << relpath;
     }
     EXPECT_NE(logText().find("Passed over bin/alias"), std::string::npos);
     // Any four octal digits name a mode, set-ID bits included.
@@ -537,7 +531,7 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
         EXPECT_TRUE(toolResult(std::string(R"({"relpath": "bin/tool", "user": "package", )") +
                                R"("group": "package", "permission": ")" + perm + "\"}"))
             << perm;
-        EXPECT_EQ(ModeOf(top + "/bin/tool"), mode) << perm;
+        EXPECT_EQ(modeOf(top + "/bin/tool"), mode) << perm;
     }
 }
 

@@ -13,14 +13,7 @@ using namespace ZARNPackageTool::Resource;
 
 namespace {
 
-class StateFilesTest : public ResourceTest {
-protected:
-    mode_t mode(const std::string& logical) {
-        struct stat st {};
-        EXPECT_TRUE(ZARNStat(logical, st)) << logical;
-        return st.st_mode & 07777;
-    }
-};
+class StateFilesTest : public ResourceTest {};
 
 TEST_F(StateFilesTest, MissingFileAndMissingMemberHaveTheirOwnCodes) {
     Json::Value out;
@@ -38,13 +31,13 @@ TEST_F(StateFilesTest, MissingFileAndMissingMemberHaveTheirOwnCodes) {
     // Rewritten files are private to root.
     Json::Value value(Json::objectValue);
     ASSERT_TRUE(WriteJsonFile(confPath("resource.own"), value));
-    EXPECT_EQ(0600u, mode(confPath("resource.own")));
+    EXPECT_EQ(0600u, modeOf(confPath("resource.own")));
 }
 
 TEST_F(StateFilesTest, ReplaceOwnObjectStartsFromNothingAndRefusesANonObject) {
     ASSERT_TRUE(ReplaceOwnObject(kPkg, "t-a", Json::Value(7)));
     EXPECT_EQ(7, own()["t-a"].asInt());
-    EXPECT_EQ(0755u, mode("/var/packages/pkga/conf"));
+    EXPECT_EQ(0755u, modeOf("/var/packages/pkga/conf"));
     writeFile(confPath("resource.own"), "[1]");
     EXPECT_FALSE(ReplaceOwnObject(kPkg, "t-a", Json::Value(8)));
     EXPECT_NE(std::string::npos, logText().find("invalid jOwn, not an object"));
@@ -62,7 +55,7 @@ TEST_F(StateFilesTest, BackupCarriesTheOwnFileToTheNewVersionWithinOneProcess) {
     writeFile(confPath("resource.own"), "{\"t-a\": {\"k\": 1}}");
     ASSERT_TRUE(BackupResourceFile(kPkg));
     EXPECT_FALSE(ZARNPathExists(confPath("resource.own")));
-    EXPECT_EQ(0777u, mode("/var/tmp"));
+    EXPECT_EQ(0777u, modeOf("/var/tmp"));
     ASSERT_TRUE(RestoreResourceFile(kPkg, "/tmp/unpack"));
     EXPECT_NE(std::string::npos, readFile("/tmp/unpack/conf/resource.own").find("\"k\""));
     EXPECT_TRUE(ZARNPathExists(backup));

@@ -98,9 +98,7 @@ TEST_F(ServiceJobsTest, FindsDependencies) {
 TEST_F(ServiceJobsTest, CreatesTmpFilesBesideTheTarget) {
     char buffer[64];
     ASSERT_TRUE(CreateTmpFile("/etc/init/x.conf", buffer, sizeof(buffer)));
-    struct stat st;
-    ASSERT_TRUE(ZARNStat(buffer, st));
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(modeOf(buffer), 0600u);
     EXPECT_EQ(std::string(buffer).rfind("/etc/init/x.conf.", 0), 0u);
     EXPECT_FALSE(CreateTmpFile("/etc/init/x.conf", buffer, 23));
     EXPECT_EQ(VLIBCErrGet(), 0x0100);
@@ -114,9 +112,7 @@ TEST_F(ServiceJobsTest, WritesTheServiceCfgAndItsRunKey) {
     ASSERT_TRUE(Json::fromFile(cfg, ZARNServicecfgPath("pkgctl-p")));
     EXPECT_EQ(Json::toCompactString(cfg),
               R"({"auto_start":"no","init_job_map":{"upstart":["pkgctl-p"]},"is_package":"yes"})");
-    struct stat st;
-    ASSERT_TRUE(ZARNStat(ZARNServicecfgPath("pkgctl-p"), st));
-    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    EXPECT_EQ(modeOf(ZARNServicecfgPath("pkgctl-p")), 0644u);
     EXPECT_EQ(VLIBServicecfgRunKeyGet("pkgctl-p"), 2);
 
     // Without overwrite an existing file stays; the run key follows `enabled` anew.

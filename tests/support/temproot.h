@@ -24,6 +24,11 @@ protected:
     void writeFile(const std::string& logical, const std::string& text, mode_t mode = 0644);
     // The content of a file by logical path; empty when it can't be read.
     std::string readFile(const std::string& logical) const;
+    // Makes a folder and its parents by logical path.
+    void makeDir(const std::string& logical, mode_t mode = 0755);
+    // The permission bits (set-ID and sticky included) of a path, not following a last link;
+    // 0 when it doesn't exist.
+    mode_t modeOf(const std::string& logical) const;
     // Takes the line of `key` out of a key file (by logical path), keeping the others.
     void removeKey(const std::string& logical, const std::string& key);
     // Lays down a registry entry: INFO with the package name, version "1.0", maintainer and
