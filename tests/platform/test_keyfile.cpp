@@ -9,6 +9,8 @@
 
 namespace {
 
+using Map = std::map<std::string, std::string>;
+
 std::map<std::string, std::string> ParseAll(const std::string& text, const char* sep = "=") {
     std::map<std::string, std::string> out;
     ZARNKeyTextParse(text, sep, nullptr, out);
@@ -30,64 +32,46 @@ TEST_F(KeyFileTest, QuotingBlanksAndLineEnds) {
         "url=\"http://x/?a=b\"\n"
         "inner=a\"b\"\n"
         "last=\"no newline\"");
-    EXPECT_EQ(values["package"], "demo");
-    EXPECT_EQ(values["version"], "1.0-0001");
-    EXPECT_EQ(values["plain"], "some text");
-    EXPECT_EQ(values["quoted"], "a b");
-    EXPECT_EQ(values["empty"], "");
-    EXPECT_EQ(values["bare"], "");
-    EXPECT_EQ(values["url"], "http://x/?a=b");
-    EXPECT_EQ(values["inner"], "a\"b\"");
+    EXPECT_EQ(values, (Map{{"package", "demo"},
+                           {"version", "1.0-0001"},
+                           {"plain", "some text"},
+                           {"quoted", "a b"},
+                           {"empty", ""},
+                           {"bare", ""},
+                           {"url", "http://x/?a=b"},
+                           {"inner", "a\"b\""},
+                           {"last", "no newline"}}));
     EXPECT_EQ(ParseAll("json=\"{\"a\": \"b\"}\" \r\n")["json"], "{\"a\": \"b\"}");
-    EXPECT_EQ(values["last"], "no newline");
-    EXPECT_EQ(values.size(), 9u);
 }
 
 TEST_F(KeyFileTest, HostileText) {
     // Unterminated quotes run to the end of their line only.
-    auto values = ParseAll("a=\"open\nb=\"next\"\nc=\"open at end");
-    EXPECT_EQ(values["a"], "open");
-    EXPECT_EQ(values["b"], "next");
-    EXPECT_EQ(values["c"], "open at end");
+    EXPECT_EQ(ParseAll("a=\"open\nb=\"next\"\nc=\"open at end"),
+              (Map{{"a", "open"}, {"b", "next"}, {"c", "open at end"}}));
 
     // NUL bytes are ordinary bytes.
     const char raw[] = "k1=\"a\0b\"\nk\0ey=v\0\nk2=after\n";
     const std::string withNul(raw, sizeof(raw) - 1);
-    values = ParseAll(withNul);
-    EXPECT_EQ(values["k1"], std::string("a\0b", 3));
-    EXPECT_EQ(values[std::string("k\0ey", 4)], std::string("v\0", 2));
-    EXPECT_EQ(values["k2"], "after");
+    EXPECT_EQ(ParseAll(withNul), (Map{{"k1", std::string("a\0b", 3)},
+                                      {std::string("k\0ey", 4), std::string("v\0", 2)},
+                                      {"k2", "after"}}));
 
     // A megabyte line, then more keys.
     const std::string big(1 << 20, 'x');
-    values = ParseAll("before=1\nbig=\"" + big + "\"\nafter=2\n");
-    EXPECT_EQ(values["big"], big);
-    EXPECT_EQ(values["before"], "1");
-    EXPECT_EQ(values["after"], "2");
-    values = ParseAll(std::string(1 << 20, '"') + "\nz=1\n" + std::string(1 << 20, '='));
-    EXPECT_EQ(values["z"], "1");
-    EXPECT_EQ(values.size(), 1u);
+    EXPECT_EQ(ParseAll("before=1\nbig=\"" + big + "\"\nafter=2\n"),
+              (Map{{"before", "1"}, {"big", big}, {"after", "2"}}));
+    EXPECT_EQ(ParseAll(std::string(1 << 20, '"') + "\nz=1\n" + std::string(1 << 20, '=')),
+              (Map{{"z", "1"}}));
 
     // Bytes that are not UTF-8, lone quotes, lines of separators only, bare carriage returns.
-    values = ParseAll("\xff\xfe=\x80\x81\n\"\n=\n==\n\r\r=\r\n\r\n=value\n \t \nkey\n");
-    EXPECT_EQ(values["\xff\xfe"], "\x80\x81");
-    EXPECT_EQ(values["\r\r"], "");
-    EXPECT_EQ(values.size(), 2u);
+    EXPECT_EQ(ParseAll("\xff\xfe=\x80\x81\n\"\n=\n==\n\r\r=\r\n\r\n=value\n \t \nkey\n"),
+              (Map{{"\xff\xfe", "\x80\x81"}, {"\r\r", ""}}));
 }
 
 TEST_F(KeyFileTest, CommentsDuplicatesAndSeparators) {
-    auto values = ParseAll("#a=1\n   # b=2\nc=3 # not a comment\nc=4\nd:5\n");
-    EXPECT_EQ(values.count("a"), 0u);
-    EXPECT_EQ(values.count("b"), 0u);
-    EXPECT_EQ(values.count("#a"), 0u);
-    EXPECT_EQ(values["c"], "3 # not a comment");
-    EXPECT_EQ(values.count("d:5"), 0u);
-
-    values = ParseAll("d: 5\ne : \"six\"\nf=7\n", ":");
-    EXPECT_EQ(values["d"], "5");
-    EXPECT_EQ(values["e"], "six");
-    EXPECT_EQ(values.count("f=7"), 0u);
-    EXPECT_EQ(values.size(), 2u);
+    EXPECT_EQ(ParseAll("#a=1\n   # b=2\nc=3 # not a comment\nc=4\nd:5\n"),
+              (Map{{"c", "3 # not a comment"}}));
+    EXPECT_EQ(ParseAll("d: 5\ne : \"six\"\nf=7\n", ":"), (Map{{"d", "5"}, {"e", "six"}}));
 
     // The text replaces what the map held before.
     std::map<std::string, std::string> prefilled{{"c", "old"}, {"keep", "yes"}};
