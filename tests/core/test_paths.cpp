@@ -79,7 +79,7 @@ TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
 
     writeConf(R"({"volumes": [{"path": "/volume1", "writable": false}]})");
     EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_NE(logText().find("VolumeAvailGet() failed!! zarnerr=[0x8400]"), std::string::npos);
+    EXPECT_TRUE(logged("VolumeAvailGet() failed!! zarnerr=[0x8400]"));
 
     ASSERT_TRUE(ZARNRemoveTree("/volume1"));
     EXPECT_FALSE(PMSGetTmpDir(0, out));
@@ -90,7 +90,7 @@ TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
     writeConf("{}");
     writeFile("/volume1/@tmp", "a file in the way");
     EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_NE(logText().find("Failed to mkdir : /volume1/@tmp , errno="), std::string::npos);
+    EXPECT_TRUE(logged("Failed to mkdir : /volume1/@tmp , errno="));
 }
 
 // Sizes come from package files: one near the top of the range must not wrap around with the
@@ -136,7 +136,7 @@ TEST_F(PathsTest, SystemTmpAndRootFallback) {
     EXPECT_EQ(out, "/var/tmp");
     EXPECT_EQ(modeOf("/var/tmp"), 0700u);
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
-    EXPECT_NE(logText().find("/tmp space is not enough"), std::string::npos);
+    EXPECT_TRUE(logged("/tmp space is not enough"));
 
     // The root needs the size plus 200 MiB.
     const unsigned long long rootRoom = 300000000ULL - PMS_ROOT_MARGIN;
@@ -232,7 +232,7 @@ TEST_F(PathsTest, ListAndSystemInstallFolders) {
     ASSERT_TRUE(ZARNRemoveTree("/var/cache/pkglist.tmp"));
     writeFile("/var/cache/pkglist.tmp", "x");
     EXPECT_FALSE(PMSGetListTmpDir(out));
-    EXPECT_NE(logText().find("Failed to mkdir : /var/cache/pkglist.tmp/"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to mkdir : /var/cache/pkglist.tmp/"));
 
     ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
     ASSERT_TRUE(PMSGetSystemInstallPath(out));
@@ -244,7 +244,7 @@ TEST_F(PathsTest, PackageVolumeFromTarget) {
     std::string out = "kept";
     EXPECT_FALSE(PMSGetPackageVol("", out));
     EXPECT_FALSE(PMSGetPackageVol("ghost", out));
-    EXPECT_NE(logText().find("Failed to resovle package target ghost"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to resovle package target ghost"));
 
     const struct {
         const char* name;
@@ -259,7 +259,7 @@ TEST_F(PathsTest, PackageVolumeFromTarget) {
         EXPECT_EQ(PMSGetPackageVol(c.name, out), c.volume != nullptr) << c.name;
         EXPECT_EQ(out, c.volume ? c.volume : "kept") << c.name;
     }
-    EXPECT_NE(logText().find("Failed to parse volume path: /opt/odd"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to parse volume path: /opt/odd"));
 }
 
 TEST_F(PathsTest, DefaultVolume) {
@@ -282,8 +282,7 @@ TEST_F(PathsTest, DefaultVolume) {
     EXPECT_EQ(out, "/volume2");
     EXPECT_FALSE(PMSSavePackageDefVolPath("/volume3"));  // not generic
     EXPECT_FALSE(PMSSavePackageDefVolPath("/volume9"));
-    EXPECT_NE(logText().find("Failed to read volume attribute, path=[/volume9]"),
-              std::string::npos);
+    EXPECT_TRUE(logged("Failed to read volume attribute, path=[/volume9]"));
     EXPECT_EQ(defVolKey(), "/volume2");
     // Exactly the 200 MiB is enough.
     writeConf(R"({"volumes": [{"path": "/volume3", "generic": false},
@@ -335,7 +334,7 @@ TEST_F(PathsTest, CheckVolumeForAPackageFile) {
     EXPECT_FALSE(pm.CheckVolume(nullptr, info));
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
     EXPECT_FALSE(pm.CheckVolume("/tmp/missing.qar", info));
-    EXPECT_NE(logText().find("Failed to get status of /tmp/missing.qar"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to get status of /tmp/missing.qar"));
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", info));
 
     // Only a volume that isn't generic: cold-storage packages may go there.
@@ -363,7 +362,7 @@ TEST_F(PathsTest, CheckVolumeForAPackageFile) {
     ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
     VLIBCErrSet(ZARN_ERR_NO_VOLUME);
     EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", sys));
-    EXPECT_NE(logText().find("Failed to get system volumne"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to get system volumne"));
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
 
     // A dock host tests its one volume.
@@ -384,7 +383,7 @@ TEST_F(PathsTest, AppStoreVolume) {
     EXPECT_EQ(out, "/volume2");
     out.clear();
     EXPECT_FALSE(pm.GetAppStoreVolume(info, "/srv/data", 0, out));
-    EXPECT_NE(logText().find("Failed to parse volume path: /srv/data"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to parse volume path: /srv/data"));
     writeConf(R"({"volumes": [{"path": "/volume2", "space_cap": 10485764}]})");
     EXPECT_TRUE(pm.GetAppStoreVolume(info, "/volume2", 4, out));
     EXPECT_FALSE(pm.GetAppStoreVolume(info, "/volume2", 5, out));
@@ -406,7 +405,7 @@ TEST_F(PathsTest, RootPartitionSpace) {
     writeConf(R"({"space_caps": {"/": 10485759}})");
     EXPECT_FALSE(pm.IsRootPartitionHasEnoughSpace());
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
-    EXPECT_NE(logText().find("root partition space is not enough"), std::string::npos);
+    EXPECT_TRUE(logged("root partition space is not enough"));
 }
 
 TEST_F(PathsTest, FileHelpers) {
@@ -428,8 +427,7 @@ TEST_F(PathsTest, FileHelpers) {
     ASSERT_EQ(fifo.run(), 0);
     EXPECT_FALSE(
         ZARNPackageCore::FsyncDirectories({"/var/packages/demo/pipe", "/var/packages/demo"}));
-    EXPECT_NE(logText().find("Failed to fsync file, path=[/var/packages/demo/pipe]"),
-              std::string::npos);
+    EXPECT_TRUE(logged("Failed to fsync file, path=[/var/packages/demo/pipe]"));
 
     EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo/INFO") &&
                 ZARNPackageCore::IsFileExists("/var/packages/demo"));

@@ -149,9 +149,7 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     // In the first boot after an upgrade the lock is not waited for, and the holder is logged.
     writeFile("/var/.UpgradeBootup", "");
     EXPECT_TRUE(PackageManager::ExLock(0));
-    EXPECT_NE(logText().find("self: " + std::to_string(getpid()) + ", Lock process: "),
-              std::string::npos)
-        << logText();
+    EXPECT_TRUE(logged("self: " + std::to_string(getpid()) + ", Lock process: ")) << logText();
     EXPECT_TRUE(holder.release());
     ASSERT_EQ(unlink(phys("/var/.UpgradeBootup").c_str()), 0);
 
@@ -169,7 +167,7 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     EXPECT_FALSE(PackageManager::ExLock(1));
     PackageManager::setSkipUpgradeCheck(false);
     PackageManager::UnLock();
-    EXPECT_NE(logText().find("Failed to lock, /var/.NormalShutdown exists"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to lock, /var/.NormalShutdown exists"));
 }
 
 TEST_F(Registry, PlainFileLocks) {

@@ -131,7 +131,7 @@ TEST_F(CliErrors, OutputErrorsFail) {
         EXPECT_EQ(RunZarnpkg(root(), args, {"", full}).status, 1) << Shown(args);
     }
     close(full);
-    EXPECT_NE(logText().find("Failed to write standard output"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to write standard output"));
 }
 
 // A word without a / or a package file's ending names an installed package, even where a file

@@ -106,7 +106,7 @@ TEST_F(ArchiveTest, HelloRecordScriptsLicenceAndWizard) {
     EXPECT_FALSE(pm.verifyPackageTgzFile("/tmp/hello.qar", "00000000000000000000000000000000"));
     EXPECT_FALSE(pm.verifyPackageTgzFile("/tmp/hello.qar", info.checksum.substr(0, 31).c_str()));
     EXPECT_TRUE(pm.verifyPackageTgzFile("/tmp/hello.qar", nullptr));
-    EXPECT_NE(logText().find("Failed to verify /tmp/hello.qar/package.tgz"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to verify /tmp/hello.qar/package.tgz"));
     // The member is hashed where it lies in the archive: just its bytes, and all of them.
     std::string md5;
     writeFile("/tmp/range", "xxabcyy");
@@ -115,7 +115,7 @@ TEST_F(ArchiveTest, HelloRecordScriptsLicenceAndWizard) {
     EXPECT_FALSE(PMSMd5OfRange("/tmp/range", 2, 30, md5));
     EXPECT_FALSE(pm.verifyPackageTgzFile("", info.checksum.c_str()));
     EXPECT_FALSE(pm.queryPackageFileInfo("", info, PKG_INSTALLATION_NONE, "enu"));
-    EXPECT_NE(std::string::npos, logText().find("Wrong parameters"));
+    EXPECT_TRUE(logged("Wrong parameters"));
 }
 
 TEST_F(ArchiveTest, PackRefusesBadInfoAndSaysWhichKey) {
@@ -261,7 +261,7 @@ TEST_F(ArchiveTest, ReadUIFileContentRules) {
     out = Json::Value(Json::arrayValue);
     EXPECT_NO_THROW(EXPECT_FALSE(PMReadUIFileContent("/tmp/deep", out)));
     EXPECT_TRUE(out.isNull());
-    EXPECT_NE(std::string::npos, logText().find("Exceeded stackLimit"));
+    EXPECT_TRUE(logged("Exceeded stackLimit"));
 
     // From the registry of an installed package.
     writeFile("/var/packages/reg/INFO", qartest::BasicInfo("reg", "1.0"));
@@ -305,7 +305,7 @@ TEST_F(ArchiveTest, WizardScriptsOfTheRegistryAndOfFilesThatGiveNothing) {
     upgrade.name = "regsh";
     EXPECT_FALSE(pm.readUIFile(PKG_INSTALLATION_UPGRADE, "regsh", upgrade, "enu"));
     EXPECT_EQ(0644u, modeOf("/var/packages/regsh/WIZARD_UIFILES/upgrade_uifile.sh"));
-    EXPECT_NE(std::string::npos, logText().find("Failed to run")) << logText();
+    EXPECT_TRUE(logged("Failed to run")) << logText();
 
     // A script of a file that writes nothing gives way to the static file beside it.
     const std::string steps = R"([{"items": [{"key": "s", "defaultValue": "static"}]}])";
@@ -331,8 +331,7 @@ TEST_F(ArchiveTest, WizardScriptsOfTheRegistryAndOfFilesThatGiveNothing) {
     ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/up_sh.qar", notInstalled,
                                                   PKG_INSTALLATION_UPGRADE, "enu"));
     EXPECT_TRUE(notInstalled.wizard.empty()) << notInstalled.wizard;
-    EXPECT_NE(std::string::npos,
-              logText().find("Previous upsh not installed, upgrade not possible"));
+    EXPECT_TRUE(logged("Previous upsh not installed, upgrade not possible"));
 
     // Without a language argument the system's language is taken; without that either, only the
     // forms without a language are tried.
@@ -353,8 +352,7 @@ TEST_F(ArchiveTest, WizardScriptsOfTheRegistryAndOfFilesThatGiveNothing) {
     ASSERT_TRUE(pm.queryPackageFileInfoWithWizard("/tmp/syslang.qar", none, PKG_INSTALLATION_NONE,
                                                   nullptr));
     EXPECT_EQ(Json::Value("static"), none.wizard[0]["items"][0]["defaultValue"]);
-    EXPECT_NE(std::string::npos,
-              logText().find("Failed to get value 'language' from '/etc/zarninfo.conf'"));
+    EXPECT_TRUE(logged("Failed to get value 'language' from '/etc/zarninfo.conf'"));
 }
 
 }  // namespace

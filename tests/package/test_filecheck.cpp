@@ -235,7 +235,7 @@ TEST_F(FileCheckTest, RefusalsCarryCodeAndMessage) {
     // Without the product name the platform array stays empty, and the reason is logged.
     removeKey("/etc.defaults/zarninfo.conf", "product");
     EXPECT_TRUE(PMSFileCheckMessage(PKG_ERR_PLATFORM, Json::Value(), "").empty());
-    EXPECT_NE(std::string::npos, logText().find("Failed to get product"));
+    EXPECT_TRUE(logged("Failed to get product"));
 }
 
 TEST_F(FileCheckTest, StepNinePortConflict) {

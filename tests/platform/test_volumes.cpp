@@ -168,9 +168,7 @@ TEST_F(VolumesTest, ConfOfWrongTypesKeepsDefaults) {
     }
     EXPECT_TRUE(listed);
     EXPECT_FALSE(ZARNHostVolumesInit(0, error));
-    EXPECT_NE(logText().find("Failed to prepare the volumes of the host: " + error),
-              std::string::npos)
-        << logText();
+    EXPECT_TRUE(logged("Failed to prepare the volumes of the host: " + error)) << logText();
 }
 
 TEST_F(VolumesTest, AvailablePicksFirstVolumeWithRoom) {

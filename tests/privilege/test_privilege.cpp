@@ -117,7 +117,7 @@ TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
     writeConf(staging, "{ not json");
     EXPECT_EQ(GetUserName("pkgb", staging), "");
     EXPECT_EQ(VLIBCErrGet(), 0x0a00);
-    EXPECT_NE(logText().find("Failed to read " + staging + "/conf/privilege ("), std::string::npos);
+    EXPECT_TRUE(logged("Failed to read " + staging + "/conf/privilege ("));
     EXPECT_FALSE(ReadConfig("pkgb", staging, config));
 
     EXPECT_EQ(GetUserName("", ""), "");
@@ -228,8 +228,7 @@ TEST_F(PrivilegeTest, SetIdentityLeavesRunnerWhenNothingApplies) {
     EXPECT_EQ(VLIBCErrGet(), 0x0d00);
     writeConf(staging, R"({"ctrl-script": [{"action": "status", "run-as": "everyone"}]})");
     EXPECT_FALSE(SetIdentity(bad, "pkga", "status", staging));
-    EXPECT_NE(logText().find("Failed to traverse " + staging + "/conf/privilege [0x0D00"),
-              std::string::npos);
+    EXPECT_TRUE(logged("Failed to traverse " + staging + "/conf/privilege [0x0D00"));
     writeConf(staging, "[1, 2");
     EXPECT_FALSE(SetIdentity(bad, "pkga", "status", staging));
 }
@@ -299,7 +298,7 @@ TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
     ASSERT_EQ(ZARNChmod("/etc/outside", 04755), true);
     ASSERT_TRUE(ZARNSymlink("/etc/outside", staging + "/scripts/postinst"));
     EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
-    EXPECT_NE(logText().find("Failed to revise scripts of pkga [0x"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to revise scripts of pkga [0x"));
     EXPECT_EQ(modeOf("/etc/outside"), 04755u);
 }
 
@@ -310,7 +309,7 @@ TEST_F(PrivilegeTest, ReviseFileAttrRefusesBadConfigBeforeAccounts) {
 
     writeConf(staging, "this is not json");
     EXPECT_FALSE(ReviseFileAttr("pkga", staging, false));
-    EXPECT_NE(logText().find("Failed to read " + staging + "/conf/privilege"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to read " + staging + "/conf/privilege"));
 
     const std::pair<const char*, const char*> reserved[] = {
         {R"({"username": "root"})", "User root is reservered for system"},
@@ -324,7 +323,7 @@ TEST_F(PrivilegeTest, ReviseFileAttrRefusesBadConfigBeforeAccounts) {
     for (const auto& [conf, line] : reserved) {
         writeConf(staging, conf);
         EXPECT_FALSE(ReviseFileAttr("pkga", staging, false)) << conf;
-        EXPECT_NE(logText().find(line), std::string::npos) << conf;
+        EXPECT_TRUE(logged(line)) << conf;
     }
 
     // Nothing was changed on the accounts.
@@ -477,8 +476,7 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
     for (const char* relpath : {"../../etc/shadow", "shadowlink"}) {
         EXPECT_FALSE(
             exeResult(std::string(R"({"relpath": ")") + relpath + R"(", "run-as": "package"})"));
-        EXPECT_NE(logText().find("Failed to resolve " + std::string(relpath) + " [0x"),
-                  std::string::npos);
+        EXPECT_TRUE(logged("Failed to resolve " + std::string(relpath) + " [0x"));
     }
     // Numbers among the elements are skipped.
     EXPECT_TRUE(exeResult(R"(3, {"relpath": "bin/tool", "run-as": "package"})"));
@@ -506,7 +504,7 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
         EXPECT_EQ(VLIBCErrGet(), 0x4000) << perm;
         EXPECT_EQ(modeOf(top + "/bin/tool"), 0755u) << perm;
     }
-    EXPECT_NE(logText().find("Failed to revise " + top + "/bin/tool [0x4000"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to revise " + top + "/bin/tool [0x4000"));
     EXPECT_FALSE(toolResult(R"({"relpath": "shadowlink", "user": "package", "group": "package",
                                 "permission": "0777"})"));
     EXPECT_EQ(modeOf("/etc/shadow"), 0600u);
@@ -523,7 +521,7 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
             << relpath;
         EXPECT_EQ(modeOf(top + "/bin/tool"), 0755u) << relpath;
     }
-    EXPECT_NE(logText().find("Passed over bin/alias"), std::string::npos);
+    EXPECT_TRUE(logged("Passed over bin/alias"));
     // Any four octal digits name a mode, set-ID bits included.
     for (mode_t mode : {0750u, 04755u, 07777u}) {
         char perm[8];
@@ -557,10 +555,10 @@ TEST_F(PrivilegeTest, TmpFolder) {
     const std::string path = GetTmpFolderPath("pkga", nullptr);
     writeConf("/var/packages/pkga", R"({"username": "ghost"})");
     EXPECT_FALSE(CreateTmpFolder("pkga", path));
-    EXPECT_NE(logText().find("Failed to get id of ghost [0x1D00"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to get id of ghost [0x1D00"));
     writeConf("/var/packages/pkga", "nope");
     EXPECT_FALSE(CreateTmpFolder("pkga", path));
-    EXPECT_NE(logText().find("Failed to get username of pkga [0x0A00"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to get username of pkga [0x0A00"));
 }
 
 TEST_F(PrivilegeTest, ReplaceVariables) {

@@ -89,9 +89,8 @@ TEST_F(DiscoveryTest, LastDeclarationOfATypeWinsAtTheFirstOnesPlace) {
     ZARNRemoveTree("/usr/local/share/zarnpkg/gone");
     declare("p2", {decl("x")});
     EXPECT_EQ("x@p2 y@p1 ", workers(TIMING_PREINST));
-    EXPECT_NE(std::string::npos,
-              logText().find("/usr/local/share/zarnpkg/broken is in wrong format, ignore it"));
-    EXPECT_NE(std::string::npos, logText().find("Failed to load conf of gone [0x0700"));
+    EXPECT_TRUE(logged("/usr/local/share/zarnpkg/broken is in wrong format, ignore it"));
+    EXPECT_TRUE(logged("Failed to load conf of gone [0x0700"));
     // For one type the providers are asked in order, each from its last declaration.
     WorkerProxy* found = FindRunnableWorker("x");
     ASSERT_NE(nullptr, found);

@@ -170,7 +170,7 @@ TEST_F(ResourceCallTest, BadFilesAreFailedOrIgnoredWithoutCrash) {
         WorkerResp resp;
         EXPECT_EQ(c.result, Resource::Acquire(Resource::TIMING_PREINST, info_,
                                               PKG_INSTALLATION_INSTALL, resp, nullptr, ""));
-        EXPECT_NE(std::string::npos, logText().find(c.log));
+        EXPECT_TRUE(logged(c.log));
         EXPECT_EQ(c.result, own()["t-a"]["acquired"].asString() == "a");
     }
 }

@@ -105,7 +105,7 @@ TEST_F(ServiceCspWorkersTest, CspRuleSavesDeletesAndIsRolledBack) {
     request(resource);
     EXPECT_FALSE(call(TIMING_STARTUP));
     EXPECT_FALSE(ZARNPathExists(rules));
-    EXPECT_NE(std::string::npos, logText().find("Rollback csp-rule for pkga"));
+    EXPECT_TRUE(logged("Rollback csp-rule for pkga"));
 
     const struct {
         const char* conf;
@@ -121,7 +121,7 @@ TEST_F(ServiceCspWorkersTest, CspRuleSavesDeletesAndIsRolledBack) {
         resource["csp-rule"]["conf"] = c.conf;
         request(resource);
         EXPECT_FALSE(call(TIMING_STARTUP)) << c.conf;
-        EXPECT_NE(std::string::npos, logText().find(c.line)) << c.conf;
+        EXPECT_TRUE(logged(c.line)) << c.conf;
         EXPECT_FALSE(ZARNPathExists(rules));
     }
 }

@@ -40,7 +40,7 @@ TEST_F(StateFilesTest, ReplaceOwnObjectStartsFromNothingAndRefusesANonObject) {
     EXPECT_EQ(0755u, modeOf("/var/packages/pkga/conf"));
     writeFile(confPath("resource.own"), "[1]");
     EXPECT_FALSE(ReplaceOwnObject(kPkg, "t-a", Json::Value(8)));
-    EXPECT_NE(std::string::npos, logText().find("invalid jOwn, not an object"));
+    EXPECT_TRUE(logged("invalid jOwn, not an object"));
     EXPECT_EQ("[1]", readFile(confPath("resource.own")));
 }
 

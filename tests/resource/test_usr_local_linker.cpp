@@ -46,7 +46,7 @@ TEST_F(UsrLocalLinkerTest, LinksPatternsAndRemovesOnlyItsOwnLinks) {
     writeFile("/var/packages/pkgb/conf/resource",
               "{\"usr-local-linker\": {\"bin\": [\"bin/tool1\"]}}");
     EXPECT_FALSE(call(true, "pkgb"));
-    EXPECT_NE(std::string::npos, logText().find("Failed to create link /usr/local/bin/tool1"));
+    EXPECT_TRUE(logged("Failed to create link /usr/local/bin/tool1"));
 
     // A damaged own file can't make it remove what is not its own.
     Json::Value o = own();

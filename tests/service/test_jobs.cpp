@@ -58,7 +58,7 @@ TEST_F(ServiceJobsTest, InstallsValidatesAndRollsBack) {
             EXPECT_FALSE(ZARNPathExists(std::string("/etc/init/") + job + ".conf")) << job;
         }
     }
-    EXPECT_NE(logText().find("Invalid job pkg-c"), std::string::npos);
+    EXPECT_TRUE(logged("Invalid job pkg-c"));
     EXPECT_FALSE(InstallJobs("p", {"pkg-missing"}, true));
     EXPECT_EQ(VLIBCErrGet(), 0x3b00);
 
@@ -92,7 +92,7 @@ TEST_F(ServiceJobsTest, FindsDependencies) {
     EXPECT_EQ(jobs, (std::set<std::string>{"pg2", "pgsql", "ssh-shell"}));
     writeFile(ZARNServicecfgPath("pgsql"), R"({"init_job_map": {"upstart": "pgsql"}})");
     EXPECT_FALSE(GetDependentJob("p", jobs));
-    EXPECT_NE(logText().find("Failed to get dependent jobs for p"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to get dependent jobs for p"));
 }
 
 TEST_F(ServiceJobsTest, CreatesTmpFilesBesideTheTarget) {

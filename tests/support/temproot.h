@@ -46,6 +46,8 @@ protected:
     void markRunning(const std::string& name);
     // Everything the library logged during the test so far.
     std::string logText() const;
+    // Whether the library logged `what` during the test so far.
+    bool logged(const std::string& what) const { return logText().find(what) != std::string::npos; }
     // The physical path of the log mirror.
     const std::string& logPath() const { return logPath_; }
 
