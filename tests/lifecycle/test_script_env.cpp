@@ -108,8 +108,7 @@ TEST_F(ScriptEnv, UnsetRulesAndSystemLanguage) {
     // Without a language setting the value stays empty and the gap is logged.
     writeFile("/etc/zarninfo.conf", "timezone=\"UTC\"\n");
     Env bare = childEnv(record("x"), PKG_INSTALLATION_NONE, nullptr);
-    EXPECT_TRUE(has(bare, "ZARNPKG_KOS_LANGUAGE"));
-    EXPECT_EQ(bare["ZARNPKG_KOS_LANGUAGE"], "");
+    EXPECT_EQ(bare.at("ZARNPKG_KOS_LANGUAGE"), "");
     EXPECT_TRUE(logged("Not find language in /etc/zarninfo.conf"));
 }
 
@@ -227,14 +226,14 @@ TEST_F(ScriptEnv, PrepareEnvAndCleanAll) {
 }
 
 TEST_F(ScriptEnv, TypeTextAndWizardScriptPreparation) {
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_NONE), "(system) trigger");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_INSTALL), "install");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_UPGRADE), "upgrade");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_UNINSTALL), "uninstall");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_START), "start");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_STOP), "stop");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_RESTART), "restart");
-    EXPECT_EQ(parseInstallTypeToStr(static_cast<PKG_INSTALLATION_TYPE>(64)), "(system) trigger");
+    std::string texts;
+    for (int type : {PKG_INSTALLATION_NONE, PKG_INSTALLATION_INSTALL, PKG_INSTALLATION_UPGRADE,
+                     PKG_INSTALLATION_UNINSTALL, PKG_INSTALLATION_START, PKG_INSTALLATION_STOP,
+                     PKG_INSTALLATION_RESTART, static_cast<PKG_INSTALLATION_TYPE>(64)}) {
+        texts += parseInstallTypeToStr(static_cast<PKG_INSTALLATION_TYPE>(type)) + ",";
+    }
+    EXPECT_EQ(texts,
+              "(system) trigger,install,upgrade,uninstall,start,stop,restart,(system) trigger,");
 
     const std::string logFile = "/tmp/wizard.out";
     PackageInfo fresh = record("wiz");
