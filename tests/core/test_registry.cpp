@@ -10,6 +10,7 @@
 #include "core/packagemanager.h"
 #include "core/registry.h"
 #include "platform/files.h"
+#include "platform/json.h"
 #include "platform/locks.h"
 #include "support/lock_holder.h"
 #include "support/temproot.h"
@@ -59,8 +60,7 @@ TEST_F(Registry, EnumerationRules) {
     EXPECT_EQ(records.size(), 5u);
     Json::Value data;
     EXPECT_EQ(pm.getResult(data), PKG_ERR_ENUM);
-    ASSERT_TRUE(data.isArray());
-    EXPECT_EQ(data[0].asString(), "bad");
+    EXPECT_EQ(Json::toCompactString(data), R"(["bad"])");
 
     PackageManager missing;
     EXPECT_FALSE(missing.enumPackageInfoByPath("/nowhere", records, bad, nullptr, 0));
@@ -100,9 +100,7 @@ TEST_F(Registry, Lookup) {
     std::vector<PackageInfo> out;
     EXPECT_FALSE(pm.getPackageInfo(names, out, nullptr, PKG_MASK_ALL));
     ASSERT_EQ(out.size(), 3u);
-    EXPECT_EQ(out[0].name, "a");
-    EXPECT_EQ(out[1].name, "");
-    EXPECT_EQ(out[2].name, "a");
+    EXPECT_EQ(out[0].name + "," + out[1].name + "," + out[2].name, "a,,a");
 
     // The script mask repairs a script without the execute bit.
     PackageInfo full;
