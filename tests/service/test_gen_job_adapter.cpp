@@ -35,65 +35,41 @@ std::string JobText(const std::string& startOn, const std::string& stopOn, const
            post + "end script\n";
 }
 
-struct Golden {
-    const char* what;
-    int startKind;
-    int controlKind;
-    bool dock;
-    std::set<std::string> packages;
-    std::set<std::string> jobs;
-    std::string text;
-};
-
 // Every line of the generated job, for each start kind, control kind and the docking host.
 TEST_F(GenJobAdapterTest, WritesTheJobTextOfEveryKind) {
-    const Golden cases[] = {
-        {"example",
-         1,
-         1,
-         false,
-         {"Bar"},
-         {"pkg-x"},
-         JobText("zarn.pkgctl.pkgstart and zarn.pkgctl.started NAME=\"Bar\" and started pkg-x",
-                 "zarn.pkgctl.shutdown and zarn.pkgctl.stopping NAME=\"Bar\"",
-                 "\t/usr/zarn/sbin/zarnpkgctl start \"$SELF\"\n",
-                 "\t/usr/zarn/sbin/zarnpkgctl stop \"$SELF\"\n")},
-        {"system start, no control",
-         0,
-         0,
-         false,
-         {},
-         {},
-         JobText("zarn.pkgctl.kosstart", "zarn.pkgctl.shutdown", "", "")},
-        {"events on a docking host",
-         7,
-         2,
-         true,
-         {"b", "A"},
-         {"j2", "j1"},
-         JobText("zarn.pkgctl.pkgstart and zarn.pkgctl.started NAME=\"A\" and "
-                 "zarn.pkgctl.started NAME=\"b\" and started j1 and started j2",
-                 "zarn.pkgctl.shutdown and zarn.pkgctl.stopping NAME=\"A\" and "
-                 "zarn.pkgctl.stopping NAME=\"b\"",
-                 "\t/usr/zarn/sbin/zarnpkgctl swap-on || true\n"
-                 "\t/usr/zarn/sbin/zarnpkgctl setup \"$SELF\"\n"
-                 "\t/sbin/initctl emit zarn.pkgctl.start NAME=\"$SELF\"\n"
-                 "\t/bin/rm -f '/tmp/KOSTaskMgr/@administrators/@ZARNPKG_STARTSTOP_Foo'\n",
-                 "\t/sbin/initctl emit zarn.pkgctl.stop NAME=\"$SELF\"\n"
-                 "\t/usr/zarn/sbin/zarnpkgctl teardown \"$SELF\"\n")},
-    };
-    for (const Golden& c : cases) {
-        setDockHost(c.dock);
+    auto written = [&](int startKind, int controlKind, bool dock,
+                       const std::set<std::string>& packages, const std::set<std::string>& jobs) {
+        setDockHost(dock);
         JobAdapter adapter;
         adapter.name = "Foo";
-        adapter.startKind = c.startKind;
-        adapter.controlKind = c.controlKind;
-        adapter.dependentPackages = c.packages;
-        adapter.dependentJobs = c.jobs;
+        adapter.startKind = startKind;
+        adapter.controlKind = controlKind;
+        adapter.dependentPackages = packages;
+        adapter.dependentJobs = jobs;
         std::ostringstream out;
         adapter.Write(out);
-        EXPECT_EQ(out.str(), c.text) << c.what;
-    }
+        return out.str();
+    };
+    EXPECT_EQ(written(1, 1, false, {"Bar"}, {"pkg-x"}),
+              JobText("zarn.pkgctl.pkgstart and zarn.pkgctl.started NAME=\"Bar\" and started pkg-x",
+                      "zarn.pkgctl.shutdown and zarn.pkgctl.stopping NAME=\"Bar\"",
+                      "\t/usr/zarn/sbin/zarnpkgctl start \"$SELF\"\n",
+                      "\t/usr/zarn/sbin/zarnpkgctl stop \"$SELF\"\n"));
+    // System start, no control.
+    EXPECT_EQ(written(0, 0, false, {}, {}),
+              JobText("zarn.pkgctl.kosstart", "zarn.pkgctl.shutdown", "", ""));
+    // Events on a docking host.
+    EXPECT_EQ(written(7, 2, true, {"b", "A"}, {"j2", "j1"}),
+              JobText("zarn.pkgctl.pkgstart and zarn.pkgctl.started NAME=\"A\" and "
+                      "zarn.pkgctl.started NAME=\"b\" and started j1 and started j2",
+                      "zarn.pkgctl.shutdown and zarn.pkgctl.stopping NAME=\"A\" and "
+                      "zarn.pkgctl.stopping NAME=\"b\"",
+                      "\t/usr/zarn/sbin/zarnpkgctl swap-on || true\n"
+                      "\t/usr/zarn/sbin/zarnpkgctl setup \"$SELF\"\n"
+                      "\t/sbin/initctl emit zarn.pkgctl.start NAME=\"$SELF\"\n"
+                      "\t/bin/rm -f '/tmp/KOSTaskMgr/@administrators/@ZARNPKG_STARTSTOP_Foo'\n",
+                      "\t/sbin/initctl emit zarn.pkgctl.stop NAME=\"$SELF\"\n"
+                      "\t/usr/zarn/sbin/zarnpkgctl teardown \"$SELF\"\n"));
 }
 
 // From an installed package: its dependencies and configuration make the example job, the
