@@ -27,13 +27,9 @@ protected:
     }
     static bool mapped(const std::string& library) {
         std::ifstream maps("/proc/self/maps");
-        std::string line;
-        while (std::getline(maps, line)) {
-            if (line.find(library) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
+        std::ostringstream text;
+        text << maps.rdbuf();
+        return text.str().find(library) != std::string::npos;
     }
 };
 

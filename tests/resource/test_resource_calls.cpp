@@ -96,8 +96,8 @@ TEST_F(ResourceCallTest, ActionInfoAndVariablesReachTheWorker) {
     ASSERT_TRUE(acquire(Resource::TIMING_PREINST, resp, &vars));
     EXPECT_EQ("acquire x 1\n", record());
     const Json::Value a = own()["t-a"];
-    EXPECT_EQ("pkguser", a["user"].asString());
-    EXPECT_EQ("/var/packages/pkga/target", a["root"].asString());
+    EXPECT_EQ("pkguser /var/packages/pkga/target",
+              a["user"].asString() + " " + a["root"].asString());
     EXPECT_FALSE(a["request"].isMember("gone"));
     EXPECT_TRUE(a["request"]["flag"].isBool());
     EXPECT_FALSE(own().isMember("t-b"));
