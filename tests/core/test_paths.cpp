@@ -43,8 +43,7 @@ TEST_F(PathsTest, TmpDirOnAGivenOrChosenVolume) {
     ASSERT_TRUE(PMSGetTmpDir(50000000, "/volume2", out));
     EXPECT_EQ(out, "/volume1/@tmp");
     EXPECT_TRUE(PMSCheckVolStatus("/volume2", 50000000));
-    EXPECT_FALSE(PMSCheckVolStatus("/volume2", 50000001));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(PMSCheckVolStatus("/volume2", 50000001)), ZARN_ERR_NO_SPACE);
     // Without a volume the first with room for the size and the margin is chosen.
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 20000000}]})");
     ASSERT_TRUE(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN, out));
@@ -56,17 +55,14 @@ TEST_F(PathsTest, TmpDirOnAGivenOrChosenVolume) {
 TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
     std::string out = "stale";
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 1000}]})");
-    EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_NO_SPACE);
     EXPECT_TRUE(out.empty());
 
     writeConf(R"({"volumes": [{"path": "/volume1", "created": false}]})");
-    EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_CREATING);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_VOL_CREATING);
 
     writeConf(R"({"volumes": [{"path": "/volume1", "generic": false}]})");
-    EXPECT_FALSE(PMSGetTmpDir(0, nullptr, out, false));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, nullptr, out, false)), ZARN_ERR_NO_VOLUME);
     // The fallback looks at volumes that aren't generic too.
     ASSERT_TRUE(PMSGetTmpDir(0, nullptr, out, true));
     EXPECT_EQ(out, "/volume1/@tmp");
@@ -76,8 +72,7 @@ TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
     EXPECT_TRUE(logged("VolumeAvailGet() failed!! zarnerr=[0x8400]"));
 
     ASSERT_TRUE(ZARNRemoveTree("/volume1"));
-    EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_NO_VOLUME);
 
     // A temp folder that can't be made.
     makeDir("/volume1");
@@ -92,14 +87,11 @@ TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
 TEST_F(PathsTest, HugeSizesNeverWrapAroundTheMargin) {
     const unsigned long long huge = ~0ULL - 1024;  // what -1 KiB of "extractsize" becomes
     std::string out = "stale";
-    EXPECT_FALSE(PMSGetTmpDir(huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(huge, out)), ZARN_ERR_NO_SPACE);
     EXPECT_TRUE(out.empty());
     EXPECT_FALSE(PMSGetTmpDir(~0ULL, nullptr, out, true));
-    EXPECT_FALSE(CanUploadtoRoot(huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
-    EXPECT_FALSE(PMSGetSystemTmpDir(huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(CanUploadtoRoot(huge, out)), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(PMSGetSystemTmpDir(huge, out)), ZARN_ERR_NO_SPACE);
     EXPECT_FALSE(ZARNIsDir("/tmp/@tmp"));
 
     // A package on a volume, a system package, and a package on a docking host.
@@ -111,8 +103,9 @@ TEST_F(PathsTest, HugeSizesNeverWrapAroundTheMargin) {
         if (i == 2) {
             writeConf(R"({"dock_host": true})");
         }
-        EXPECT_FALSE(pm.GetAppStoreVolume(i == 1 ? sys : info, "/volume1", huge, out)) << i;
-        EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE) << i;
+        EXPECT_EQ(FailedWith(pm.GetAppStoreVolume(i == 1 ? sys : info, "/volume1", huge, out)),
+                  ZARN_ERR_NO_SPACE)
+            << i;
     }
 }
 
@@ -136,16 +129,14 @@ TEST_F(PathsTest, SystemTmpAndRootFallback) {
     const unsigned long long rootRoom = 300000000ULL - PMS_ROOT_MARGIN;
     EXPECT_TRUE(CanUploadtoRoot(rootRoom, out));
     out.clear();
-    EXPECT_FALSE(CanUploadtoRoot(rootRoom + 1, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(CanUploadtoRoot(rootRoom + 1, out)), ZARN_ERR_NO_SPACE);
     EXPECT_TRUE(out.empty());
     EXPECT_FALSE(PMSGetSystemTmpDir(rootRoom + 1, out));
 
     // /var/tmp that can't be made.
     ASSERT_TRUE(ZARNRemoveTree("/var/tmp"));
     writeFile("/var/tmp", "in the way");
-    EXPECT_FALSE(CanUploadtoRoot(0, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_MKDIR);
+    EXPECT_EQ(FailedWith(CanUploadtoRoot(0, out)), ZARN_ERR_MKDIR);
 }
 
 TEST_F(PathsTest, UniqueTempNames) {
@@ -290,8 +281,7 @@ TEST_F(PathsTest, DefaultVolume) {
 
 TEST_F(PathsTest, VolumeStatusAndCounts) {
     VLIBCErrSet(ZARN_ERR_NO_SPACE);
-    EXPECT_FALSE(PMSCheckVolStatus(nullptr, 0));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_EQ(FailedWith(PMSCheckVolStatus(nullptr, 0)), ZARN_ERR_BAD_PARAMETERS);
     EXPECT_FALSE(PMSCheckVolStatus("/tmp", 0) || PMSCheckVolStatus("/volume9", 0));
     EXPECT_EQ(logText().find("Failed to get volume info"), std::string::npos);
     EXPECT_TRUE(PMSCheckVolStatus("/volume1/@appstore", 0));
@@ -300,8 +290,7 @@ TEST_F(PathsTest, VolumeStatusAndCounts) {
     makeDir("/volume3");
     writeConf(R"({"volumes": [{"path": "/volume2", "writable": false},
                               {"path": "/volume3", "generic": false}]})");
-    EXPECT_FALSE(PMSCheckVolStatus("/volume2", 0));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_READONLY);
+    EXPECT_EQ(FailedWith(PMSCheckVolStatus("/volume2", 0)), ZARN_ERR_VOL_READONLY);
 
     EXPECT_EQ(VolumeCountGet(3, true), 3);
     EXPECT_EQ(VolumeCountGet(3, false), 2);
@@ -323,32 +312,28 @@ TEST_F(PathsTest, CheckVolumeForAPackageFile) {
     writeFile("/tmp/demo.qar", std::string(4096, 'q'));
 
     VLIBCErrSet(ZARN_ERR_NO_SPACE);
-    EXPECT_FALSE(pm.CheckVolume(nullptr, info));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_EQ(FailedWith(pm.CheckVolume(nullptr, info)), ZARN_ERR_BAD_PARAMETERS);
     EXPECT_FALSE(pm.CheckVolume("/tmp/missing.qar", info));
     EXPECT_TRUE(logged("Failed to get status of /tmp/missing.qar"));
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", info));
 
     // Only a volume that isn't generic: cold-storage packages may go there.
     writeConf(R"({"volumes": [{"path": "/volume1", "generic": false}]})");
-    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_GENERIC_VOLUME);
+    EXPECT_EQ(FailedWith(pm.CheckVolume("/tmp/demo.qar", info)), ZARN_ERR_NO_GENERIC_VOLUME);
     PackageInfo cold = info;
     cold.extra.get()->install_on_cold_storage = true;
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", cold));
 
     // No volume at all.
     ASSERT_TRUE(ZARNRemoveTree("/volume1"));
-    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+    EXPECT_EQ(FailedWith(pm.CheckVolume("/tmp/demo.qar", info)), ZARN_ERR_NO_VOLUME);
 
     // A system package needs only room in the system partition.
     PackageInfo sys = info;
     sys.install_type = "system";
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", sys));
     writeConf(R"({"space_caps": {"/usr/local/packages": 10489855}})");  // 10 MiB + 4095
-    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", sys));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(pm.CheckVolume("/tmp/demo.qar", sys)), ZARN_ERR_NO_SPACE);
     writeConf(R"({"space_caps": {"/usr/local/packages": 10489856}})");
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", sys));
     ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
@@ -360,8 +345,7 @@ TEST_F(PathsTest, CheckVolumeForAPackageFile) {
     // A dock host tests its one volume.
     makeDir("/volume1");
     writeConf(R"({"dock_host": true, "volumes": [{"path": "/volume1", "space_cap": 1000}]})");
-    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(pm.CheckVolume("/tmp/demo.qar", info)), ZARN_ERR_NO_SPACE);
 }
 
 TEST_F(PathsTest, AppStoreVolume) {
@@ -378,8 +362,7 @@ TEST_F(PathsTest, AppStoreVolume) {
     EXPECT_TRUE(logged("Failed to parse volume path: /srv/data"));
     writeConf(R"({"volumes": [{"path": "/volume2", "space_cap": 10485764}]})");
     EXPECT_TRUE(pm.GetAppStoreVolume(info, "/volume2", 4, out));
-    EXPECT_FALSE(pm.GetAppStoreVolume(info, "/volume2", 5, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(pm.GetAppStoreVolume(info, "/volume2", 5, out)), ZARN_ERR_NO_SPACE);
 
     PackageInfo sys;
     sys.install_type = "system";
@@ -395,8 +378,7 @@ TEST_F(PathsTest, RootPartitionSpace) {
     PackageManager pm;
     EXPECT_TRUE(pm.IsRootPartitionHasEnoughSpace());
     writeConf(R"({"space_caps": {"/": 10485759}})");
-    EXPECT_FALSE(pm.IsRootPartitionHasEnoughSpace());
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(pm.IsRootPartitionHasEnoughSpace()), ZARN_ERR_NO_SPACE);
     EXPECT_TRUE(logged("root partition space is not enough"));
 }
 

@@ -87,8 +87,7 @@ TEST_F(PrivilegeTest, TranslateAndDefaultIdentity) {
 TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
     std::string path;
     VLIBCErrSet(ZARN_ERR_NONE);
-    EXPECT_FALSE(GetConfPath("pkga", path));
-    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    EXPECT_EQ(FailedWith(GetConfPath("pkga", path)), 0xd900);
     // Without conf/privilege there is no account name, not even the package's.
     EXPECT_EQ(GetUserName("pkga", ""), "");
     EXPECT_EQ(VLIBCErrGet(), 0xd900);
@@ -145,8 +144,7 @@ TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
 TEST_F(PrivilegeTest, TraverseAndCtrlScriptWalker) {
     CountingWalker walker(WALK_CONTINUE);
     VLIBCErrSet(ZARN_ERR_NONE);
-    EXPECT_FALSE(TraversePrivilege(Parse("{}"), "", walker));
-    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_EQ(FailedWith(TraversePrivilege(Parse("{}"), "", walker)), 0x0d00);
     // Missing lists and lists of the wrong type are no failure.
     EXPECT_TRUE(TraversePrivilege(Parse("[]"), "tool", walker));
     EXPECT_TRUE(TraversePrivilege(Parse("{}"), "tool", walker));
@@ -178,12 +176,10 @@ TEST_F(PrivilegeTest, TraverseAndCtrlScriptWalker) {
     EXPECT_TRUE(TraversePrivilege(config, "ctrl-script", preinst));
     EXPECT_EQ(preinst.GetIdentity(), IDENTITY_ROOT);
     CtrlScriptWalker log("log");
-    EXPECT_FALSE(TraversePrivilege(config, "ctrl-script", log));
-    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_EQ(FailedWith(TraversePrivilege(config, "ctrl-script", log)), 0x0d00);
     // A damaged element ahead of the match fails the search.
     CtrlScriptWalker postinst("postinst");
-    EXPECT_FALSE(TraversePrivilege(config, "ctrl-script", postinst));
-    EXPECT_EQ(VLIBCErrGet(), 0x4000);
+    EXPECT_EQ(FailedWith(TraversePrivilege(config, "ctrl-script", postinst)), 0x4000);
     CtrlScriptWalker caseDiffers("PreInst");
     EXPECT_FALSE(TraversePrivilege(config, "ctrl-script", caseDiffers));
     // Called on its own with something other than an object, a walker refuses it.
@@ -223,8 +219,7 @@ TEST_F(PrivilegeTest, SetIdentityLeavesRunnerWhenNothingApplies) {
     }
 
     ZARNUtils::ProcessRunner bad(idCmd);
-    EXPECT_FALSE(SetIdentity(bad, "", "status", ""));
-    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_EQ(FailedWith(SetIdentity(bad, "", "status", "")), 0x0d00);
     writeConf(staging, R"({"ctrl-script": [{"action": "status", "run-as": "everyone"}]})");
     EXPECT_FALSE(SetIdentity(bad, "pkga", "status", staging));
     EXPECT_TRUE(logged("Failed to traverse " + staging + "/conf/privilege [0x0D00"));
@@ -253,16 +248,13 @@ TEST_F(PrivilegeTest, ClearSetUGidBit) {
     EXPECT_EQ(modeOf("/tmp/script"), 01640u);
 
     VLIBCErrSet(ZARN_ERR_NONE);
-    EXPECT_FALSE(ClearSetUGidBit("/tmp/missing"));
-    EXPECT_EQ(VLIBCErrGet(), 0x0700);
-    EXPECT_FALSE(ClearSetUGidBit("/tmp"));
-    EXPECT_EQ(VLIBCErrGet(), 0xd900);
+    EXPECT_EQ(FailedWith(ClearSetUGidBit("/tmp/missing")), 0x0700);
+    EXPECT_EQ(FailedWith(ClearSetUGidBit("/tmp")), 0xd900);
     // A link is never followed to the file it names.
     writeFile("/etc/target", "x");
     ASSERT_EQ(ZARNChmod("/etc/target", 04755), true);
     ASSERT_TRUE(ZARNSymlink("/etc/target", "/tmp/link"));
-    EXPECT_FALSE(ClearSetUGidBit("/tmp/link"));
-    EXPECT_EQ(VLIBCErrGet(), 0x0900);
+    EXPECT_EQ(FailedWith(ClearSetUGidBit("/tmp/link")), 0x0900);
     EXPECT_EQ(modeOf("/etc/target"), 04755u);
 }
 
@@ -289,8 +281,7 @@ TEST_F(PrivilegeTest, ReviseFileAttrWithoutConf) {
     EXPECT_EQ(modeOf(staging + "/package/bin/helper"), 04755u);
 
     VLIBCErrSet(ZARN_ERR_NONE);
-    EXPECT_FALSE(ReviseFileAttr("", staging, false));
-    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_EQ(FailedWith(ReviseFileAttr("", staging, false)), 0x0d00);
 
     // A script that is a link leading out of the package stops everything.
     writeFile("/etc/outside", "x");
@@ -466,8 +457,7 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
         {R"({"relpath": "bin/none", "run-as": "root"})", 0x0700},
         {R"({"relpath": "bin/tool", "run-as": "admin"})", 0x4000}};
     for (const auto& [entry, code] : exeRefusals) {
-        EXPECT_FALSE(exeResult(entry)) << entry;
-        EXPECT_EQ(VLIBCErrGet(), code) << entry;
+        EXPECT_EQ(FailedWith(exeResult(entry)), code) << entry;
     }
     for (const char* relpath : {"../../etc/shadow", "shadowlink"}) {
         EXPECT_FALSE(
@@ -490,8 +480,8 @@ TEST_F(PrivilegeTest, ExeAndToolWalkerRefusals) {
         {R"("user": "", "group": "root", "permission": "0755"})", 0x4000},
         {R"("user": "package", "group": "system", "permission": "0755"})", 0xd900}};
     for (const auto& [rest, code] : toolRefusals) {
-        EXPECT_FALSE(toolResult(std::string(R"({"relpath": "bin/tool", )") + rest)) << rest;
-        EXPECT_EQ(VLIBCErrGet(), code) << rest;
+        EXPECT_EQ(FailedWith(toolResult(std::string(R"({"relpath": "bin/tool", )") + rest)), code)
+            << rest;
     }
     for (const char* perm : {"0789", "755", "07555", "", "+755", " 755", "8000"}) {
         EXPECT_FALSE(toolResult(std::string(R"({"relpath": "bin/tool", "user": "package", )") +
@@ -560,8 +550,7 @@ TEST_F(PrivilegeTest, TmpFolder) {
 TEST_F(PrivilegeTest, ReplaceVariables) {
     Json::Value target;
     VLIBCErrSet(ZARN_ERR_NONE);
-    EXPECT_FALSE(ReplaceVariables(Parse("[]"), target));
-    EXPECT_EQ(VLIBCErrGet(), 0x0d00);
+    EXPECT_EQ(FailedWith(ReplaceVariables(Parse("[]"), target)), 0x0d00);
 
     const Json::Value dict = Parse(
         R"({"A": true, "B": false, "name": "pkg", "port": 8080, "n": null, "o": {}, "l": [],

@@ -98,8 +98,7 @@ TEST_F(GenJobAdapterTest, GeneratesValidatesAndEnablesTheJob) {
 // Names a shell would misread and configuration of the wrong type write no job.
 TEST_F(GenJobAdapterTest, RefusesBadNamesAndConfiguration) {
     for (const std::string name : {"a\"b", "a'b", "a$b", "a`b", "a\\b", "a\nb", "a\x1b"}) {
-        EXPECT_FALSE(GenJobAdapter(name, Json::Value(), true)) << name;
-        EXPECT_EQ(VLIBCErrGet(), 0x4000) << name;
+        EXPECT_EQ(FailedWith(GenJobAdapter(name, Json::Value(), true)), 0x4000) << name;
         EXPECT_FALSE(ZARNPathExists("/etc/init/pkgctl-" + name + ".conf")) << name;
     }
     EXPECT_TRUE(logged("Refused to write a job for the package name a$b"));
@@ -107,8 +106,7 @@ TEST_F(GenJobAdapterTest, RefusesBadNamesAndConfiguration) {
     for (const char* key : {"start-on", "controlled-by"}) {
         Json::Value config(Json::objectValue);
         config[key] = 5;
-        EXPECT_FALSE(GenJobAdapter("Foo", config, true)) << key;
-        EXPECT_EQ(VLIBCErrGet(), 0x4000);
+        EXPECT_EQ(FailedWith(GenJobAdapter("Foo", config, true)), 0x4000) << key;
         EXPECT_FALSE(ZARNPathExists("/etc/init/pkgctl-Foo.conf"));
     }
 }

@@ -52,15 +52,13 @@ TEST_F(ServiceJobsTest, InstallsValidatesAndRollsBack) {
     const std::string bad[] = {"pre-start script\n\ttrue\n", std::string(300 * 1024, '#')};
     for (const std::string& text : bad) {
         addJob("pkg-c.conf", text);
-        EXPECT_FALSE(InstallJobs("p", {"pkg-a", "pkg-b", "pkg-c"}, true));
-        EXPECT_EQ(VLIBCErrGet(), 0x4000);
+        EXPECT_EQ(FailedWith(InstallJobs("p", {"pkg-a", "pkg-b", "pkg-c"}, true)), 0x4000);
         for (const char* job : {"pkg-a", "pkg-b", "pkg-c"}) {
             EXPECT_FALSE(ZARNPathExists(std::string("/etc/init/") + job + ".conf")) << job;
         }
     }
     EXPECT_TRUE(logged("Invalid job pkg-c"));
-    EXPECT_FALSE(InstallJobs("p", {"pkg-missing"}, true));
-    EXPECT_EQ(VLIBCErrGet(), 0x3b00);
+    EXPECT_EQ(FailedWith(InstallJobs("p", {"pkg-missing"}, true)), 0x3b00);
 
     ASSERT_TRUE(InstallJobs("p", {"pkg-a", "pkg-b", "other"}, true)) << logText();
     EXPECT_EQ(readFile("/etc/init/pkg-a.conf"), std::string(kJob) + kCgroups);
@@ -100,8 +98,7 @@ TEST_F(ServiceJobsTest, CreatesTmpFilesBesideTheTarget) {
     ASSERT_TRUE(CreateTmpFile("/etc/init/x.conf", buffer, sizeof(buffer)));
     EXPECT_EQ(modeOf(buffer), 0600u);
     EXPECT_EQ(std::string(buffer).rfind("/etc/init/x.conf.", 0), 0u);
-    EXPECT_FALSE(CreateTmpFile("/etc/init/x.conf", buffer, 23));
-    EXPECT_EQ(VLIBCErrGet(), 0x0100);
+    EXPECT_EQ(FailedWith(CreateTmpFile("/etc/init/x.conf", buffer, 23)), 0x0100);
     EXPECT_TRUE(CreateTmpFile("/etc/init/x.conf", buffer, 24));
 }
 
@@ -144,8 +141,8 @@ TEST_F(ServiceJobsTest, HandsTheExtraEnvironmentOverOnce) {
     EXPECT_EQ(type, PKG_INSTALLATION_START);
     EXPECT_STREQ(language, "ger");
     EXPECT_STREQ(user, "admin");
-    EXPECT_FALSE(LoadExtraEnv("p", &type, &language, nullptr)) << "an out pointer in use";
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_EQ(FailedWith(LoadExtraEnv("p", &type, &language, nullptr)), ZARN_ERR_BAD_PARAMETERS)
+        << "an out pointer in use";
     free(language);
     free(user);
     language = user = nullptr;

@@ -146,6 +146,10 @@ std::string TempRootTest::logText() const {
     return text;
 }
 
+int FailedWith(bool ok) {
+    return ok ? -1 : VLIBCErrGet();
+}
+
 size_t CountOf(const std::string& text, const std::string& what) {
     size_t n = 0;
     for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {

@@ -8,6 +8,10 @@
 // How often `what` occurs in `text` (overlapping occurrences count).
 size_t CountOf(const std::string& text, const std::string& what);
 
+// The error slot after a call that failed, or -1 when the call succeeded, so that one
+// comparison checks both: EXPECT_EQ(FailedWith(Call()), ZARN_ERR_...).
+int FailedWith(bool ok);
+
 // Runs each test under a fresh standalone root in a temporary folder, with the library's log
 // mirrored to a file there. The process state that the fixture changes (ZARNPKG_ROOT,
 // ZARNPKG_LOG_FILE, the umask, the system root) is put back afterwards.
