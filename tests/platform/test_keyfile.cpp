@@ -195,8 +195,7 @@ TEST_F(KeyFileTest, SetKeyValueKeepsOtherLines) {
 
     EXPECT_FALSE(VLIBCFileSetKeyValue(path, "bad", "two\nlines"));
     EXPECT_FALSE(VLIBCFileSetKeyValue(path, "a=b", "x"));
-    EXPECT_FALSE(VLIBCFileSetKeyValue(path, "", "x"));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_EQ(FailedWith(VLIBCFileSetKeyValue(path, "", "x")), ZARN_ERR_BAD_PARAMETERS);
     EXPECT_FALSE(VLIBCFileSetKeyValue("/no/such/dir/file", "a", "1"));
 
     // Replacement goes by rename: no temporary file stays behind.

@@ -138,8 +138,7 @@ TEST_F(ResourceCallTest, UpdateHasTheOppositeSenseAndPassesHelperArgs) {
     }
     // A worker that keeps the base class's answer is refused.
     WorkerResp resp;
-    EXPECT_FALSE(Resource::Update(info_, "usr-local-linker", args, resp));
-    EXPECT_EQ(0xd900, VLIBCErrGet());
+    EXPECT_EQ(FailedWith(Resource::Update(info_, "usr-local-linker", args, resp)), 0xd900);
 }
 
 TEST_F(ResourceCallTest, BadFilesAreFailedOrIgnoredWithoutCrash) {

@@ -66,8 +66,7 @@ TEST_F(ServiceCspWorkersTest, ServiceCfgInstallsJobsRestoresAndReleases) {
     EXPECT_TRUE(exist(files_, true));
     EXPECT_EQ("{}", readFile(ZARNServicecfgPath("pkgctl-pkga")));
     EXPECT_EQ("[\"pkg-a\"]", Json::toCompactString(own()["service-cfg"]["jobs"]));
-    EXPECT_FALSE(RestoreServiceCfg(""));
-    EXPECT_EQ(0x0d00, VLIBCErrGet());
+    EXPECT_EQ(FailedWith(RestoreServiceCfg("")), 0x0d00);
 }
 
 // After registration a failing service-cfg fails the call, but the workers after it still run.

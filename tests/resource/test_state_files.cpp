@@ -17,17 +17,13 @@ class StateFilesTest : public ResourceTest {};
 
 TEST_F(StateFilesTest, MissingFileAndMissingMemberHaveTheirOwnCodes) {
     Json::Value out;
-    EXPECT_FALSE(ReadJsonFile(confPath("resource"), out));
-    EXPECT_EQ(0x700, VLIBCErrGet());
-    EXPECT_FALSE(GetOwnObject(kPkg, "t-a", out));
-    EXPECT_EQ(0x700, VLIBCErrGet());
+    EXPECT_EQ(FailedWith(ReadJsonFile(confPath("resource"), out)), 0x700);
+    EXPECT_EQ(FailedWith(GetOwnObject(kPkg, "t-a", out)), 0x700);
     writeFile(confPath("resource.own"), "{\"t-a\": {\"k\": 1}}", 0644);
-    EXPECT_FALSE(GetOwnObject(kPkg, "t-b", out));
-    EXPECT_EQ(0x2000, VLIBCErrGet());
+    EXPECT_EQ(FailedWith(GetOwnObject(kPkg, "t-b", out)), 0x2000);
     ASSERT_TRUE(GetOwnObject(kPkg, "t-a", out));
     EXPECT_EQ(1, out["k"].asInt());
-    EXPECT_FALSE(GetRequestObject("", "t-a", out));
-    EXPECT_EQ(0xd00, VLIBCErrGet());
+    EXPECT_EQ(FailedWith(GetRequestObject("", "t-a", out)), 0xd00);
     // Rewritten files are private to root.
     Json::Value value(Json::objectValue);
     ASSERT_TRUE(WriteJsonFile(confPath("resource.own"), value));

@@ -70,8 +70,8 @@ TEST_F(UsrLocalLinkerTest, MalformedListsFail) {
 TEST_F(UsrLocalLinkerTest, InstallConfigFileKeepsAnExistingFileWhenAsked) {
     writeFile("/src.conf", "new");
     writeFile("/dst.conf", "old");
-    EXPECT_FALSE(ZARN::PkgUtils::InstallConfigFile("/src.conf", "/dst.conf", 0640, false));
-    EXPECT_EQ(0x800, VLIBCErrGet());
+    EXPECT_EQ(FailedWith(ZARN::PkgUtils::InstallConfigFile("/src.conf", "/dst.conf", 0640, false)),
+              0x800);
     EXPECT_EQ("old", readFile("/dst.conf"));
     ASSERT_TRUE(ZARN::PkgUtils::InstallExecutable("/src.conf", "/dst.conf", true));
     EXPECT_EQ("new", readFile("/dst.conf"));
