@@ -152,8 +152,7 @@ TEST_F(FrameRoot, FileHelpers) {
     writeFile("/tmp/f", "0123456789");
     std::string out;
     unsigned long long size = 0;
-    ASSERT_TRUE(PMReadFile("/tmp/f", 4, out, &size));
-    EXPECT_EQ(out, "0123");
+    EXPECT_EQ(OutIf(PMReadFile("/tmp/f", 4, out, &size), out), "0123");
     EXPECT_EQ(size, 4u);
     EXPECT_FALSE(PMReadFile(nullptr, 0, out, nullptr));
     EXPECT_FALSE(PMReadFile("/tmp/none", 0, out, nullptr));

@@ -36,20 +36,16 @@ TEST_F(PathsTest, TmpDirOnAGivenOrChosenVolume) {
     std::string out = "stale";
 
     // A given volume with strictly more room than asked for is taken as it is.
-    ASSERT_TRUE(PMSGetTmpDir(1000, "/volume2", out, false));
-    EXPECT_EQ(out, "/volume2/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(1000, "/volume2", out, false), out), "/volume2/@tmp");
     EXPECT_TRUE(ZARNIsDir("/volume2/@tmp"));
     // Exactly the size free passes the volume over; the picker then takes volume1.
-    ASSERT_TRUE(PMSGetTmpDir(50000000, "/volume2", out));
-    EXPECT_EQ(out, "/volume1/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(50000000, "/volume2", out), out), "/volume1/@tmp");
     EXPECT_TRUE(PMSCheckVolStatus("/volume2", 50000000));
     EXPECT_EQ(FailedWith(PMSCheckVolStatus("/volume2", 50000001)), ZARN_ERR_NO_SPACE);
     // Without a volume the first with room for the size and the margin is chosen.
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 20000000}]})");
-    ASSERT_TRUE(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN, out));
-    EXPECT_EQ(out, "/volume1/@tmp");
-    ASSERT_TRUE(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN + 1, out));
-    EXPECT_EQ(out, "/volume2/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN, out), out), "/volume1/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN + 1, out), out), "/volume2/@tmp");
 }
 
 TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
@@ -64,8 +60,7 @@ TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
     writeConf(R"({"volumes": [{"path": "/volume1", "generic": false}]})");
     EXPECT_EQ(FailedWith(PMSGetTmpDir(0, nullptr, out, false)), ZARN_ERR_NO_VOLUME);
     // The fallback looks at volumes that aren't generic too.
-    ASSERT_TRUE(PMSGetTmpDir(0, nullptr, out, true));
-    EXPECT_EQ(out, "/volume1/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(0, nullptr, out, true), out), "/volume1/@tmp");
 
     writeConf(R"({"volumes": [{"path": "/volume1", "writable": false}]})");
     EXPECT_FALSE(PMSGetTmpDir(0, out));
@@ -111,16 +106,14 @@ TEST_F(PathsTest, HugeSizesNeverWrapAroundTheMargin) {
 
 TEST_F(PathsTest, SystemTmpAndRootFallback) {
     std::string out;
-    ASSERT_TRUE(PMSGetSystemTmpDir(0, out));
-    EXPECT_EQ(out, "/tmp/@tmp");
+    EXPECT_EQ(OutIf(PMSGetSystemTmpDir(0, out), out), "/tmp/@tmp");
     EXPECT_TRUE(ZARNIsDir("/tmp/@tmp"));
 
     // /tmp too small: /var/tmp on the root file system, made private.
     ASSERT_TRUE(ZARNRemoveTree("/var/tmp"));
     writeConf(R"({"space_caps": {"/tmp": 5000, "/": 300000000}})");
     out.clear();
-    ASSERT_TRUE(PMSGetSystemTmpDir(1000, out));
-    EXPECT_EQ(out, "/var/tmp");
+    EXPECT_EQ(OutIf(PMSGetSystemTmpDir(1000, out), out), "/var/tmp");
     EXPECT_EQ(modeOf("/var/tmp"), 0700u);
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
     EXPECT_TRUE(logged("/tmp space is not enough"));
@@ -157,16 +150,16 @@ TEST_F(PathsTest, UniqueTempNames) {
 TEST_F(PathsTest, DownloadFolderAndSweep) {
     makeDir("/volume2");
     std::string out;
-    ASSERT_TRUE(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out));
-    EXPECT_EQ(out, "/volume2/@tmp/@zarnpkg/@download/demo");
+    EXPECT_EQ(OutIf(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out), out),
+              "/volume2/@tmp/@zarnpkg/@download/demo");
     EXPECT_TRUE(ZARNIsDir(out));
 
     // A volume that fails the test gives way to any volume with room.
     writeConf(R"({"volumes": [{"path": "/volume2", "writable": false}]})");
-    ASSERT_TRUE(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out));
-    EXPECT_EQ(out, "/volume1/@tmp/@zarnpkg/@download/demo");
-    ASSERT_TRUE(PMSCreateDownloadTmpDir("", "other", 0, out));
-    EXPECT_EQ(out, "/volume1/@tmp/@zarnpkg/@download/other");
+    EXPECT_EQ(OutIf(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out), out),
+              "/volume1/@tmp/@zarnpkg/@download/demo");
+    EXPECT_EQ(OutIf(PMSCreateDownloadTmpDir("", "other", 0, out), out),
+              "/volume1/@tmp/@zarnpkg/@download/other");
     EXPECT_FALSE(PMSCreateDownloadTmpDir(nullptr, nullptr, 0, out));
     // A name from a server never leads out of the download folder.
     for (const char* bad : {"..", ".", "../../../../etc/evil", "a/b"}) {
@@ -194,8 +187,7 @@ TEST_F(PathsTest, DownloadFolderAndSweep) {
     makeOld(dl + "/old.qar");
     makeOld(dl + "/keep/old-inside.qar");
     makeOld(dl + "/keep");
-    ASSERT_TRUE(PMSCreateDownloadTmpDir(nullptr, "demo", 0, out));
-    EXPECT_EQ(out, dl + "/demo");
+    EXPECT_EQ(OutIf(PMSCreateDownloadTmpDir(nullptr, "demo", 0, out), out), dl + "/demo");
     EXPECT_TRUE(ZARNIsDir(out));
     EXPECT_FALSE(IsFileExists(dl + "/old.qar"));
     EXPECT_TRUE(IsFileExists(dl + "/fresh.qar"));
@@ -204,8 +196,7 @@ TEST_F(PathsTest, DownloadFolderAndSweep) {
 
 TEST_F(PathsTest, ListAndSystemInstallFolders) {
     std::string out;
-    ASSERT_TRUE(PMSGetListTmpDir(out));
-    EXPECT_EQ(out, "/var/cache/pkglist.tmp/");
+    EXPECT_EQ(OutIf(PMSGetListTmpDir(out), out), "/var/cache/pkglist.tmp/");
     EXPECT_TRUE(ZARNIsDir(out));
     // An existing folder is left as it is.
     ASSERT_TRUE(ZARNChmod("/var/cache/pkglist.tmp", 0750));
@@ -218,8 +209,7 @@ TEST_F(PathsTest, ListAndSystemInstallFolders) {
     EXPECT_TRUE(logged("Failed to mkdir : /var/cache/pkglist.tmp/"));
 
     ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
-    ASSERT_TRUE(PMSGetSystemInstallPath(out));
-    EXPECT_EQ(out, "/usr/local/packages");
+    EXPECT_EQ(OutIf(PMSGetSystemInstallPath(out), out), "/usr/local/packages");
     EXPECT_EQ(modeOf(out), 0755u);
 }
 
@@ -261,8 +251,7 @@ TEST_F(PathsTest, DefaultVolume) {
     EXPECT_FALSE(PMSGetPackageDefVol(out));  // volume1 lacks the 200 MiB
     ASSERT_TRUE(PMSSavePackageDefVolPath("/volume2"));
     EXPECT_EQ(defVolKey(), "/volume2");
-    ASSERT_TRUE(PMSGetPackageDefVol(out));
-    EXPECT_EQ(out, "/volume2");
+    EXPECT_EQ(OutIf(PMSGetPackageDefVol(out), out), "/volume2");
     EXPECT_FALSE(PMSSavePackageDefVolPath("/volume3"));  // not generic
     EXPECT_FALSE(PMSSavePackageDefVolPath("/volume9"));
     EXPECT_TRUE(logged("Failed to read volume attribute, path=[/volume9]"));
@@ -355,8 +344,7 @@ TEST_F(PathsTest, AppStoreVolume) {
     makeDir("/volume2");
     EXPECT_FALSE(pm.GetAppStoreVolume(info, nullptr, 0, out) ||
                  pm.GetAppStoreVolume(info, "", 0, out));
-    ASSERT_TRUE(pm.GetAppStoreVolume(info, "/volume2/@appstore", 0, out));
-    EXPECT_EQ(out, "/volume2");
+    EXPECT_EQ(OutIf(pm.GetAppStoreVolume(info, "/volume2/@appstore", 0, out), out), "/volume2");
     out.clear();
     EXPECT_FALSE(pm.GetAppStoreVolume(info, "/srv/data", 0, out));
     EXPECT_TRUE(logged("Failed to parse volume path: /srv/data"));
@@ -366,12 +354,10 @@ TEST_F(PathsTest, AppStoreVolume) {
 
     PackageInfo sys;
     sys.install_type = "system";
-    ASSERT_TRUE(pm.GetAppStoreVolume(sys, "/volume2", 0, out));
-    EXPECT_EQ(out, "/usr/local/packages");
+    EXPECT_EQ(OutIf(pm.GetAppStoreVolume(sys, "/volume2", 0, out), out), "/usr/local/packages");
 
     writeConf(R"({"dock_host": true})");
-    ASSERT_TRUE(pm.GetAppStoreVolume(info, "/volume2", 0, out));
-    EXPECT_EQ(out, "/volume1");
+    EXPECT_EQ(OutIf(pm.GetAppStoreVolume(info, "/volume2", 0, out), out), "/volume1");
 }
 
 TEST_F(PathsTest, RootPartitionSpace) {

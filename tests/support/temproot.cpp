@@ -150,6 +150,10 @@ int FailedWith(bool ok) {
     return ok ? -1 : VLIBCErrGet();
 }
 
+std::string OutIf(bool ok, const std::string& out) {
+    return ok ? out : "failed";
+}
+
 size_t CountOf(const std::string& text, const std::string& what) {
     size_t n = 0;
     for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {

@@ -12,6 +12,10 @@ size_t CountOf(const std::string& text, const std::string& what);
 // comparison checks both: EXPECT_EQ(FailedWith(Call()), ZARN_ERR_...).
 int FailedWith(bool ok);
 
+// What a call left in `out` when it succeeded, or "failed", so that one comparison checks
+// both: EXPECT_EQ(OutIf(Call(out), out), "...").
+std::string OutIf(bool ok, const std::string& out);
+
 // Runs each test under a fresh standalone root in a temporary folder, with the library's log
 // mirrored to a file there. The process state that the fixture changes (ZARNPKG_ROOT,
 // ZARNPKG_LOG_FILE, the umask, the system root) is put back afterwards.
