@@ -32,12 +32,9 @@ TEST_F(VolumesTest, HostInitMakesOneGenericVolume) {
     EXPECT_TRUE(ZARNIsDir("/volume1"));
     Json::Value conf;
     ASSERT_TRUE(Json::fromFile(conf, ZARN_VOLUMES_CONF));
-    ASSERT_TRUE(conf["volumes"].isArray());
-    ASSERT_EQ(conf["volumes"].size(), 1u);
-    EXPECT_EQ(conf["volumes"][0]["path"].asString(), "/volume1");
-    EXPECT_TRUE(conf["volumes"][0]["writable"].asBool());
-    EXPECT_TRUE(conf["volumes"][0]["generic"].asBool());
-    EXPECT_FALSE(conf["dock_host"].asBool());
+    EXPECT_EQ(Json::toCompactString(conf),
+              R"({"dock_host":false,"space_caps":{},"volumes":[{"crashed":false,"created":true,)"
+              R"("generic":true,"path":"/volume1","writable":true}]})");
 
     // More volumes are added beside the entries already there, which keep what they say.
     conf["volumes"][0]["writable"] = false;
@@ -102,8 +99,7 @@ TEST_F(VolumesTest, MountInfoAndAttributes) {
     ASSERT_EQ(ZARNMountVolInfoGet("/volume1/@appstore/demo", &info), 0);
     EXPECT_EQ(info.id, 1);
     EXPECT_EQ(info.path, "/volume1");
-    EXPECT_TRUE(info.writable);
-    EXPECT_TRUE(info.created);
+    EXPECT_TRUE(info.writable && info.created);
     EXPECT_EQ(info.freeBytes, 123456u);
     EXPECT_LE(info.totalBytes, 123456u);
     ZARNMountVolInfoFree(&info);
