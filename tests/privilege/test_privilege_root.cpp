@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -40,18 +41,16 @@ std::string MachineShadow() {
            std::to_string(st.st_ctim.tv_sec) + "." + std::to_string(st.st_ctim.tv_nsec);
 }
 
-std::vector<std::string> Words(const std::string& text) {
+using Set = std::set<std::string>;
+
+Set Words(const std::string& text) {
     std::istringstream in(text);
-    std::vector<std::string> words;
+    Set words;
     std::string word;
     while (in >> word) {
-        words.push_back(word);
+        words.insert(word);
     }
     return words;
-}
-
-bool Contains(const std::vector<std::string>& words, const std::string& word) {
-    return std::find(words.begin(), words.end(), word) != words.end();
 }
 
 }  // namespace
@@ -114,7 +113,7 @@ TEST_F(PrivilegeRootTest, ReviseFileAttrAndScriptIdentityAsRoot) {
     EXPECT_EQ(user.home, "/var/packages/pkga/target");
     std::vector<std::string> members;
     ASSERT_EQ(ZARNGroupListMember("users", members), 0);
-    EXPECT_TRUE(Contains(members, "pkga"));
+    EXPECT_NE(std::find(members.begin(), members.end(), "pkga"), members.end());
 
     // Default owner over the whole tree, links themselves included. "system" gives group 1;
     // "root" gives root; a tool keeps the owner and mode it names. Set-ID bits of the scripts
@@ -142,24 +141,20 @@ TEST_F(PrivilegeRootTest, ReviseFileAttrAndScriptIdentityAsRoot) {
     const std::string gid = std::to_string(groupGid);
     EXPECT_EQ(runAs("pkga", "postinst", {"/usr/bin/id", "-u"}), uid + "\n");
     EXPECT_EQ(runAs("pkga", "postinst", {"/usr/bin/id", "-g"}), gid + "\n");
-    std::vector<std::string> groups = Words(runAs("pkga", "postinst", {"/usr/bin/id", "-G"}));
-    EXPECT_TRUE(Contains(groups, gid));
-    EXPECT_TRUE(Contains(groups, "100"));  // joined "users"
-    EXPECT_FALSE(Contains(groups, "0"));
+    // Its own group and the joined "users", never root's.
+    EXPECT_EQ(Words(runAs("pkga", "postinst", {"/usr/bin/id", "-G"})), (Set{gid, "100"}));
 
     EXPECT_EQ(runAs("pkga", "status", {"/usr/bin/id", "-u"}), uid + "\n");
     EXPECT_EQ(runAs("pkga", "status", {"/usr/bin/id", "-g"}), "1\n");
-    groups = Words(runAs("pkga", "status", {"/usr/bin/id", "-G"}));
-    EXPECT_TRUE(Contains(groups, gid));
-    EXPECT_FALSE(Contains(groups, "0"));
+    EXPECT_EQ(Words(runAs("pkga", "status", {"/usr/bin/id", "-G"})), (Set{"1", gid, "100"}));
 
     EXPECT_EQ(runAs("pkga", "preinst", {"/usr/bin/id", "-u"}), "0\n");
 
-    const std::vector<std::string> env = Words(runAs("pkga", "postinst", {"/usr/bin/env"}));
+    const Set env = Words(runAs("pkga", "postinst", {"/usr/bin/env"}));
     // The home is handed over as the machine's path of the account's home.
-    EXPECT_TRUE(Contains(env, "HOME=" + phys("/var/packages/pkga/target")));
-    EXPECT_TRUE(Contains(env, "USER=pkga"));
-    EXPECT_TRUE(Contains(env, "LOGNAME=pkga"));
+    EXPECT_EQ(env.count("HOME=" + phys("/var/packages/pkga/target")) + env.count("USER=pkga") +
+                  env.count("LOGNAME=pkga"),
+              3u);
 
     // The library's own process never changed identity.
     EXPECT_EQ(geteuid(), 0u);
