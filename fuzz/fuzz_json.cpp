@@ -29,8 +29,7 @@ bool Substituted(const Json::Value& node) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzRoot();
-    const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::string text = FuzzInput(data, size);
     Json::Value value;
     std::string error;
     if (!Json::fromString(value, text, &error)) {

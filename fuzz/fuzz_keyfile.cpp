@@ -85,8 +85,7 @@ void CheckSectionFile(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzRoot();
-    const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::string text = FuzzInput(data, size);
     CheckKeyFile(text);
     CheckSectionFile(text);
     return 0;

@@ -57,10 +57,9 @@ bool PackageOwner(const std::string& path) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzRoot();
+    const std::string text = FuzzInput(data, size);
     MakeTree();
     ResetTree();
-    const std::string text(reinterpret_cast<const char*>(data), size);
     FuzzWriteFile("/var/packages/fuzz/conf/privilege", text);
 
     Config config;

@@ -55,6 +55,11 @@ void FuzzRoot() {
     std::atexit(RemoveRoot);
 }
 
+std::string FuzzInput(const uint8_t* data, size_t size) {
+    FuzzRoot();
+    return std::string(reinterpret_cast<const char*>(data), size);
+}
+
 void FuzzWriteFile(const std::string& logical, const std::string& text) {
     const std::string dir = logical.substr(0, logical.find_last_of('/'));
     FUZZ_CHECK(ZARNFSMkdirP(dir, 0, 0, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0755) == 0);

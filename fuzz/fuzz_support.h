@@ -12,6 +12,9 @@
 // when the process ends normally.
 void FuzzRoot();
 
+// The start of every target: the root made, and the input as text.
+std::string FuzzInput(const uint8_t* data, size_t size);
+
 // Aborts with the file, line and text when `ok` is false.
 void FuzzCheck(bool ok, const char* what, const char* file, int line);
 #define FUZZ_CHECK(ok) FuzzCheck((ok), #ok, __FILE__, __LINE__)

@@ -41,8 +41,7 @@ bool SameMembers(const std::vector<TarMember>& a, const std::vector<TarMember>& 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzRoot();
-    FuzzWriteFile(kFile, std::string(reinterpret_cast<const char*>(data), size));
+    FuzzWriteFile(kFile, FuzzInput(data, size));
 
     std::vector<TarMember> members;
     std::string why;

@@ -26,8 +26,7 @@ bool IsWizard(const Json::Value& value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FuzzRoot();
-    FuzzWriteFile(kFile, std::string(reinterpret_cast<const char*>(data), size));
+    FuzzWriteFile(kFile, FuzzInput(data, size));
     Json::Value wizard;
     const bool ok = PMReadUIFileContent(kFile, wizard);
     FUZZ_CHECK(ok == IsWizard(wizard));

@@ -41,12 +41,6 @@ int Run(const std::vector<std::string>& argv, std::string& err) {
     return rc;
 }
 
-std::string Trim(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t\r");
-    size_t e = s.find_last_not_of(" \t\r");
-    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
-}
-
 // The keys that the loader insists on, tested one by one so the author learns which is wrong.
 bool CheckInfoKeys(const std::map<std::string, std::string>& keys, std::string& error) {
     auto get = [&keys](const char* key) -> const std::string* {
@@ -92,7 +86,7 @@ std::string InfoText(const std::string& text, const std::string& checksum,
     std::string out;
     for (const std::string& line : ZARNSplitText(text, '\n')) {
         const size_t eq = line.find('=');
-        const std::string key = eq == std::string::npos ? "" : Trim(line.substr(0, eq));
+        const std::string key = eq == std::string::npos ? "" : ZARNTrimText(line.substr(0, eq));
         if (key != "checksum" && key != "extractsize") {
             out += line + "\n";
         }
@@ -116,7 +110,7 @@ bool Md5Of(const std::string& file, std::string& md5, std::string& error) {
         error = "openssl md5 gave no digest";
         return false;
     }
-    md5 = Trim(out.substr(pos + 2, out.find('\n', pos) - pos - 2));
+    md5 = ZARNTrimText(out.substr(pos + 2, out.find('\n', pos) - pos - 2));
     return !md5.empty();
 }
 

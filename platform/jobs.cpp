@@ -26,14 +26,6 @@ constexpr const char* kJobLogDir = "/var/log/upstart";
 constexpr size_t kJobFileLimit = 256 * 1024;
 constexpr const char* kManual = "manual";
 
-std::string Trim(const std::string& text) {
-    const size_t first = text.find_first_not_of(" \t\r");
-    if (first == std::string::npos) {
-        return "";
-    }
-    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
-}
-
 bool IsEnvName(const std::string& name) {
     if (name.empty() || (name[0] >= '0' && name[0] <= '9')) {
         return false;
@@ -48,7 +40,7 @@ bool IsEnvName(const std::string& name) {
 }
 
 bool ParseEnv(const std::string& stanza, std::pair<std::string, std::string>& out) {
-    const std::string assignment = Trim(stanza.substr(4));
+    const std::string assignment = ZARNTrimText(stanza.substr(4));
     const size_t eq = assignment.find('=');
     if (eq == std::string::npos || !IsEnvName(assignment.substr(0, eq))) {
         return false;
@@ -217,7 +209,7 @@ bool ZARNJobParse(const std::string& text, ZARNJobFile& out) {
     std::string ignored;
     std::string* block = nullptr;
     for (const std::string& line : ZARNSplitText(text, '\n')) {
-        const std::string stanza = Trim(line);
+        const std::string stanza = ZARNTrimText(line);
         if (block != nullptr) {
             if (stanza == "end script") {
                 block = nullptr;
@@ -406,11 +398,11 @@ int VLIBServicectlJobEnable(const std::string& job) {
     }
     std::string kept;
     for (const std::string& line : ZARNSplitText(text, '\n')) {
-        if (Trim(line) != kManual) {
+        if (ZARNTrimText(line) != kManual) {
             kept += line + "\n";
         }
     }
-    if (Trim(kept).empty()) {
+    if (ZARNTrimText(kept).empty()) {
         return ZARNUnlink(path) || errno == ENOENT ? 0 : -1;
     }
     return ZARNFileWrite(path, kept) ? 0 : -1;
@@ -433,7 +425,7 @@ int VLIBServicectlJobIsEnabled(const std::string& job) {
         return 1;
     }
     for (const std::string& line : ZARNSplitText(text, '\n')) {
-        if (Trim(line) == kManual) {
+        if (ZARNTrimText(line) == kManual) {
             return 0;
         }
     }

@@ -23,3 +23,11 @@ std::vector<std::string> ZARNPathNames(const std::string& path) {
                 names.end());
     return names;
 }
+
+std::string ZARNTrimText(const std::string& text) {
+    const size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos) {
+        return "";
+    }
+    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}

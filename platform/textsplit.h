@@ -12,3 +12,6 @@ ZARNHOST_API std::vector<std::string> ZARNSplitText(const std::string& text, cha
 // The names that make up a path, without the empty and "." pieces that repeated or trailing
 // slashes and "./" leave; ".." is kept for the caller to judge.
 ZARNHOST_API std::vector<std::string> ZARNPathNames(const std::string& path);
+
+// `text` without the spaces, tabs and carriage returns at either end.
+ZARNHOST_API std::string ZARNTrimText(const std::string& text);

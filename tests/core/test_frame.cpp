@@ -6,6 +6,7 @@
 
 #include "core/packagemanager.h"
 #include "platform/files.h"
+#include "platform/json.h"
 #include "support/huge_alloc.h"
 #include "support/temproot.h"
 
@@ -68,79 +69,59 @@ TEST(Frame, FreeHelpers) {
     EXPECT_EQ(djb2("a"), 5381u * 33 + 'a');
 }
 
+// The message of a code for the detail given as JSON text, as compact JSON.
+std::string Message(PKG_ERRCODE code, const std::string& detail, const char* name = "") {
+    Json::Value value;
+    EXPECT_TRUE(detail.empty() || Json::fromString(value, detail)) << detail;
+    return Json::toCompactString(PMSFileCheckMessage(code, value, name));
+}
+
 TEST(Frame, MessageKeyMappings) {
-    Json::Value detail;
-    detail["curVersion"] = "2.0";
-    detail["insVersion"] = "1.0";
-    Json::Value msg = PMSFileCheckMessage(PKG_ERR_DOWNGRADE, detail, "Demo");
-    ASSERT_EQ(msg.size(), 3u);
-    EXPECT_EQ(msg[0].asString(), "pkgmgr:downgrade_version");
-    EXPECT_EQ(msg[2].asString(), "1.0");
-    msg = PMSFileCheckMessage(PKG_ERR_VERSION_LIMIT, detail, "Demo");
-    EXPECT_EQ(msg[0].asString(), "pkgmgr:pkg_install_version_less_than_limit");
-    EXPECT_EQ(msg[1].asString(), "Demo");
-
-    Json::Value services;
-    services["serviceNoStarted"].append("pgsql");
-    msg = PMSFileCheckMessage(PKG_ERR_SERVICE_NOT_STARTED, services, "");
-    EXPECT_EQ(msg[0].asString(), "pkgmgr:require_service");
-    EXPECT_EQ(msg[1].asString(), "pgsql");
-    services["serviceNoStarted"].append("ssh-shell");
-    msg = PMSFileCheckMessage(PKG_ERR_SERVICE_NOT_STARTED, services, "");
-    EXPECT_EQ(msg[0].asString(), "tree:require_sshd");
-
-    Json::Value deps;
-    deps["packages"]["a"] = "";
-    deps["packages"]["b"] = "";
-    msg = PMSFileCheckMessage(PKG_ERR_DEPENDENCY, deps, "");
-    EXPECT_EQ(msg[0].asString(), "pkgmgr:depend_packages");
-    EXPECT_EQ(msg[1].asString(), "a, b");
-    deps["unStartPkgList"] = "c";
-    msg = PMSFileCheckMessage(PKG_ERR_DEPENDENCY, deps, "");
-    EXPECT_EQ(msg[0].asString(), "pkgmgr:depend_uninst_unstart");
-    EXPECT_EQ(msg[2].asString(), "c");
-    deps.removeMember("packages");
-    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_DEPENDENCY, deps, "")[0].asString(),
-              "pkgmgr:depend_unstart");
-
-    EXPECT_EQ(
-        PMSFileCheckMessage(PKG_ERR_PORT_CONFLICT, Json::Value("123456789"), "")[1].asString(),
-        "1234567");
-    Json::Value bound;
-    bound["major"] = 6;
-    bound["minor"] = 2;
-    bound["build"] = 42;
-    bound["nano"] = 99999;
-    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_NEW, bound, "")[1].asString(), "6.2-0042");
-    bound["nano"] = 3;
-    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_NEW, bound, "")[1].asString(),
-              "6.2-0042 (update 3)");
-    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_OLD, Json::Value("6.3-7-0"), "")[1].asString(),
-              "6.3-0007");
-    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_OS_TOO_OLD, Json::Value("6.2-25556-3"), "")[1].asString(),
-              "6.2-25556 (update 3)");
-    // Members of the wrong type or range give numbers of 0, never an exception.
-    Json::Value hostile;
-    hostile["major"] = "6";
-    hostile["minor"] = Json::arrayValue;
-    hostile["build"] = 1e30;
-    hostile["nano"] = Json::Value::UInt64(1) << 40;
-    EXPECT_NO_THROW(msg = PMSFileCheckMessage(PKG_ERR_OS_TOO_NEW, hostile, ""));
-    EXPECT_EQ(msg[1].asString(), "0.0-0000");
-    hostile["curVersion"]["x"] = 1;
-    EXPECT_NO_THROW(msg = PMSFileCheckMessage(PKG_ERR_DOWNGRADE, hostile, ""));
-    EXPECT_EQ(msg[0].asString(), "pkgmgr:downgrade_version");
-    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), "")[0].asString(),
-              "pkgmgr:pkgmgr_file_not_package");
-    EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_SIGN_NOT_MAKER, Json::Value(), "")[0].asString(),
-              "pkgmgr:pkgmgr_not_zarn_publish");
+    const std::string versions = R"({"curVersion": "2.0", "insVersion": "1.0"})";
+    const struct {
+        PKG_ERRCODE code;
+        std::string detail;
+        const char* message;
+    } cases[] = {
+        {PKG_ERR_DOWNGRADE, versions, R"(["pkgmgr:downgrade_version","2.0","1.0"])"},
+        {PKG_ERR_VERSION_LIMIT, versions,
+         R"(["pkgmgr:pkg_install_version_less_than_limit","Demo","2.0","1.0"])"},
+        {PKG_ERR_SERVICE_NOT_STARTED, R"({"serviceNoStarted": ["pgsql"]})",
+         R"(["pkgmgr:require_service","pgsql"])"},
+        {PKG_ERR_SERVICE_NOT_STARTED, R"({"serviceNoStarted": ["pgsql", "ssh-shell"]})",
+         R"(["tree:require_sshd"])"},
+        {PKG_ERR_DEPENDENCY, R"({"packages": {"a": "", "b": ""}})",
+         R"(["pkgmgr:depend_packages","a, b"])"},
+        {PKG_ERR_DEPENDENCY, R"({"packages": {"a": "", "b": ""}, "unStartPkgList": "c"})",
+         R"(["pkgmgr:depend_uninst_unstart","a, b","c"])"},
+        {PKG_ERR_DEPENDENCY, R"({"unStartPkgList": "c"})", R"(["pkgmgr:depend_unstart","c"])"},
+        {PKG_ERR_PORT_CONFLICT, R"("123456789")", R"(["pkgmgr:port_conflict","1234567"])"},
+        {PKG_ERR_OS_TOO_NEW, R"({"major": 6, "minor": 2, "build": 42, "nano": 99999})",
+         R"(["pkgmgr:pkgmgr_pkg_required_older_version","6.2-0042"])"},
+        {PKG_ERR_OS_TOO_NEW, R"({"major": 6, "minor": 2, "build": 42, "nano": 3})",
+         R"j(["pkgmgr:pkgmgr_pkg_required_older_version","6.2-0042 (update 3)"])j"},
+        {PKG_ERR_OS_TOO_OLD, R"("6.3-7-0")",
+         R"(["pkgmgr:pkgmgr_pkg_required_newer_version","6.3-0007"])"},
+        {PKG_ERR_OS_TOO_OLD, R"("6.2-25556-3")",
+         R"j(["pkgmgr:pkgmgr_pkg_required_newer_version","6.2-25556 (update 3)"])j"},
+        // Members of the wrong type or range give numbers of 0, never an exception.
+        {PKG_ERR_OS_TOO_NEW, R"({"major": "6", "minor": [], "build": 1e30, "nano": 1099511627776})",
+         R"(["pkgmgr:pkgmgr_pkg_required_older_version","0.0-0000"])"},
+        {PKG_ERR_BROKEN, "", R"(["pkgmgr:pkgmgr_file_not_package"])"},
+        {PKG_ERR_SIGN_NOT_MAKER, "", R"(["pkgmgr:pkgmgr_not_zarn_publish"])"},
+        {PKG_ERR_SUCCESS, "", "[]"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Message(c.code, c.detail, "Demo"), c.message) << c.code << " " << c.detail;
+    }
+    EXPECT_EQ(Message(PKG_ERR_DOWNGRADE, R"({"curVersion": {"x": 1}})")
+                  .rfind(R"(["pkgmgr:downgrade_version",)", 0),
+              0u);
     for (unsigned int code : {0x100u, 0x110u, 0x130u, 0x137u, 0x50u}) {
-        EXPECT_EQ(
-            PMSFileCheckMessage(static_cast<PKG_ERRCODE>(code), Json::Value(), "")[0].asString(),
-            PKG_MSG_DEFAULT)
+        EXPECT_EQ(Message(static_cast<PKG_ERRCODE>(code), ""),
+                  std::string("[\"") + PKG_MSG_DEFAULT + "\"]")
             << code;
     }
-    EXPECT_TRUE(PMSFileCheckMessage(PKG_ERR_SUCCESS, Json::Value(), "").empty());
 
     EXPECT_EQ(PMSServerInstallMessageKey(PKG_ERR_BAD_PACKAGE), "pkgmgr:pkgmgr_file_not_package");
     EXPECT_EQ(PMSServerInstallMessageKey(PKG_ERR_NO_SPACE), "error:error_space_not_enough");
@@ -154,11 +135,8 @@ TEST_F(FrameRoot, InitRepairsTheRegistryMode) {
     ASSERT_EQ(chmod(phys("/var/packages").c_str(), 0700), 0);
     PackageManager pm;
     ASSERT_TRUE(pm.init());
-    struct stat st;
-    ASSERT_EQ(stat(phys("/var/packages").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0755u);
-    ASSERT_EQ(stat(phys("/usr/local/etc/rc.d").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(modeOf("/var/packages"), 0755u);
+    EXPECT_TRUE(ZARNIsDir("/usr/local/etc/rc.d"));
     EXPECT_FALSE(pm.getPackageInfoData()->extra.get()->arch_ids.empty());
 
     // A plain file where the registry should be makes init fail with a system error.
@@ -167,26 +145,24 @@ TEST_F(FrameRoot, InitRepairsTheRegistryMode) {
     PackageManager broken;
     EXPECT_FALSE(broken.init());
     EXPECT_EQ(broken.getResult(), PKG_ERR_SYSTEM);
-    EXPECT_NE(logText().find("Failed to init packages registry dir /var/packages"),
-              std::string::npos);
+    EXPECT_TRUE(logged("Failed to init packages registry dir /var/packages"));
 }
 
 TEST_F(FrameRoot, FileHelpers) {
     writeFile("/tmp/f", "0123456789");
     std::string out;
     unsigned long long size = 0;
-    ASSERT_TRUE(PMReadFile("/tmp/f", 4, out, &size));
-    EXPECT_EQ(out, "0123");
+    EXPECT_EQ(OutIf(PMReadFile("/tmp/f", 4, out, &size), out), "0123");
     EXPECT_EQ(size, 4u);
     EXPECT_FALSE(PMReadFile(nullptr, 0, out, nullptr));
     EXPECT_FALSE(PMReadFile("/tmp/none", 0, out, nullptr));
-    EXPECT_NE(logText().find("Stat /tmp/none error"), std::string::npos);
+    EXPECT_TRUE(logged("Stat /tmp/none error"));
     // A sparse file larger than any memory is a memory error, not a crash. (A kernel that
     // grants every allocation would let the read run on instead.)
     writeFile("/tmp/huge", "");
     if (AllocationFails(size_t(1) << 40) && truncate(phys("/tmp/huge").c_str(), 1LL << 40) == 0) {
         EXPECT_FALSE(PMReadFile("/tmp/huge", 0, out, &size));
-        EXPECT_NE(logText().find("Memory error"), std::string::npos);
+        EXPECT_TRUE(logged("Memory error"));
     }
 
     writeFile("/tmp/script", "#!/bin/sh\n", 0744);
@@ -210,7 +186,7 @@ TEST_F(FrameRoot, FileHelpers) {
     EXPECT_EQ(PMSGetText("hello", "fre", "common", "demo"), "bonjour");
     EXPECT_EQ(PMSGetText("bye", "fre", "common", "demo"), "");
     EXPECT_EQ(PMSGetText("hello", "fre", "other", "demo"), "");
-    EXPECT_NE(logText().find("key no found [bye]"), std::string::npos);
+    EXPECT_TRUE(logged("key no found [bye]"));
     EXPECT_EQ(PackageManager::getUpdatedAt("demo"), "");
     ASSERT_EQ(mkdir(phys("/var/packages/demo/etc").c_str(), 0755), 0);
     EXPECT_EQ(PackageManager::getUpdatedAt("demo").size(), 10u);

@@ -16,24 +16,8 @@
 
 using namespace ZARNPackageTool;
 
-namespace {
-
-constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
-constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
-constexpr unsigned long long kMiB = 1024ULL * 1024ULL;
-
-mode_t ModeOf(const std::string& path) {
-    struct stat st;
-    return ZARNStat(path, st) ? (st.st_mode & 07777) : 0;
-}
-
-}  // namespace
-
 class PathsTest : public TempRootTest {
 protected:
-    void makeDir(const std::string& path, mode_t mode = 0755) {
-        ASSERT_EQ(ZARNFSMkdirP(path, 0, 0, kKeepUid, kKeepGid, mode), 0);
-    }
     void writeConf(const std::string& json) { writeFile(ZARN_VOLUMES_CONF, json); }
     std::string defVolKey() {
         std::string value;
@@ -52,55 +36,45 @@ TEST_F(PathsTest, TmpDirOnAGivenOrChosenVolume) {
     std::string out = "stale";
 
     // A given volume with strictly more room than asked for is taken as it is.
-    ASSERT_TRUE(PMSGetTmpDir(1000, "/volume2", out, false));
-    EXPECT_EQ(out, "/volume2/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(1000, "/volume2", out, false), out), "/volume2/@tmp");
     EXPECT_TRUE(ZARNIsDir("/volume2/@tmp"));
     // Exactly the size free passes the volume over; the picker then takes volume1.
-    ASSERT_TRUE(PMSGetTmpDir(50000000, "/volume2", out));
-    EXPECT_EQ(out, "/volume1/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(50000000, "/volume2", out), out), "/volume1/@tmp");
     EXPECT_TRUE(PMSCheckVolStatus("/volume2", 50000000));
-    EXPECT_FALSE(PMSCheckVolStatus("/volume2", 50000001));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(PMSCheckVolStatus("/volume2", 50000001)), ZARN_ERR_NO_SPACE);
     // Without a volume the first with room for the size and the margin is chosen.
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 20000000}]})");
-    ASSERT_TRUE(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN, out));
-    EXPECT_EQ(out, "/volume1/@tmp");
-    ASSERT_TRUE(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN + 1, out));
-    EXPECT_EQ(out, "/volume2/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN, out), out), "/volume1/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(20000000 - PMS_TMP_MARGIN + 1, out), out), "/volume2/@tmp");
 }
 
 TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
     std::string out = "stale";
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 1000}]})");
-    EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_NO_SPACE);
     EXPECT_TRUE(out.empty());
 
     writeConf(R"({"volumes": [{"path": "/volume1", "created": false}]})");
-    EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_CREATING);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_VOL_CREATING);
 
     writeConf(R"({"volumes": [{"path": "/volume1", "generic": false}]})");
-    EXPECT_FALSE(PMSGetTmpDir(0, nullptr, out, false));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, nullptr, out, false)), ZARN_ERR_NO_VOLUME);
     // The fallback looks at volumes that aren't generic too.
-    ASSERT_TRUE(PMSGetTmpDir(0, nullptr, out, true));
-    EXPECT_EQ(out, "/volume1/@tmp");
+    EXPECT_EQ(OutIf(PMSGetTmpDir(0, nullptr, out, true), out), "/volume1/@tmp");
 
     writeConf(R"({"volumes": [{"path": "/volume1", "writable": false}]})");
     EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_NE(logText().find("VolumeAvailGet() failed!! zarnerr=[0x8400]"), std::string::npos);
+    EXPECT_TRUE(logged("VolumeAvailGet() failed!! zarnerr=[0x8400]"));
 
     ASSERT_TRUE(ZARNRemoveTree("/volume1"));
-    EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_NO_VOLUME);
 
     // A temp folder that can't be made.
     makeDir("/volume1");
     writeConf("{}");
     writeFile("/volume1/@tmp", "a file in the way");
     EXPECT_FALSE(PMSGetTmpDir(0, out));
-    EXPECT_NE(logText().find("Failed to mkdir : /volume1/@tmp , errno="), std::string::npos);
+    EXPECT_TRUE(logged("Failed to mkdir : /volume1/@tmp , errno="));
 }
 
 // Sizes come from package files: one near the top of the range must not wrap around with the
@@ -108,68 +82,61 @@ TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
 TEST_F(PathsTest, HugeSizesNeverWrapAroundTheMargin) {
     const unsigned long long huge = ~0ULL - 1024;  // what -1 KiB of "extractsize" becomes
     std::string out = "stale";
-    EXPECT_FALSE(PMSGetTmpDir(huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(PMSGetTmpDir(huge, out)), ZARN_ERR_NO_SPACE);
     EXPECT_TRUE(out.empty());
     EXPECT_FALSE(PMSGetTmpDir(~0ULL, nullptr, out, true));
-    EXPECT_FALSE(CanUploadtoRoot(huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
-    EXPECT_FALSE(PMSGetSystemTmpDir(huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(CanUploadtoRoot(huge, out)), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(PMSGetSystemTmpDir(huge, out)), ZARN_ERR_NO_SPACE);
     EXPECT_FALSE(ZARNIsDir("/tmp/@tmp"));
 
+    // A package on a volume, a system package, and a package on a docking host.
     PackageManager pm;
     PackageInfo info;
-    EXPECT_FALSE(pm.GetAppStoreVolume(info, "/volume1", huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
     PackageInfo sys;
     sys.install_type = "system";
-    EXPECT_FALSE(pm.GetAppStoreVolume(sys, "/volume1", huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
-    writeConf(R"({"dock_host": true})");
-    EXPECT_FALSE(pm.GetAppStoreVolume(info, "/volume1", huge, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    for (int i = 0; i < 3; ++i) {
+        if (i == 2) {
+            writeConf(R"({"dock_host": true})");
+        }
+        EXPECT_EQ(FailedWith(pm.GetAppStoreVolume(i == 1 ? sys : info, "/volume1", huge, out)),
+                  ZARN_ERR_NO_SPACE)
+            << i;
+    }
 }
 
 TEST_F(PathsTest, SystemTmpAndRootFallback) {
     std::string out;
-    ASSERT_TRUE(PMSGetSystemTmpDir(0, out));
-    EXPECT_EQ(out, "/tmp/@tmp");
+    EXPECT_EQ(OutIf(PMSGetSystemTmpDir(0, out), out), "/tmp/@tmp");
     EXPECT_TRUE(ZARNIsDir("/tmp/@tmp"));
 
     // /tmp too small: /var/tmp on the root file system, made private.
     ASSERT_TRUE(ZARNRemoveTree("/var/tmp"));
     writeConf(R"({"space_caps": {"/tmp": 5000, "/": 300000000}})");
     out.clear();
-    ASSERT_TRUE(PMSGetSystemTmpDir(1000, out));
-    EXPECT_EQ(out, "/var/tmp");
-    EXPECT_EQ(ModeOf("/var/tmp"), 0700u);
+    EXPECT_EQ(OutIf(PMSGetSystemTmpDir(1000, out), out), "/var/tmp");
+    EXPECT_EQ(modeOf("/var/tmp"), 0700u);
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
-    EXPECT_NE(logText().find("/tmp space is not enough"), std::string::npos);
+    EXPECT_TRUE(logged("/tmp space is not enough"));
 
     // The root needs the size plus 200 MiB.
     const unsigned long long rootRoom = 300000000ULL - PMS_ROOT_MARGIN;
     EXPECT_TRUE(CanUploadtoRoot(rootRoom, out));
     out.clear();
-    EXPECT_FALSE(CanUploadtoRoot(rootRoom + 1, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(CanUploadtoRoot(rootRoom + 1, out)), ZARN_ERR_NO_SPACE);
     EXPECT_TRUE(out.empty());
     EXPECT_FALSE(PMSGetSystemTmpDir(rootRoom + 1, out));
 
     // /var/tmp that can't be made.
     ASSERT_TRUE(ZARNRemoveTree("/var/tmp"));
     writeFile("/var/tmp", "in the way");
-    EXPECT_FALSE(CanUploadtoRoot(0, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_MKDIR);
+    EXPECT_EQ(FailedWith(CanUploadtoRoot(0, out)), ZARN_ERR_MKDIR);
 }
 
 TEST_F(PathsTest, UniqueTempNames) {
     const std::string file = PMSMakeTmpFile("pkg.");
-    ASSERT_FALSE(file.empty());
     EXPECT_EQ(file.rfind("/volume1/@tmp/pkg.", 0), 0u) << file;
     EXPECT_TRUE(ZARNIsRegularFile(file));
     const std::string dir = PMSMakeTmpDir(nullptr);
-    ASSERT_FALSE(dir.empty());
     EXPECT_EQ(dir.rfind("/volume1/@tmp/", 0), 0u) << dir;
     EXPECT_TRUE(ZARNIsDir(dir));
     EXPECT_NE(PMSMakeTmpDir(nullptr), dir);
@@ -183,16 +150,16 @@ TEST_F(PathsTest, UniqueTempNames) {
 TEST_F(PathsTest, DownloadFolderAndSweep) {
     makeDir("/volume2");
     std::string out;
-    ASSERT_TRUE(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out));
-    EXPECT_EQ(out, "/volume2/@tmp/@zarnpkg/@download/demo");
+    EXPECT_EQ(OutIf(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out), out),
+              "/volume2/@tmp/@zarnpkg/@download/demo");
     EXPECT_TRUE(ZARNIsDir(out));
 
     // A volume that fails the test gives way to any volume with room.
     writeConf(R"({"volumes": [{"path": "/volume2", "writable": false}]})");
-    ASSERT_TRUE(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out));
-    EXPECT_EQ(out, "/volume1/@tmp/@zarnpkg/@download/demo");
-    ASSERT_TRUE(PMSCreateDownloadTmpDir("", "other", 0, out));
-    EXPECT_EQ(out, "/volume1/@tmp/@zarnpkg/@download/other");
+    EXPECT_EQ(OutIf(PMSCreateDownloadTmpDir("/volume2", "demo", 1000, out), out),
+              "/volume1/@tmp/@zarnpkg/@download/demo");
+    EXPECT_EQ(OutIf(PMSCreateDownloadTmpDir("", "other", 0, out), out),
+              "/volume1/@tmp/@zarnpkg/@download/other");
     EXPECT_FALSE(PMSCreateDownloadTmpDir(nullptr, nullptr, 0, out));
     // A name from a server never leads out of the download folder.
     for (const char* bad : {"..", ".", "../../../../etc/evil", "a/b"}) {
@@ -220,8 +187,7 @@ TEST_F(PathsTest, DownloadFolderAndSweep) {
     makeOld(dl + "/old.qar");
     makeOld(dl + "/keep/old-inside.qar");
     makeOld(dl + "/keep");
-    ASSERT_TRUE(PMSCreateDownloadTmpDir(nullptr, "demo", 0, out));
-    EXPECT_EQ(out, dl + "/demo");
+    EXPECT_EQ(OutIf(PMSCreateDownloadTmpDir(nullptr, "demo", 0, out), out), dl + "/demo");
     EXPECT_TRUE(ZARNIsDir(out));
     EXPECT_FALSE(IsFileExists(dl + "/old.qar"));
     EXPECT_TRUE(IsFileExists(dl + "/fresh.qar"));
@@ -230,30 +196,28 @@ TEST_F(PathsTest, DownloadFolderAndSweep) {
 
 TEST_F(PathsTest, ListAndSystemInstallFolders) {
     std::string out;
-    ASSERT_TRUE(PMSGetListTmpDir(out));
-    EXPECT_EQ(out, "/var/cache/pkglist.tmp/");
+    EXPECT_EQ(OutIf(PMSGetListTmpDir(out), out), "/var/cache/pkglist.tmp/");
     EXPECT_TRUE(ZARNIsDir(out));
     // An existing folder is left as it is.
     ASSERT_TRUE(ZARNChmod("/var/cache/pkglist.tmp", 0750));
     ASSERT_TRUE(PMSGetListTmpDir(out));
-    EXPECT_EQ(ModeOf("/var/cache/pkglist.tmp"), 0750u);
+    EXPECT_EQ(modeOf("/var/cache/pkglist.tmp"), 0750u);
     // A file in its place makes the attempt fail.
     ASSERT_TRUE(ZARNRemoveTree("/var/cache/pkglist.tmp"));
     writeFile("/var/cache/pkglist.tmp", "x");
     EXPECT_FALSE(PMSGetListTmpDir(out));
-    EXPECT_NE(logText().find("Failed to mkdir : /var/cache/pkglist.tmp/"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to mkdir : /var/cache/pkglist.tmp/"));
 
     ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
-    ASSERT_TRUE(PMSGetSystemInstallPath(out));
-    EXPECT_EQ(out, "/usr/local/packages");
-    EXPECT_EQ(ModeOf(out), 0755u);
+    EXPECT_EQ(OutIf(PMSGetSystemInstallPath(out), out), "/usr/local/packages");
+    EXPECT_EQ(modeOf(out), 0755u);
 }
 
 TEST_F(PathsTest, PackageVolumeFromTarget) {
     std::string out = "kept";
     EXPECT_FALSE(PMSGetPackageVol("", out));
     EXPECT_FALSE(PMSGetPackageVol("ghost", out));
-    EXPECT_NE(logText().find("Failed to resovle package target ghost"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to resovle package target ghost"));
 
     const struct {
         const char* name;
@@ -268,7 +232,7 @@ TEST_F(PathsTest, PackageVolumeFromTarget) {
         EXPECT_EQ(PMSGetPackageVol(c.name, out), c.volume != nullptr) << c.name;
         EXPECT_EQ(out, c.volume ? c.volume : "kept") << c.name;
     }
-    EXPECT_NE(logText().find("Failed to parse volume path: /opt/odd"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to parse volume path: /opt/odd"));
 }
 
 TEST_F(PathsTest, DefaultVolume) {
@@ -287,12 +251,10 @@ TEST_F(PathsTest, DefaultVolume) {
     EXPECT_FALSE(PMSGetPackageDefVol(out));  // volume1 lacks the 200 MiB
     ASSERT_TRUE(PMSSavePackageDefVolPath("/volume2"));
     EXPECT_EQ(defVolKey(), "/volume2");
-    ASSERT_TRUE(PMSGetPackageDefVol(out));
-    EXPECT_EQ(out, "/volume2");
+    EXPECT_EQ(OutIf(PMSGetPackageDefVol(out), out), "/volume2");
     EXPECT_FALSE(PMSSavePackageDefVolPath("/volume3"));  // not generic
     EXPECT_FALSE(PMSSavePackageDefVolPath("/volume9"));
-    EXPECT_NE(logText().find("Failed to read volume attribute, path=[/volume9]"),
-              std::string::npos);
+    EXPECT_TRUE(logged("Failed to read volume attribute, path=[/volume9]"));
     EXPECT_EQ(defVolKey(), "/volume2");
     // Exactly the 200 MiB is enough.
     writeConf(R"({"volumes": [{"path": "/volume3", "generic": false},
@@ -308,10 +270,8 @@ TEST_F(PathsTest, DefaultVolume) {
 
 TEST_F(PathsTest, VolumeStatusAndCounts) {
     VLIBCErrSet(ZARN_ERR_NO_SPACE);
-    EXPECT_FALSE(PMSCheckVolStatus(nullptr, 0));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
-    EXPECT_FALSE(PMSCheckVolStatus("/tmp", 0));
-    EXPECT_FALSE(PMSCheckVolStatus("/volume9", 0));
+    EXPECT_EQ(FailedWith(PMSCheckVolStatus(nullptr, 0)), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_FALSE(PMSCheckVolStatus("/tmp", 0) || PMSCheckVolStatus("/volume9", 0));
     EXPECT_EQ(logText().find("Failed to get volume info"), std::string::npos);
     EXPECT_TRUE(PMSCheckVolStatus("/volume1/@appstore", 0));
 
@@ -319,8 +279,7 @@ TEST_F(PathsTest, VolumeStatusAndCounts) {
     makeDir("/volume3");
     writeConf(R"({"volumes": [{"path": "/volume2", "writable": false},
                               {"path": "/volume3", "generic": false}]})");
-    EXPECT_FALSE(PMSCheckVolStatus("/volume2", 0));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_READONLY);
+    EXPECT_EQ(FailedWith(PMSCheckVolStatus("/volume2", 0)), ZARN_ERR_VOL_READONLY);
 
     EXPECT_EQ(VolumeCountGet(3, true), 3);
     EXPECT_EQ(VolumeCountGet(3, false), 2);
@@ -342,45 +301,40 @@ TEST_F(PathsTest, CheckVolumeForAPackageFile) {
     writeFile("/tmp/demo.qar", std::string(4096, 'q'));
 
     VLIBCErrSet(ZARN_ERR_NO_SPACE);
-    EXPECT_FALSE(pm.CheckVolume(nullptr, info));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_EQ(FailedWith(pm.CheckVolume(nullptr, info)), ZARN_ERR_BAD_PARAMETERS);
     EXPECT_FALSE(pm.CheckVolume("/tmp/missing.qar", info));
-    EXPECT_NE(logText().find("Failed to get status of /tmp/missing.qar"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to get status of /tmp/missing.qar"));
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", info));
 
     // Only a volume that isn't generic: cold-storage packages may go there.
     writeConf(R"({"volumes": [{"path": "/volume1", "generic": false}]})");
-    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_GENERIC_VOLUME);
+    EXPECT_EQ(FailedWith(pm.CheckVolume("/tmp/demo.qar", info)), ZARN_ERR_NO_GENERIC_VOLUME);
     PackageInfo cold = info;
     cold.extra.get()->install_on_cold_storage = true;
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", cold));
 
     // No volume at all.
     ASSERT_TRUE(ZARNRemoveTree("/volume1"));
-    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_VOLUME);
+    EXPECT_EQ(FailedWith(pm.CheckVolume("/tmp/demo.qar", info)), ZARN_ERR_NO_VOLUME);
 
     // A system package needs only room in the system partition.
     PackageInfo sys = info;
     sys.install_type = "system";
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", sys));
     writeConf(R"({"space_caps": {"/usr/local/packages": 10489855}})");  // 10 MiB + 4095
-    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", sys));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(pm.CheckVolume("/tmp/demo.qar", sys)), ZARN_ERR_NO_SPACE);
     writeConf(R"({"space_caps": {"/usr/local/packages": 10489856}})");
     EXPECT_TRUE(pm.CheckVolume("/tmp/demo.qar", sys));
     ASSERT_TRUE(ZARNRemoveTree("/usr/local/packages"));
     VLIBCErrSet(ZARN_ERR_NO_VOLUME);
     EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", sys));
-    EXPECT_NE(logText().find("Failed to get system volumne"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to get system volumne"));
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
 
     // A dock host tests its one volume.
     makeDir("/volume1");
     writeConf(R"({"dock_host": true, "volumes": [{"path": "/volume1", "space_cap": 1000}]})");
-    EXPECT_FALSE(pm.CheckVolume("/tmp/demo.qar", info));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(pm.CheckVolume("/tmp/demo.qar", info)), ZARN_ERR_NO_SPACE);
 }
 
 TEST_F(PathsTest, AppStoreVolume) {
@@ -388,35 +342,30 @@ TEST_F(PathsTest, AppStoreVolume) {
     PackageInfo info;
     std::string out;
     makeDir("/volume2");
-    EXPECT_FALSE(pm.GetAppStoreVolume(info, nullptr, 0, out));
-    EXPECT_FALSE(pm.GetAppStoreVolume(info, "", 0, out));
-    ASSERT_TRUE(pm.GetAppStoreVolume(info, "/volume2/@appstore", 0, out));
-    EXPECT_EQ(out, "/volume2");
+    EXPECT_FALSE(pm.GetAppStoreVolume(info, nullptr, 0, out) ||
+                 pm.GetAppStoreVolume(info, "", 0, out));
+    EXPECT_EQ(OutIf(pm.GetAppStoreVolume(info, "/volume2/@appstore", 0, out), out), "/volume2");
     out.clear();
     EXPECT_FALSE(pm.GetAppStoreVolume(info, "/srv/data", 0, out));
-    EXPECT_NE(logText().find("Failed to parse volume path: /srv/data"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to parse volume path: /srv/data"));
     writeConf(R"({"volumes": [{"path": "/volume2", "space_cap": 10485764}]})");
     EXPECT_TRUE(pm.GetAppStoreVolume(info, "/volume2", 4, out));
-    EXPECT_FALSE(pm.GetAppStoreVolume(info, "/volume2", 5, out));
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
+    EXPECT_EQ(FailedWith(pm.GetAppStoreVolume(info, "/volume2", 5, out)), ZARN_ERR_NO_SPACE);
 
     PackageInfo sys;
     sys.install_type = "system";
-    ASSERT_TRUE(pm.GetAppStoreVolume(sys, "/volume2", 0, out));
-    EXPECT_EQ(out, "/usr/local/packages");
+    EXPECT_EQ(OutIf(pm.GetAppStoreVolume(sys, "/volume2", 0, out), out), "/usr/local/packages");
 
     writeConf(R"({"dock_host": true})");
-    ASSERT_TRUE(pm.GetAppStoreVolume(info, "/volume2", 0, out));
-    EXPECT_EQ(out, "/volume1");
+    EXPECT_EQ(OutIf(pm.GetAppStoreVolume(info, "/volume2", 0, out), out), "/volume1");
 }
 
 TEST_F(PathsTest, RootPartitionSpace) {
     PackageManager pm;
     EXPECT_TRUE(pm.IsRootPartitionHasEnoughSpace());
     writeConf(R"({"space_caps": {"/": 10485759}})");
-    EXPECT_FALSE(pm.IsRootPartitionHasEnoughSpace());
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_SPACE);
-    EXPECT_NE(logText().find("root partition space is not enough"), std::string::npos);
+    EXPECT_EQ(FailedWith(pm.IsRootPartitionHasEnoughSpace()), ZARN_ERR_NO_SPACE);
+    EXPECT_TRUE(logged("root partition space is not enough"));
 }
 
 TEST_F(PathsTest, FileHelpers) {
@@ -424,8 +373,7 @@ TEST_F(PathsTest, FileHelpers) {
     writeFile("/var/packages/demo/conf/privilege", "{}");
     writeFile("/var/packages/demo/scripts/x", "");
 
-    EXPECT_TRUE(ZARNPackageCore::FsyncFiles({}));
-    EXPECT_TRUE(ZARNPackageCore::FsyncDirectories({}));
+    EXPECT_TRUE(ZARNPackageCore::FsyncFiles({}) && ZARNPackageCore::FsyncDirectories({}));
     EXPECT_TRUE(ZARNPackageCore::FsyncFiles({"/var/packages/demo/INFO"}));
     EXPECT_TRUE(ZARNPackageCore::FsyncDirectories({"/var/packages/demo", "/var/packages"}));
     // Every path is tried: two missing ones give two lines.
@@ -439,11 +387,10 @@ TEST_F(PathsTest, FileHelpers) {
     ASSERT_EQ(fifo.run(), 0);
     EXPECT_FALSE(
         ZARNPackageCore::FsyncDirectories({"/var/packages/demo/pipe", "/var/packages/demo"}));
-    EXPECT_NE(logText().find("Failed to fsync file, path=[/var/packages/demo/pipe]"),
-              std::string::npos);
+    EXPECT_TRUE(logged("Failed to fsync file, path=[/var/packages/demo/pipe]"));
 
-    EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo/INFO"));
-    EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo"));
+    EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo/INFO") &&
+                ZARNPackageCore::IsFileExists("/var/packages/demo"));
     EXPECT_FALSE(ZARNPackageCore::IsFileExists("/var/packages/none"));
 
     std::vector<std::string> files = {"/already/there"};

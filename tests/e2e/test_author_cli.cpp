@@ -105,23 +105,4 @@ TEST_F(AuthorCliTest, RefusalsNameTheFacts) {
     }
 }
 
-TEST_F(AuthorCliTest, MissingFilesAndRootsThatArentReady) {
-    for (const char* command : {"check", "info"}) {
-        CliRun r = zarnpkg({command, phys("/tmp/missing.qar")});
-        EXPECT_EQ(1, r.status);
-        EXPECT_NE(std::string::npos, r.err.find("no such file: " + phys("/tmp/missing.qar")))
-            << r.err;
-    }
-    const std::string qar = phys("/tmp/ok.qar");
-    ASSERT_EQ(0, zarnpkg({"pack", source("ok", "arch=\"noarch\"\n"), "-o", qar}).status);
-    writeFile("/tmp/bare/.keep", "");
-    const std::string bare = phys("/tmp/bare");
-    CliRun r = RunZarnpkg(bare, {"check", qar});
-    EXPECT_EQ(1, r.status);
-    EXPECT_NE(std::string::npos,
-              r.err.find("the root " + bare + " is not a standalone root yet; run zarnpkg --root " +
-                         bare + " host-init"))
-        << r.err;
-}
-
 }  // namespace

@@ -25,6 +25,8 @@ protected:
 TEST_F(CliErrors, KeysAndSentences) {
     addPackage("a", "install_dep_packages=\"b\"\n");
     addPackage("b", "install_dep_packages=\"a\"\n");
+    writeFile("/tmp/junk.qar", "not an archive");
+    const std::string junk = phys("/tmp/junk.qar");
     const struct {
         Args args;
         int status;
@@ -39,6 +41,17 @@ TEST_F(CliErrors, KeysAndSentences) {
         {{"order"}, 1, 0x112, "pkgmgr:depend_cycle", "in a cycle"},
         {{"info", "missing.qar"}, 1, 0x107, "error:error_error_system", "no such file: missing"},
         {{"info", "--file", "nosuch"}, 1, 0x107, "error:error_error_system", "no such file"},
+        {{"check", "missing.qar"},
+         1,
+         0x96,
+         "pkgmgr:pkgmgr_file_not_package",
+         "no such file: missing.qar"},
+        {{"check", junk},
+         1,
+         0x96,
+         "pkgmgr:pkgmgr_file_not_package",
+         "can't be installed on this machine: it is no package file"},
+        {{"info", junk}, 1, 0x96, "pkgmgr:pkgmgr_file_not_package", "is no readable package file"},
         {{"frobnicate"}, 2, 0x107, "error:error_error_system", "unknown command frobnicate"},
     };
     for (const auto& c : cases) {
@@ -118,7 +131,7 @@ TEST_F(CliErrors, OutputErrorsFail) {
         EXPECT_EQ(RunZarnpkg(root(), args, {"", full}).status, 1) << Shown(args);
     }
     close(full);
-    EXPECT_NE(logText().find("Failed to write standard output"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to write standard output"));
 }
 
 // A word without a / or a package file's ending names an installed package, even where a file

@@ -36,8 +36,8 @@ protected:
     }
     void layOut(bool ownAccount) {
         const std::string stage = "/volume1/@tmp/heartbeat";
-        ASSERT_EQ(ZARNFSMkdirP("/volume1/@appstore", 0, 0, -1, -1, 0755), 0);
-        ASSERT_EQ(ZARNFSMkdirP("/volume1/@tmp", 0, 0, -1, -1, 0755), 0);
+        makeDir("/volume1/@appstore");
+        makeDir("/volume1/@tmp");
         ASSERT_EQ(
             qartest::Run({"/bin/cp", "-a", ZARN_SOURCE_DIR "/examples/heartbeat", phys(stage)}), 0);
         if (ownAccount) {

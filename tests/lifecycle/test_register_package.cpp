@@ -72,7 +72,7 @@ TEST_F(RegisterPackageTest, UnreadableInfoRegistersNothing) {
     EXPECT_FALSE(pm.registerPackage(PKG_INSTALLATION_INSTALL, info, "demo", x, target));
     EXPECT_EQ(PKG_ERR_BAD_PACKAGE, pm.getResult());
     EXPECT_FALSE(ZARNPathExists(reg));
-    EXPECT_NE(std::string::npos, logText().find("Failed to validate package INFO"));
+    EXPECT_TRUE(logged("Failed to validate package INFO"));
 }
 
 }  // namespace

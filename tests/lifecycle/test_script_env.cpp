@@ -108,9 +108,8 @@ TEST_F(ScriptEnv, UnsetRulesAndSystemLanguage) {
     // Without a language setting the value stays empty and the gap is logged.
     writeFile("/etc/zarninfo.conf", "timezone=\"UTC\"\n");
     Env bare = childEnv(record("x"), PKG_INSTALLATION_NONE, nullptr);
-    EXPECT_TRUE(has(bare, "ZARNPKG_KOS_LANGUAGE"));
-    EXPECT_EQ(bare["ZARNPKG_KOS_LANGUAGE"], "");
-    EXPECT_NE(logText().find("Not find language in /etc/zarninfo.conf"), std::string::npos);
+    EXPECT_EQ(bare.at("ZARNPKG_KOS_LANGUAGE"), "");
+    EXPECT_TRUE(logged("Not find language in /etc/zarninfo.conf"));
 }
 
 TEST_F(ScriptEnv, UpgradeFoldersAndVolumes) {
@@ -154,8 +153,8 @@ TEST_F(ScriptEnv, WizardValuesComeAndGo) {
     for (const auto& entry : env) {
         EXPECT_FALSE(entry.first.empty()) << "an entry without a name: " << entry.second;
     }
-    EXPECT_NE(logText().find("Skip wizard value of w: [BAD=NAME]"), std::string::npos);
-    EXPECT_NE(logText().find("Skip wizard value of w: []"), std::string::npos);
+    EXPECT_TRUE(logged("Skip wizard value of w: [BAD=NAME]"));
+    EXPECT_TRUE(logged("Skip wizard value of w: []"));
     EXPECT_EQ(PMSGetWizardEnv().getMemberNames(),
               (std::vector<std::string>{"WIZ_PORT", "wiz_flag"}));
 
@@ -227,22 +226,21 @@ TEST_F(ScriptEnv, PrepareEnvAndCleanAll) {
 }
 
 TEST_F(ScriptEnv, TypeTextAndWizardScriptPreparation) {
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_NONE), "(system) trigger");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_INSTALL), "install");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_UPGRADE), "upgrade");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_UNINSTALL), "uninstall");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_START), "start");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_STOP), "stop");
-    EXPECT_EQ(parseInstallTypeToStr(PKG_INSTALLATION_RESTART), "restart");
-    EXPECT_EQ(parseInstallTypeToStr(static_cast<PKG_INSTALLATION_TYPE>(64)), "(system) trigger");
+    std::string texts;
+    for (int type : {PKG_INSTALLATION_NONE, PKG_INSTALLATION_INSTALL, PKG_INSTALLATION_UPGRADE,
+                     PKG_INSTALLATION_UNINSTALL, PKG_INSTALLATION_START, PKG_INSTALLATION_STOP,
+                     PKG_INSTALLATION_RESTART, static_cast<PKG_INSTALLATION_TYPE>(64)}) {
+        texts += parseInstallTypeToStr(static_cast<PKG_INSTALLATION_TYPE>(type)) + ",";
+    }
+    EXPECT_EQ(texts,
+              "(system) trigger,install,upgrade,uninstall,start,stop,restart,(system) trigger,");
 
     const std::string logFile = "/tmp/wizard.out";
     PackageInfo fresh = record("wiz");
     ZARNUtils::ProcessRunner upgrade({"/usr/bin/env"});
     EXPECT_FALSE(PMSPrepareWizardScriptEnv(PKG_INSTALLATION_UPGRADE, fresh, upgrade, logFile, "enu",
                                            nullptr, nullptr, nullptr, nullptr));
-    EXPECT_NE(logText().find("Previous wiz not installed, upgrade not possible"),
-              std::string::npos);
+    EXPECT_TRUE(logged("Previous wiz not installed, upgrade not possible"));
     ZARNUtils::ProcessRunner start({"/usr/bin/env"});
     EXPECT_FALSE(PMSPrepareWizardScriptEnv(PKG_INSTALLATION_START, fresh, start, logFile, "enu",
                                            nullptr, nullptr, nullptr, nullptr));
@@ -277,11 +275,8 @@ TEST_F(ScriptEnv, ScriptMaskRepairsModes) {
     EXPECT_FALSE(PMSCheckIsExec(dir + "/postinst"));
     EXPECT_EQ(PMGetScriptMask(dir),
               PKG_SCRIPT_START_STOP_STATUS | PKG_SCRIPT_POSTINST | PKG_SCRIPT_POSTUPGRADE);
-    struct stat st;
-    ASSERT_TRUE(ZARNStat(dir + "/postinst", st));
-    EXPECT_EQ(st.st_mode & 07777, 0700u);
-    ASSERT_TRUE(ZARNStat(dir + "/start-stop-status", st));
-    EXPECT_EQ(st.st_mode & 07777, 0755u) << "a runnable script keeps its mode";
+    EXPECT_EQ(modeOf(dir + "/postinst"), 0700u);
+    EXPECT_EQ(modeOf(dir + "/start-stop-status"), 0755u) << "a runnable script keeps its mode";
     EXPECT_TRUE(PMSCheckIsExec(dir + "/postinst"));
     // An empty script counts in the mask but is no script for the pipelines.
     EXPECT_FALSE(PMSCheckIsExec(dir + "/postupgrade"));

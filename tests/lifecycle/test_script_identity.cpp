@@ -129,7 +129,7 @@ TEST_F(ScriptIdentity, RunAsRootStaysRootAsRoot) {
     EXPECT_FALSE(pm.getServiceStatus("ghostpkg", running, true));
     EXPECT_FALSE(running);
     EXPECT_EQ(pm.getResult(), PKG_ERR_SYSTEM);
-    EXPECT_NE(logText().find("Failed to query package status, ghostpkg"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to query package status, ghostpkg"));
     EXPECT_FALSE(IsFileExists("/volume1/@appstore/ghostpkg/status-ran"));
 }
 

@@ -51,8 +51,9 @@ protected:
         ASSERT_TRUE(ZARNFileWrite(logical, qartest::RawTar(members, terminate)));
     }
 
-    // Every reader refuses the archive and leaves the root as it found it.
-    void expectRefused(const std::string& file, const std::string& marker) {
+    // Every reader refuses the archive and leaves the root as it found it, with nothing
+    // written where a hostile member aims.
+    void expectRefused(const std::string& file) {
         const std::vector<std::string> before = state();
         PackageManager pm;
         PackageInfo info;
@@ -68,10 +69,7 @@ protected:
         ASSERT_FALSE(message.empty());
         EXPECT_EQ(PMSFileCheckMessage(PKG_ERR_BROKEN, Json::Value(), displayName)[0], message[0]);
         EXPECT_EQ(before, state()) << "something was left behind or removed for " << file;
-        EXPECT_FALSE(ZARNPathExists("/" + marker));
-        EXPECT_FALSE(ZARNPathExists("/volume1/" + marker));
-        EXPECT_FALSE(ZARNPathExists("/volume1/@tmp/" + marker));
-        EXPECT_NE(std::string::npos, logText().find("Refused archive")) << file;
+        EXPECT_TRUE(logged("Refused archive")) << file;
     }
 };
 
@@ -98,7 +96,7 @@ TEST_F(HostileQarTest, MembersThatReachOutAreRefused) {
         all.insert(all.end(), members.begin(), members.end());
         writeRaw("/tmp/case.qar", all);
         SCOPED_TRACE(members[0].name);
-        expectRefused("/tmp/case.qar", marker);
+        expectRefused("/tmp/case.qar");
     }
     // Links that stay inside are fine.
     writeRaw("/tmp/fine.qar", {{"INFO", info()},
@@ -136,12 +134,12 @@ TEST_F(HostileQarTest, SparseMembersThatRenameThemselvesAreRefused) {
     std::string listing;
     qartest::Run({"/bin/tar", "tf", phys("/tmp/sparse.qar")}, &listing);
     EXPECT_NE(std::string::npos, listing.find("conf/" + marker)) << listing;
-    expectRefused("/tmp/sparse.qar", marker);
-    EXPECT_NE(std::string::npos, logText().find("sparse member"));
+    expectRefused("/tmp/sparse.qar");
+    EXPECT_TRUE(logged("sparse member"));
     // Global headers may not carry them either.
     writeRaw("/tmp/gsparse.qar",
              {{"PaxHeaders/global", PaxRecord("GNU.sparse.major", "1"), 'g'}, {"INFO", info()}});
-    expectRefused("/tmp/gsparse.qar", marker);
+    expectRefused("/tmp/gsparse.qar");
 }
 
 TEST_F(HostileQarTest, SizesNearTheLimitOfTheirFieldAreRefused) {
@@ -166,12 +164,12 @@ TEST_F(HostileQarTest, SizesNearTheLimitOfTheirFieldAreRefused) {
     std::string why;
     EXPECT_EQ(TarScanStatus::BadHeader, PMSTarScan("/tmp/wrap.qar", members, why));
     EXPECT_NE(std::string::npos, why.find("bad size")) << why;
-    expectRefused("/tmp/wrap.qar", "conf/x");
+    expectRefused("/tmp/wrap.qar");
     // The same through a pax size.
     writeRaw("/tmp/paxwrap.qar", {{"INFO", info()},
                                   {"PaxHeaders/x", PaxRecord("size", "18446744073709551615"), 'x'},
                                   {"conf/x", "x"}});
-    expectRefused("/tmp/paxwrap.qar", "conf/x");
+    expectRefused("/tmp/paxwrap.qar");
 }
 
 TEST_F(HostileQarTest, HugeInfoIsRefusedWithoutReadingIt) {
@@ -188,7 +186,7 @@ TEST_F(HostileQarTest, HugeInfoIsRefusedWithoutReadingIt) {
         pm.queryPackageFileInfo("/tmp/bigtinfo.qar", record, PKG_INSTALLATION_NONE, "enu"));
     EXPECT_TRUE(record.name.empty());
     EXPECT_EQ(before, state());
-    EXPECT_NE(std::string::npos, logText().find("larger than allowed"));
+    EXPECT_TRUE(logged("larger than allowed"));
 }
 
 TEST_F(HostileQarTest, TruncatedAndNonTarFilesAreRefused) {
@@ -237,10 +235,7 @@ TEST_F(HostileQarTest, DecompressionBombIsNeverUnpackedAndIsCaughtByThePayloadCh
     bomb.size = static_cast<long long>(inner);
     std::string tarStream = qartest::TarHeader(bomb);
     tarStream.append(inner + 1024, '\0');
-    ZARNUtils::ProcessRunner gz({"/bin/gzip", "-9", "-c"});
-    gz.captureOutput().setInput(tarStream);
-    ASSERT_EQ(0, gz.run());
-    const std::string tgz = gz.getStdout();
+    const std::string tgz = qartest::Gzip(tarStream, true);
     tarStream.clear();
     ASSERT_LT(tgz.size() * 1000, inner);
     ASSERT_TRUE(ZARNFileWrite("/tmp/bomb.tgz", tgz));
@@ -268,29 +263,23 @@ TEST_F(HostileQarTest, DecompressionBombIsNeverUnpackedAndIsCaughtByThePayloadCh
 }
 
 TEST_F(HostileQarTest, PayloadWithBadNamesIsRefusedByThePayloadCheck) {
-    const std::string tar = qartest::RawTar({{"../../etc/evil", "x"}});
-    ZARNUtils::ProcessRunner gz({"/bin/gzip", "-c"});
-    gz.captureOutput().setInput(tar);
-    ASSERT_EQ(0, gz.run());
-    ASSERT_TRUE(ZARNFileWrite("/tmp/evil.tgz", gz.getStdout()));
     unsigned long long total = 0;
     std::string why;
-    EXPECT_FALSE(PMSPayloadVet("/tmp/evil.tgz", 1ULL << 40, total, why));
-    EXPECT_NE(std::string::npos, why.find("..")) << why;
-    ASSERT_TRUE(ZARNFileWrite("/tmp/plain.tgz", "not gzip"));
-    EXPECT_FALSE(PMSPayloadVet("/tmp/plain.tgz", 1ULL << 40, total, why));
-
-    // The other tricks of the archive check, inside the payload.
-    auto gzipped = [](const std::string& data) {
-        ZARNUtils::ProcessRunner z({"/bin/gzip", "-c"});
-        z.captureOutput().setInput(data);
-        EXPECT_EQ(0, z.run());
-        return z.getStdout();
+    // Writes a payload file and checks it.
+    auto vet = [&](const std::string& tgz) {
+        EXPECT_TRUE(ZARNFileWrite("/tmp/case.tgz", tgz));
+        why.clear();
+        return PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why);
     };
+    const std::vector<std::string> before = state();
+    EXPECT_FALSE(vet("not gzip"));
+
+    // The tricks of the archive check, inside the payload.
     const struct {
         std::vector<RawMember> members;
         std::string reason;
     } cases[] = {
+        {{{"../../etc/evil", "x"}}, ".."},
         {{{"/etc/evil", "x"}}, "absolute"},
         {{{"lib", "", '2', "/etc"}, {"lib/evil", "x"}}, "symbolic link"},
         {{{"lib", "", '2', "sub"}, {"lib/evil", "x"}}, "symbolic link"},
@@ -298,41 +287,33 @@ TEST_F(HostileQarTest, PayloadWithBadNamesIsRefusedByThePayloadCheck) {
         {{{"null", "", '3', "", 0600, -1, 1, 3}}, "device"},
         {{{"fifo", "", '6'}}, "FIFO"},
     };
-    const std::vector<std::string> before = state();
     for (const auto& c : cases) {
-        ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", gzipped(qartest::RawTar(c.members))));
-        why.clear();
-        EXPECT_FALSE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why)) << c.reason;
+        const std::string tgz = qartest::Gzip(qartest::RawTar(c.members));
+        EXPECT_FALSE(vet(tgz)) << c.reason;
         EXPECT_NE(std::string::npos, why.find(c.reason)) << why;
         // The file check finds the same inside a whole package.
-        std::string err;
-        ASSERT_TRUE(
-            ZARNFileWrite("/tmp/case.qar",
-                          qartest::RawTar({{"INFO", info()},
-                                           {"package.tgz", gzipped(qartest::RawTar(c.members))}})));
+        ASSERT_TRUE(ZARNFileWrite("/tmp/case.qar",
+                                  qartest::RawTar({{"INFO", info()}, {"package.tgz", tgz}})));
         why.clear();
         EXPECT_FALSE(PMSQarPayloadVet("/tmp/case.qar", why)) << c.reason;
         EXPECT_NE(std::string::npos, why.find(c.reason)) << why;
     }
     ASSERT_TRUE(ZARNUnlink("/tmp/case.qar"));
     // Links of a payload may point anywhere, as long as nothing is written through them.
-    ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz",
-                              gzipped(qartest::RawTar({{"etc", "", '2', "/etc"},
-                                                       {"up", "", '2', "../../x"},
-                                                       {"bin/run", "x"},
-                                                       {"bin/same", "", '1', "bin/run"}}))));
-    EXPECT_TRUE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why)) << why;
+    EXPECT_TRUE(vet(qartest::Gzip(qartest::RawTar({{"etc", "", '2', "/etc"},
+                                                   {"up", "", '2', "../../x"},
+                                                   {"bin/run", "x"},
+                                                   {"bin/same", "", '1', "bin/run"}}))))
+        << why;
     // A payload cut short, and one with a great deal of data after its end.
-    const std::string good = gzipped(qartest::RawTar({{"bin/run", std::string(100000, 'r')}}));
-    ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", good));
-    EXPECT_TRUE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why)) << why;
+    const std::string good =
+        qartest::Gzip(qartest::RawTar({{"bin/run", std::string(100000, 'r')}}));
+    EXPECT_TRUE(vet(good)) << why;
     EXPECT_EQ(100000u, total);
-    ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", good.substr(0, good.size() / 2)));
-    EXPECT_FALSE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why));
+    EXPECT_FALSE(vet(good.substr(0, good.size() / 2)));
     std::string tail = qartest::RawTar({{"bin/run", "x"}});
     tail.append(4 * 1024 * 1024, 'j');
-    ASSERT_TRUE(ZARNFileWrite("/tmp/case.tgz", gzipped(tail)));
-    EXPECT_FALSE(PMSPayloadVet("/tmp/case.tgz", 1ULL << 40, total, why));
+    EXPECT_FALSE(vet(qartest::Gzip(tail)));
     EXPECT_NE(std::string::npos, why.find("after the end")) << why;
     EXPECT_FALSE(PMSPayloadVet("/tmp/none.tgz", 1ULL << 40, total, why));
     ASSERT_TRUE(ZARNUnlink("/tmp/case.tgz"));
@@ -385,8 +366,7 @@ TEST_F(HostileQarTest, UnpackedPackageIsVettedWithoutFollowingLinks) {
         if (geteuid() == 0 || c.reason != "device node") {
             EXPECT_NE(std::string::npos, why.find(c.reason)) << why;
         }
-        EXPECT_NE(std::string::npos, logText().find("Refused package member " + c.member))
-            << logText();
+        EXPECT_TRUE(logged("Refused package member " + c.member)) << logText();
     }
     // Set-ID bits: cleared, kept as far as a tool entry says, and never touched through a link.
     fresh();
@@ -401,14 +381,9 @@ TEST_F(HostileQarTest, UnpackedPackageIsVettedWithoutFollowingLinks) {
                             "permission": "4750"}]})");
     std::string why;
     EXPECT_TRUE(PMSVetUnpackedPackage(x, why)) << why;
-    auto mode = [&](const std::string& logical) {
-        struct stat st = {};
-        EXPECT_TRUE(ZARNLstat(logical, st)) << logical;
-        return st.st_mode & 07777;
-    };
-    EXPECT_EQ(0755u, mode(x + "/package/bin/plain"));
-    EXPECT_EQ(04755u, mode(x + "/package/bin/kept"));
-    EXPECT_EQ(04755u, mode("/etc/outside"));
+    EXPECT_EQ(0755u, modeOf(x + "/package/bin/plain"));
+    EXPECT_EQ(04755u, modeOf(x + "/package/bin/kept"));
+    EXPECT_EQ(04755u, modeOf("/etc/outside"));
 }
 
 TEST_F(HostileQarTest, DeepWizardWithALargeValueIsWalkedInItsOwnSize) {

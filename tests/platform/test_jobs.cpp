@@ -77,7 +77,7 @@ TEST_F(JobRunnerTest, RunsBlocksInsideTheRoot) {
     EXPECT_EQ(phase, ZARN_JOB_PHASE_FAILED);
     EXPECT_FALSE(ZARNPathExists("/tmp/KOSTaskMgr/ran")) << "the block stops at its first failure";
     EXPECT_LT(VLIBServiceStart("nojob"), 0);
-    EXPECT_NE(logText().find("Service nojob has no job"), std::string::npos);
+    EXPECT_TRUE(logged("Service nojob has no job"));
 }
 
 TEST_F(JobRunnerTest, EnablesAndDisablesThroughTheOverride) {

@@ -12,6 +12,7 @@
 #include "platform/locks.h"
 #include "platform/process.h"
 #include "platform/scope_guard.h"
+#include "support/lock_holder.h"
 #include "support/temproot.h"
 
 namespace {
@@ -52,29 +53,8 @@ TEST_F(LocksTest, PathsAndReentry) {
 }
 
 TEST_F(LocksTest, TimeoutAgainstAnotherProcess) {
-    int fds[4];
-    ASSERT_EQ(pipe(fds), 0);
-    ASSERT_EQ(pipe(fds + 2), 0);
-    Fd readyRead(fds[0]), readyWrite(fds[1]), releaseRead(fds[2]), releaseWrite(fds[3]);
-    pid_t holder = fork();
-    ASSERT_GE(holder, 0);
-    if (holder == 0) {
-        readyRead.reset();
-        releaseWrite.reset();
-        char byte = VLIBCFileLock(PackageLockId, 0) == 0 ? 'y' : 'n';
-        if (write(readyWrite.get(), &byte, 1) != 1) {
-            _exit(2);
-        }
-        // Holds the lock until the parent has seen it fail.
-        ssize_t ignored = read(releaseRead.get(), &byte, 1);
-        (void)ignored;
-        _exit(0);
-    }
-    readyWrite.reset();
-    releaseRead.reset();
-    char byte = 0;
-    ASSERT_EQ(read(readyRead.get(), &byte, 1), 1);
-    ASSERT_EQ(byte, 'y');
+    ChildLockHolder holder([] { return VLIBCFileLock(PackageLockId, 0) == 0; });
+    ASSERT_TRUE(holder.took());
 
     const auto start = std::chrono::steady_clock::now();
     errno = 0;
@@ -98,10 +78,7 @@ TEST_F(LocksTest, TimeoutAgainstAnotherProcess) {
         EXPECT_EQ(ZARNLockWaitLimit(PKG_LOCK_WAIT_SECONDS), PKG_LOCK_WAIT_SECONDS) << bad;
     }
 
-    releaseWrite.reset();
-    int status = 0;
-    ASSERT_EQ(waitpid(holder, &status, 0), holder);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(holder.release());
     EXPECT_EQ(VLIBCFileLock(PackageLockId, 2), 0) << "free once its holder is gone";
     EXPECT_EQ(VLIBCFileUnlock(PackageLockId), 0);
 }

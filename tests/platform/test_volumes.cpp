@@ -13,9 +13,6 @@
 
 namespace {
 
-constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
-constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
-
 std::vector<int> Ids(const std::vector<ZARNMountVolInfo>& volumes) {
     std::vector<int> ids;
     for (const auto& volume : volumes) {
@@ -28,9 +25,6 @@ std::vector<int> Ids(const std::vector<ZARNMountVolInfo>& volumes) {
 
 class VolumesTest : public TempRootTest {
 protected:
-    void makeVolume(const std::string& path) {
-        ASSERT_EQ(ZARNFSMkdirP(path, 0, 0, kKeepUid, kKeepGid, 0755), 0);
-    }
     void writeConf(const std::string& json) { writeFile(ZARN_VOLUMES_CONF, json); }
 };
 
@@ -38,12 +32,9 @@ TEST_F(VolumesTest, HostInitMakesOneGenericVolume) {
     EXPECT_TRUE(ZARNIsDir("/volume1"));
     Json::Value conf;
     ASSERT_TRUE(Json::fromFile(conf, ZARN_VOLUMES_CONF));
-    ASSERT_TRUE(conf["volumes"].isArray());
-    ASSERT_EQ(conf["volumes"].size(), 1u);
-    EXPECT_EQ(conf["volumes"][0]["path"].asString(), "/volume1");
-    EXPECT_TRUE(conf["volumes"][0]["writable"].asBool());
-    EXPECT_TRUE(conf["volumes"][0]["generic"].asBool());
-    EXPECT_FALSE(conf["dock_host"].asBool());
+    EXPECT_EQ(Json::toCompactString(conf),
+              R"({"dock_host":false,"space_caps":{},"volumes":[{"crashed":false,"created":true,)"
+              R"("generic":true,"path":"/volume1","writable":true}]})");
 
     // More volumes are added beside the entries already there, which keep what they say.
     conf["volumes"][0]["writable"] = false;
@@ -53,9 +44,7 @@ TEST_F(VolumesTest, HostInitMakesOneGenericVolume) {
     EXPECT_TRUE(ZARNIsDir("/volume2"));
     EXPECT_TRUE(ZARNIsDir("/volume3"));
     // Each volume has a temporary folder that every account can reach.
-    struct stat st;
-    ASSERT_TRUE(ZARNStat("/volume3/@tmp", st));
-    EXPECT_EQ(st.st_mode & 07777, 01777u);
+    EXPECT_EQ(modeOf("/volume3/@tmp"), 01777u);
     ASSERT_TRUE(Json::fromFile(conf, ZARN_VOLUMES_CONF));
     ASSERT_EQ(conf["volumes"].size(), 3u);
     EXPECT_FALSE(conf["volumes"][0]["writable"].asBool());
@@ -69,11 +58,11 @@ TEST_F(VolumesTest, HostInitMakesOneGenericVolume) {
 }
 
 TEST_F(VolumesTest, EnumerationFollowsFoldersAndConf) {
-    makeVolume("/volume2");
-    makeVolume("/volume10");
-    makeVolume("/volume0");
-    makeVolume("/volumeX");
-    makeVolume("/volume02");
+    makeDir("/volume2");
+    makeDir("/volume10");
+    makeDir("/volume0");
+    makeDir("/volumeX");
+    makeDir("/volume02");
     writeFile("/volume3", "not a folder");
     writeConf(R"({"volumes": [{"path": "/volume2", "generic": false},
                               {"path": "/volume10", "created": false}]})");
@@ -102,7 +91,7 @@ TEST_F(VolumesTest, EnumerationFollowsFoldersAndConf) {
 }
 
 TEST_F(VolumesTest, MountInfoAndAttributes) {
-    makeVolume("/volume2");
+    makeDir("/volume2");
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 123456},
                               {"path": "/volume2", "crashed": true, "generic": false}]})");
 
@@ -110,8 +99,7 @@ TEST_F(VolumesTest, MountInfoAndAttributes) {
     ASSERT_EQ(ZARNMountVolInfoGet("/volume1/@appstore/demo", &info), 0);
     EXPECT_EQ(info.id, 1);
     EXPECT_EQ(info.path, "/volume1");
-    EXPECT_TRUE(info.writable);
-    EXPECT_TRUE(info.created);
+    EXPECT_TRUE(info.writable && info.created);
     EXPECT_EQ(info.freeBytes, 123456u);
     EXPECT_LE(info.totalBytes, 123456u);
     ZARNMountVolInfoFree(&info);
@@ -147,7 +135,7 @@ TEST_F(VolumesTest, MountInfoAndAttributes) {
 
 // The file is edited by hand: values of the wrong type keep their defaults and throw nothing.
 TEST_F(VolumesTest, ConfOfWrongTypesKeepsDefaults) {
-    makeVolume("/volume2");
+    makeDir("/volume2");
     writeConf(R"({"dock_host": "yes",
                   "volumes": [{"path": "/volume1", "writable": "no", "crashed": [1],
                                "generic": {"a": 1}, "space_cap": 1e300},
@@ -176,14 +164,12 @@ TEST_F(VolumesTest, ConfOfWrongTypesKeepsDefaults) {
     }
     EXPECT_TRUE(listed);
     EXPECT_FALSE(ZARNHostVolumesInit(0, error));
-    EXPECT_NE(logText().find("Failed to prepare the volumes of the host: " + error),
-              std::string::npos)
-        << logText();
+    EXPECT_TRUE(logged("Failed to prepare the volumes of the host: " + error)) << logText();
 }
 
 TEST_F(VolumesTest, AvailablePicksFirstVolumeWithRoom) {
-    makeVolume("/volume2");
-    makeVolume("/volume3");
+    makeDir("/volume2");
+    makeDir("/volume3");
     writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 1000},
                               {"path": "/volume2", "space_cap": 5000},
                               {"path": "/volume3", "generic": false, "space_cap": 90000}]})");
@@ -227,42 +213,41 @@ TEST_F(VolumesTest, AvailablePicksFirstVolumeWithRoom) {
 }
 
 TEST_F(VolumesTest, PathParsing) {
-    std::string volume;
-    EXPECT_EQ(VolumePathParse("/volume3/a/b", volume), 0);
-    EXPECT_EQ(volume, "/volume3");
-    EXPECT_EQ(VolumePathParse("/volume12", volume), 0);
-    EXPECT_EQ(volume, "/volume12");
-    for (const char* bad : {"/volume", "/volume1x", "/volume01", "/volume0", "volume1",
-                            "/tmp/volume1", "/usr/local/packages/a", ""}) {
+    // The result code and what was left in the output ("kept" when untouched).
+    auto parse = [](const char* path, bool ex) {
         std::string out = "kept";
-        EXPECT_EQ(VolumePathParse(bad, out), -1) << bad;
-        EXPECT_EQ(out, "kept") << bad;
+        const int rc = ex ? VolumePathParseEx(path, out) : VolumePathParse(path, out);
+        return std::to_string(rc) + " " + out;
+    };
+    auto shareTmp = [](const char* path, size_t size) {
+        char buf[64] = "kept";
+        return std::to_string(ZARNShareTmpPathGet(path, buf, size)) + " " + buf;
+    };
+    EXPECT_EQ(parse("/volume3/a/b", false), "0 /volume3");
+    EXPECT_EQ(parse("/volume12", false), "0 /volume12");
+    for (const char* bad : {"/volume", "/volume1x", "/volume01", "/volume0", "volume1",
+                            "/tmp/volume1", "/usr/local/packages/a", "", (const char*)nullptr}) {
+        EXPECT_EQ(parse(bad, false), "-1 kept") << (bad ? bad : "null");
     }
-    EXPECT_EQ(VolumePathParse(nullptr, volume), -1);
 
     // The extended form follows links and wants an existing volume.
-    makeVolume("/volume2/@appstore/demo");
-    ASSERT_EQ(ZARNFSMkdirP("/var/packages/demo", 0, 0, kKeepUid, kKeepGid, 0755), 0);
+    makeDir("/volume2/@appstore/demo");
+    makeDir("/var/packages/demo");
     ASSERT_TRUE(ZARNSymlink("/volume2/@appstore/demo", "/var/packages/demo/target"));
-    EXPECT_EQ(VolumePathParseEx("/var/packages/demo/target", volume), 0);
-    EXPECT_EQ(volume, "/volume2");
-    EXPECT_EQ(VolumePathParseEx("/volume1/@appstore", volume), 0);
-    EXPECT_EQ(volume, "/volume1");
-    EXPECT_EQ(VolumePathParseEx("/volume5/@appstore", volume), -1);
+    EXPECT_EQ(parse("/var/packages/demo/target", true), "0 /volume2");
+    EXPECT_EQ(parse("/volume1/@appstore", true), "0 /volume1");
+    EXPECT_EQ(parse("/volume5/@appstore", true), "-1 kept");
     EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_UNKNOWN);
-    EXPECT_EQ(VolumePathParseEx("relative/path", volume), -1);
+    EXPECT_EQ(parse("relative/path", true), "-1 kept");
 
-    char buf[64];
-    EXPECT_EQ(ZARNShareTmpPathGet("/volume2", buf, sizeof(buf)), 0);
-    EXPECT_STREQ(buf, "/volume2/@tmp");
-    EXPECT_EQ(ZARNShareTmpPathGet("/volume2/@appstore", buf, sizeof(buf)), 0);
-    EXPECT_STREQ(buf, "/volume2/@tmp");
-    EXPECT_EQ(ZARNShareTmpPathGet("/volume2", buf, 8), -1);
-    EXPECT_EQ(ZARNShareTmpPathGet("/tmp", buf, sizeof(buf)), -1);
+    EXPECT_EQ(shareTmp("/volume2", 64), "0 /volume2/@tmp");
+    EXPECT_EQ(shareTmp("/volume2/@appstore", 64), "0 /volume2/@tmp");
+    EXPECT_EQ(shareTmp("/volume2", 8).substr(0, 3), "-1 ");
+    EXPECT_EQ(shareTmp("/tmp", 64).substr(0, 3), "-1 ");
 }
 
 TEST_F(VolumesTest, FileSystemInfoTellsBrokenVolumes) {
-    makeVolume("/volume2");
+    makeDir("/volume2");
     writeConf(R"({"volumes": [{"path": "/volume2", "crashed": true, "space_cap": 777}]})");
     ZARNFSInfo info;
     EXPECT_EQ(FSInfoGet("/volume1", &info), 1);
@@ -291,19 +276,18 @@ TEST_F(VolumesTest, StatfsAppliesTheLongestCap) {
 
     writeConf(R"({"space_caps": {"/": 5000, "/tmp": 3000},
                   "volumes": [{"path": "/volume1", "space_cap": 4000}]})");
+    makeDir("/tmpx");
     ZARNStatfsInfo st;
-    ASSERT_TRUE(ZARNStatfs("/tmp/lock", st));
-    EXPECT_EQ(st.blockSize * st.availBlocks, 3000u);
-    ASSERT_TRUE(ZARNStatfs("/var", st));
-    EXPECT_EQ(st.blockSize * st.availBlocks, 5000u);
-    EXPECT_EQ(st.blockSize * st.freeBlocks, 5000u);
-    ASSERT_TRUE(ZARNStatfs("/volume1", st));
-    EXPECT_EQ(st.blockSize * st.availBlocks, 4000u);
     // "/tmpx" is not inside "/tmp".
-    ASSERT_EQ(ZARNFSMkdirP("/tmpx", 0, 0, kKeepUid, kKeepGid, 0755), 0);
-    ASSERT_TRUE(ZARNStatfs("/tmpx", st));
-    EXPECT_EQ(st.blockSize * st.availBlocks, 5000u);
-
+    for (const auto& [path, avail] : {std::pair<const char*, unsigned long long>{"/tmp/lock", 3000},
+                                      {"/var", 5000},
+                                      {"/volume1", 4000},
+                                      {"/tmpx", 5000}}) {
+        ASSERT_TRUE(ZARNStatfs(path, st)) << path;
+        EXPECT_EQ(st.blockSize * st.availBlocks, avail) << path;
+    }
+    ASSERT_TRUE(ZARNStatfs("/var", st));
+    EXPECT_EQ(st.blockSize * st.freeBlocks, 5000u);
     EXPECT_FALSE(ZARNStatfs("/no/such/place", st));
     EXPECT_FALSE(ZARNStatfs("relative", st));
 }

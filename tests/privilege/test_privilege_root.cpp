@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,30 +20,37 @@ using namespace ZARNPackageTool::Privilege;
 
 namespace {
 
-struct Owner {
-    uid_t uid = 0;
-    gid_t gid = 0;
-    mode_t mode = 0;
-};
+// "uid:gid:mode" in one string, so that owner and mode compare at once.
+std::string Own(unsigned uid, unsigned gid, unsigned mode) {
+    char text[64];
+    std::snprintf(text, sizeof(text), "%u:%u:%04o", uid, gid, mode & 07777);
+    return text;
+}
 
-Owner OwnerOf(const std::string& logical) {
+std::string OwnerOf(const std::string& logical) {
     struct stat st = {};
     EXPECT_TRUE(ZARNLstat(logical, st)) << logical;
-    return Owner{st.st_uid, st.st_gid, static_cast<mode_t>(st.st_mode & 07777)};
+    return Own(st.st_uid, st.st_gid, st.st_mode);
 }
 
-std::vector<std::string> Words(const std::string& text) {
+// The machine's own file (outside the root): owner, mode and change time.
+std::string MachineShadow() {
+    struct stat st = {};
+    const int rc = lstat("/etc/shadow", &st);
+    return std::to_string(rc) + " " + Own(st.st_uid, st.st_gid, st.st_mode) + " " +
+           std::to_string(st.st_ctim.tv_sec) + "." + std::to_string(st.st_ctim.tv_nsec);
+}
+
+using Set = std::set<std::string>;
+
+Set Words(const std::string& text) {
     std::istringstream in(text);
-    std::vector<std::string> words;
+    Set words;
     std::string word;
     while (in >> word) {
-        words.push_back(word);
+        words.insert(word);
     }
     return words;
-}
-
-bool Contains(const std::vector<std::string>& words, const std::string& word) {
-    return std::find(words.begin(), words.end(), word) != words.end();
 }
 
 }  // namespace
@@ -104,28 +113,19 @@ TEST_F(PrivilegeRootTest, ReviseFileAttrAndScriptIdentityAsRoot) {
     EXPECT_EQ(user.home, "/var/packages/pkga/target");
     std::vector<std::string> members;
     ASSERT_EQ(ZARNGroupListMember("users", members), 0);
-    EXPECT_TRUE(Contains(members, "pkga"));
+    EXPECT_NE(std::find(members.begin(), members.end(), "pkga"), members.end());
 
-    // Default owner over the whole tree, links themselves included.
-    Owner file = OwnerOf(top + "/data/file");
-    EXPECT_EQ(file.uid, user.uid);
-    EXPECT_EQ(file.gid, groupGid);
-    Owner link = OwnerOf(top + "/bin/link");
-    EXPECT_EQ(link.uid, user.uid);
-    EXPECT_EQ(OwnerOf(top).uid, user.uid);
-    // "system" gives group 1; "root" gives root; a tool keeps the owner and mode it names.
-    Owner sysexe = OwnerOf(top + "/bin/sysexe");
-    EXPECT_EQ(sysexe.uid, user.uid);
-    EXPECT_EQ(sysexe.gid, 1u);
-    Owner rootexe = OwnerOf(top + "/bin/rootexe");
-    EXPECT_EQ(rootexe.uid, 0u);
-    EXPECT_EQ(rootexe.gid, 0u);
-    Owner helper = OwnerOf(top + "/bin/helper");
-    EXPECT_EQ(helper.uid, 0u);
-    EXPECT_EQ(helper.gid, groupGid);
-    EXPECT_EQ(helper.mode, 04750u);
-    // Set-ID bits of the scripts are gone.
-    EXPECT_EQ(OwnerOf(staging + "/scripts/preinst").mode, 0755u);
+    // Default owner over the whole tree, links themselves included. "system" gives group 1;
+    // "root" gives root; a tool keeps the owner and mode it names. Set-ID bits of the scripts
+    // are gone.
+    const std::string pkg = std::to_string(user.uid) + ":" + std::to_string(groupGid) + ":";
+    EXPECT_EQ(OwnerOf(top + "/data/file"), pkg + "0644");
+    EXPECT_EQ(OwnerOf(top + "/bin/link"), pkg + "0777");
+    EXPECT_EQ(OwnerOf(top), pkg + "0755");
+    EXPECT_EQ(OwnerOf(top + "/bin/sysexe"), Own(user.uid, 1, 0755));
+    EXPECT_EQ(OwnerOf(top + "/bin/rootexe"), Own(0, 0, 0755));
+    EXPECT_EQ(OwnerOf(top + "/bin/helper"), Own(0, groupGid, 04750));
+    EXPECT_EQ(OwnerOf(staging + "/scripts/preinst"), Own(0, 0, 0755));
 
     // Again: the account is kept, the user is not added to the group twice.
     const std::string groupText = readFile("/etc/group");
@@ -141,24 +141,20 @@ TEST_F(PrivilegeRootTest, ReviseFileAttrAndScriptIdentityAsRoot) {
     const std::string gid = std::to_string(groupGid);
     EXPECT_EQ(runAs("pkga", "postinst", {"/usr/bin/id", "-u"}), uid + "\n");
     EXPECT_EQ(runAs("pkga", "postinst", {"/usr/bin/id", "-g"}), gid + "\n");
-    std::vector<std::string> groups = Words(runAs("pkga", "postinst", {"/usr/bin/id", "-G"}));
-    EXPECT_TRUE(Contains(groups, gid));
-    EXPECT_TRUE(Contains(groups, "100"));  // joined "users"
-    EXPECT_FALSE(Contains(groups, "0"));
+    // Its own group and the joined "users", never root's.
+    EXPECT_EQ(Words(runAs("pkga", "postinst", {"/usr/bin/id", "-G"})), (Set{gid, "100"}));
 
     EXPECT_EQ(runAs("pkga", "status", {"/usr/bin/id", "-u"}), uid + "\n");
     EXPECT_EQ(runAs("pkga", "status", {"/usr/bin/id", "-g"}), "1\n");
-    groups = Words(runAs("pkga", "status", {"/usr/bin/id", "-G"}));
-    EXPECT_TRUE(Contains(groups, gid));
-    EXPECT_FALSE(Contains(groups, "0"));
+    EXPECT_EQ(Words(runAs("pkga", "status", {"/usr/bin/id", "-G"})), (Set{"1", gid, "100"}));
 
     EXPECT_EQ(runAs("pkga", "preinst", {"/usr/bin/id", "-u"}), "0\n");
 
-    const std::vector<std::string> env = Words(runAs("pkga", "postinst", {"/usr/bin/env"}));
+    const Set env = Words(runAs("pkga", "postinst", {"/usr/bin/env"}));
     // The home is handed over as the machine's path of the account's home.
-    EXPECT_TRUE(Contains(env, "HOME=" + phys("/var/packages/pkga/target")));
-    EXPECT_TRUE(Contains(env, "USER=pkga"));
-    EXPECT_TRUE(Contains(env, "LOGNAME=pkga"));
+    EXPECT_EQ(env.count("HOME=" + phys("/var/packages/pkga/target")) + env.count("USER=pkga") +
+                  env.count("LOGNAME=pkga"),
+              3u);
 
     // The library's own process never changed identity.
     EXPECT_EQ(geteuid(), 0u);
@@ -168,24 +164,16 @@ TEST_F(PrivilegeRootTest, ReviseFileAttrAndScriptIdentityAsRoot) {
     // package's account.
     const std::string rootTmp = GetTmpFolderPath("nopriv", "/volume1");
     ASSERT_TRUE(CreateTmpFolder("nopriv", rootTmp)) << logText();
-    Owner rootTmpOwner = OwnerOf(rootTmp);
-    EXPECT_EQ(rootTmpOwner.uid, 0u);
-    EXPECT_EQ(rootTmpOwner.gid, 0u);
-    EXPECT_EQ(rootTmpOwner.mode, 0700u);
+    EXPECT_EQ(OwnerOf(rootTmp), Own(0, 0, 0700));
     // The folder above the private ones belongs to the system and is passable by everyone.
-    Owner tmpParent = OwnerOf("/volume1/@tmp/zarnpkg.tmp");
-    EXPECT_EQ(tmpParent.uid, 0u);
-    EXPECT_EQ(tmpParent.mode, 0755u);
+    EXPECT_EQ(OwnerOf("/volume1/@tmp/zarnpkg.tmp"), Own(0, 0, 0755));
     const std::string tmp = GetTmpFolderPath("pkga", "/volume1");
     ASSERT_TRUE(CreateTmpFolder("pkga", tmp)) << logText();
-    Owner tmpOwner = OwnerOf(tmp);
-    EXPECT_EQ(tmpOwner.uid, user.uid);
-    EXPECT_EQ(tmpOwner.gid, groupGid);
-    EXPECT_EQ(tmpOwner.mode, 0700u);
+    EXPECT_EQ(OwnerOf(tmp), pkg + "0700");
     // The package's own scripts can keep files there.
     ASSERT_TRUE(ZARNChmod("/", 0755));
     runAs("pkga", "postinst", {"/usr/bin/touch", phys(tmp + "/kept")});
-    EXPECT_EQ(OwnerOf(tmp + "/kept").uid, user.uid);
+    EXPECT_EQ(OwnerOf(tmp + "/kept").substr(0, pkg.size()), pkg);
 }
 
 TEST_F(PrivilegeRootTest, DefaultOwnersAsRoot) {
@@ -200,18 +188,14 @@ TEST_F(PrivilegeRootTest, DefaultOwnersAsRoot) {
     ASSERT_EQ(ZARNGroupGetGID("svcgroup", &svcGid), 0);
     EXPECT_EQ(gid, svcGid);
     EXPECT_LT(ZARNUserGetUGID("pkgb", nullptr, nullptr), 0);
-    Owner file = OwnerOf(top + "/data/file");
-    EXPECT_EQ(file.uid, uid);
-    EXPECT_EQ(file.gid, 1u);
+    EXPECT_EQ(OwnerOf(top + "/data/file"), Own(uid, 1, 0644));
 
     // "root": the owner stays as it was.
     ASSERT_TRUE(ZARNRemoveTree(staging));
     makeStaging(R"({"defaults": {"run-as": "root"}})");
     ASSERT_TRUE(ZARNChown(top + "/data/file", 4321, 4322));
     ASSERT_TRUE(ReviseFileAttr("pkgc", staging, false)) << logText();
-    file = OwnerOf(top + "/data/file");
-    EXPECT_EQ(file.uid, 4321u);
-    EXPECT_EQ(file.gid, 4322u);
+    EXPECT_EQ(OwnerOf(top + "/data/file"), Own(4321, 4322, 0644));
     EXPECT_EQ(ZARNUserGetUGID("pkgc", nullptr, nullptr), 0);  // the account is made all the same
 
     // Ownership skipped: the account is prepared, the files stay.
@@ -219,15 +203,15 @@ TEST_F(PrivilegeRootTest, DefaultOwnersAsRoot) {
     makeStaging("{}");
     ASSERT_TRUE(ReviseFileAttr("pkgd", staging, true)) << logText();
     EXPECT_EQ(ZARNUserGetUGID("pkgd", nullptr, nullptr), 0);
-    EXPECT_EQ(OwnerOf(top + "/data/file").uid, 0u);
-    EXPECT_EQ(OwnerOf(staging + "/scripts/preinst").mode, 0755u);
+    EXPECT_EQ(OwnerOf(top + "/data/file"), Own(0, 0, 0644));
+    EXPECT_EQ(OwnerOf(staging + "/scripts/preinst"), Own(0, 0, 0755));
 
     // An unknown default identity fails the owner step.
     ASSERT_TRUE(ZARNRemoveTree(staging));
     makeStaging(R"({"defaults": {"run-as": "admin"}})");
     EXPECT_FALSE(ReviseFileAttr("pkge", staging, false));
-    EXPECT_NE(logText().find("Failed to set default owner of pkge [0x4000"), std::string::npos);
-    EXPECT_EQ(OwnerOf(top + "/data/file").uid, 0u);
+    EXPECT_TRUE(logged("Failed to set default owner of pkge [0x4000"));
+    EXPECT_EQ(OwnerOf(top + "/data/file"), Own(0, 0, 0644));
 
     // An existing account is adjusted to the package's group and home.
     ASSERT_TRUE(ZARNRemoveTree(staging));
@@ -244,18 +228,17 @@ TEST_F(PrivilegeRootTest, DefaultOwnersAsRoot) {
     ASSERT_TRUE(ZARNRemoveTree(staging));
     makeStaging(R"({"join-groupname": "nosuchgroup"})");
     EXPECT_FALSE(ReviseFileAttr("pkgg", staging, false));
-    EXPECT_NE(logText().find("ZARNGroupGet [nosuchgroup] failed [0x1800"), std::string::npos);
-    EXPECT_NE(logText().find("Failed to add package user 'pkgg' to group 'nosuchgroup'"),
-              std::string::npos);
+    EXPECT_TRUE(logged("ZARNGroupGet [nosuchgroup] failed [0x1800"));
+    EXPECT_TRUE(logged("Failed to add package user 'pkgg' to group 'nosuchgroup'"));
 }
 
 TEST_F(PrivilegeRootTest, BadInputNeverLeavesThePackageAsRoot) {
     // Files outside the package that a hostile conf/privilege aims at: one in the root and the
     // machine's own.
     writeFile("/etc/shadow", "root:*:1::::::\n", 0640);
-    const Owner rootShadow = OwnerOf("/etc/shadow");
-    struct stat machineBefore = {};
-    ASSERT_EQ(lstat("/etc/shadow", &machineBefore), 0);
+    const std::string rootShadow = OwnerOf("/etc/shadow");
+    const std::string machineBefore = MachineShadow();
+    ASSERT_EQ(machineBefore.substr(0, 2), "0 ");
 
     const std::vector<std::string> confs = {
         R"({"tool": [{"relpath": "../../etc/shadow", "user": "package", "group": "package",
@@ -281,22 +264,12 @@ TEST_F(PrivilegeRootTest, BadInputNeverLeavesThePackageAsRoot) {
         ASSERT_TRUE(ZARNSymlink("/etc", top + "/etcdir"));
         ASSERT_EQ(symlink("/etc/shadow", phys(top + "/machinelink").c_str()), 0);
         EXPECT_FALSE(ReviseFileAttr("pkgbad", staging, false)) << conf;
-        EXPECT_NE(logText().find("Failed to override default of pkgbad [0x"), std::string::npos)
-            << conf;
+        EXPECT_TRUE(logged("Failed to override default of pkgbad [0x")) << conf;
         // The package's own helper keeps a sane mode.
-        EXPECT_EQ(OwnerOf(top + "/bin/helper").mode, 0755u) << conf;
+        EXPECT_EQ(modeOf(top + "/bin/helper"), 0755u) << conf;
     }
-    const Owner after = OwnerOf("/etc/shadow");
-    EXPECT_EQ(after.uid, rootShadow.uid);
-    EXPECT_EQ(after.gid, rootShadow.gid);
-    EXPECT_EQ(after.mode, rootShadow.mode);
-    struct stat machineAfter = {};
-    ASSERT_EQ(lstat("/etc/shadow", &machineAfter), 0);
-    EXPECT_EQ(machineAfter.st_uid, machineBefore.st_uid);
-    EXPECT_EQ(machineAfter.st_gid, machineBefore.st_gid);
-    EXPECT_EQ(machineAfter.st_mode, machineBefore.st_mode);
-    EXPECT_EQ(machineAfter.st_ctim.tv_sec, machineBefore.st_ctim.tv_sec);
-    EXPECT_EQ(machineAfter.st_ctim.tv_nsec, machineBefore.st_ctim.tv_nsec);
-    EXPECT_NE(logText().find("Failed to resolve ../../etc/shadow [0x"), std::string::npos);
-    EXPECT_NE(logText().find("Failed to revise " + top + "/bin/helper [0x4000"), std::string::npos);
+    EXPECT_EQ(OwnerOf("/etc/shadow"), rootShadow);
+    EXPECT_EQ(MachineShadow(), machineBefore);
+    EXPECT_TRUE(logged("Failed to resolve ../../etc/shadow [0x"));
+    EXPECT_TRUE(logged("Failed to revise " + top + "/bin/helper [0x4000"));
 }

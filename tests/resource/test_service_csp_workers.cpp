@@ -66,8 +66,7 @@ TEST_F(ServiceCspWorkersTest, ServiceCfgInstallsJobsRestoresAndReleases) {
     EXPECT_TRUE(exist(files_, true));
     EXPECT_EQ("{}", readFile(ZARNServicecfgPath("pkgctl-pkga")));
     EXPECT_EQ("[\"pkg-a\"]", Json::toCompactString(own()["service-cfg"]["jobs"]));
-    EXPECT_FALSE(RestoreServiceCfg(""));
-    EXPECT_EQ(0x0d00, VLIBCErrGet());
+    EXPECT_EQ(FailedWith(RestoreServiceCfg("")), 0x0d00);
 }
 
 // After registration a failing service-cfg fails the call, but the workers after it still run.
@@ -105,7 +104,7 @@ TEST_F(ServiceCspWorkersTest, CspRuleSavesDeletesAndIsRolledBack) {
     request(resource);
     EXPECT_FALSE(call(TIMING_STARTUP));
     EXPECT_FALSE(ZARNPathExists(rules));
-    EXPECT_NE(std::string::npos, logText().find("Rollback csp-rule for pkga"));
+    EXPECT_TRUE(logged("Rollback csp-rule for pkga"));
 
     const struct {
         const char* conf;
@@ -121,7 +120,7 @@ TEST_F(ServiceCspWorkersTest, CspRuleSavesDeletesAndIsRolledBack) {
         resource["csp-rule"]["conf"] = c.conf;
         request(resource);
         EXPECT_FALSE(call(TIMING_STARTUP)) << c.conf;
-        EXPECT_NE(std::string::npos, logText().find(c.line)) << c.conf;
+        EXPECT_TRUE(logged(c.line)) << c.conf;
         EXPECT_FALSE(ZARNPathExists(rules));
     }
 }

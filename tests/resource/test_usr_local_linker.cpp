@@ -46,7 +46,7 @@ TEST_F(UsrLocalLinkerTest, LinksPatternsAndRemovesOnlyItsOwnLinks) {
     writeFile("/var/packages/pkgb/conf/resource",
               "{\"usr-local-linker\": {\"bin\": [\"bin/tool1\"]}}");
     EXPECT_FALSE(call(true, "pkgb"));
-    EXPECT_NE(std::string::npos, logText().find("Failed to create link /usr/local/bin/tool1"));
+    EXPECT_TRUE(logged("Failed to create link /usr/local/bin/tool1"));
 
     // A damaged own file can't make it remove what is not its own.
     Json::Value o = own();
@@ -70,14 +70,12 @@ TEST_F(UsrLocalLinkerTest, MalformedListsFail) {
 TEST_F(UsrLocalLinkerTest, InstallConfigFileKeepsAnExistingFileWhenAsked) {
     writeFile("/src.conf", "new");
     writeFile("/dst.conf", "old");
-    EXPECT_FALSE(ZARN::PkgUtils::InstallConfigFile("/src.conf", "/dst.conf", 0640, false));
-    EXPECT_EQ(0x800, VLIBCErrGet());
+    EXPECT_EQ(FailedWith(ZARN::PkgUtils::InstallConfigFile("/src.conf", "/dst.conf", 0640, false)),
+              0x800);
     EXPECT_EQ("old", readFile("/dst.conf"));
     ASSERT_TRUE(ZARN::PkgUtils::InstallExecutable("/src.conf", "/dst.conf", true));
     EXPECT_EQ("new", readFile("/dst.conf"));
-    struct stat st {};
-    ASSERT_TRUE(ZARNStat("/dst.conf", st));
-    EXPECT_EQ(0755u, st.st_mode & 07777);
+    EXPECT_EQ(0755u, modeOf("/dst.conf"));
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ TEST_F(UpdateScheduleTest, DefaultsScheduleTheCheckOnceAndKeepAnEntryInPlace) {
     EXPECT_FALSE(PMSZARNCrondSet(nullptr));
     ZARNSCHEDULE none;
     EXPECT_FALSE(PMSZARNCrondSet(&none));
-    EXPECT_NE(std::string::npos, logText().find("week flag is not valid, 0"));
+    EXPECT_TRUE(logged("week flag is not valid, 0"));
 }
 
 TEST_F(UpdateScheduleTest, SchedulerRefusesJobsOfBadFormat) {

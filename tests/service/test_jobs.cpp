@@ -52,15 +52,13 @@ TEST_F(ServiceJobsTest, InstallsValidatesAndRollsBack) {
     const std::string bad[] = {"pre-start script\n\ttrue\n", std::string(300 * 1024, '#')};
     for (const std::string& text : bad) {
         addJob("pkg-c.conf", text);
-        EXPECT_FALSE(InstallJobs("p", {"pkg-a", "pkg-b", "pkg-c"}, true));
-        EXPECT_EQ(VLIBCErrGet(), 0x4000);
+        EXPECT_EQ(FailedWith(InstallJobs("p", {"pkg-a", "pkg-b", "pkg-c"}, true)), 0x4000);
         for (const char* job : {"pkg-a", "pkg-b", "pkg-c"}) {
             EXPECT_FALSE(ZARNPathExists(std::string("/etc/init/") + job + ".conf")) << job;
         }
     }
-    EXPECT_NE(logText().find("Invalid job pkg-c"), std::string::npos);
-    EXPECT_FALSE(InstallJobs("p", {"pkg-missing"}, true));
-    EXPECT_EQ(VLIBCErrGet(), 0x3b00);
+    EXPECT_TRUE(logged("Invalid job pkg-c"));
+    EXPECT_EQ(FailedWith(InstallJobs("p", {"pkg-missing"}, true)), 0x3b00);
 
     ASSERT_TRUE(InstallJobs("p", {"pkg-a", "pkg-b", "other"}, true)) << logText();
     EXPECT_EQ(readFile("/etc/init/pkg-a.conf"), std::string(kJob) + kCgroups);
@@ -92,18 +90,15 @@ TEST_F(ServiceJobsTest, FindsDependencies) {
     EXPECT_EQ(jobs, (std::set<std::string>{"pg2", "pgsql", "ssh-shell"}));
     writeFile(ZARNServicecfgPath("pgsql"), R"({"init_job_map": {"upstart": "pgsql"}})");
     EXPECT_FALSE(GetDependentJob("p", jobs));
-    EXPECT_NE(logText().find("Failed to get dependent jobs for p"), std::string::npos);
+    EXPECT_TRUE(logged("Failed to get dependent jobs for p"));
 }
 
 TEST_F(ServiceJobsTest, CreatesTmpFilesBesideTheTarget) {
     char buffer[64];
     ASSERT_TRUE(CreateTmpFile("/etc/init/x.conf", buffer, sizeof(buffer)));
-    struct stat st;
-    ASSERT_TRUE(ZARNStat(buffer, st));
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(modeOf(buffer), 0600u);
     EXPECT_EQ(std::string(buffer).rfind("/etc/init/x.conf.", 0), 0u);
-    EXPECT_FALSE(CreateTmpFile("/etc/init/x.conf", buffer, 23));
-    EXPECT_EQ(VLIBCErrGet(), 0x0100);
+    EXPECT_EQ(FailedWith(CreateTmpFile("/etc/init/x.conf", buffer, 23)), 0x0100);
     EXPECT_TRUE(CreateTmpFile("/etc/init/x.conf", buffer, 24));
 }
 
@@ -114,9 +109,7 @@ TEST_F(ServiceJobsTest, WritesTheServiceCfgAndItsRunKey) {
     ASSERT_TRUE(Json::fromFile(cfg, ZARNServicecfgPath("pkgctl-p")));
     EXPECT_EQ(Json::toCompactString(cfg),
               R"({"auto_start":"no","init_job_map":{"upstart":["pkgctl-p"]},"is_package":"yes"})");
-    struct stat st;
-    ASSERT_TRUE(ZARNStat(ZARNServicecfgPath("pkgctl-p"), st));
-    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    EXPECT_EQ(modeOf(ZARNServicecfgPath("pkgctl-p")), 0644u);
     EXPECT_EQ(VLIBServicecfgRunKeyGet("pkgctl-p"), 2);
 
     // Without overwrite an existing file stays; the run key follows `enabled` anew.
@@ -146,12 +139,10 @@ TEST_F(ServiceJobsTest, HandsTheExtraEnvironmentOverOnce) {
     char* user = nullptr;
     ASSERT_TRUE(LoadExtraEnv("p", &type, &language, &user));
     EXPECT_EQ(type, PKG_INSTALLATION_START);
-    ASSERT_NE(language, nullptr);
-    ASSERT_NE(user, nullptr);
     EXPECT_STREQ(language, "ger");
     EXPECT_STREQ(user, "admin");
-    EXPECT_FALSE(LoadExtraEnv("p", &type, &language, nullptr)) << "an out pointer in use";
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_BAD_PARAMETERS);
+    EXPECT_EQ(FailedWith(LoadExtraEnv("p", &type, &language, nullptr)), ZARN_ERR_BAD_PARAMETERS)
+        << "an out pointer in use";
     free(language);
     free(user);
     language = user = nullptr;

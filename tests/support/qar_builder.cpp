@@ -93,6 +93,12 @@ std::string RawTar(const std::vector<RawMember>& members, bool terminate) {
     return out;
 }
 
+std::string Gzip(const std::string& data, bool best) {
+    ZARNUtils::ProcessRunner gz({"/bin/gzip", best ? "-9" : "-6", "-c"});
+    gz.captureOutput().setInput(data);
+    return gz.run() == 0 ? gz.getStdout() : "";
+}
+
 std::string InfoText(const std::vector<std::pair<std::string, std::string>>& keys) {
     std::string text;
     for (const auto& [key, value] : keys) {

@@ -37,6 +37,9 @@ std::string TarHeader(const RawMember& member);
 // A whole archive; `terminate` adds the two zero blocks of the end.
 std::string RawTar(const std::vector<RawMember>& members, bool terminate = true);
 
+// `data` compressed by the machine's gzip (-9 when `best`); empty when gzip fails.
+std::string Gzip(const std::string& data, bool best = false);
+
 // INFO text: the key lines of `keys` in order, key="value".
 std::string InfoText(const std::vector<std::pair<std::string, std::string>>& keys);
 // The INFO of a small valid package, with extra keys added or replaced.

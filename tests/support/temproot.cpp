@@ -71,9 +71,7 @@ std::string TempRootTest::phys(const std::string& logical) const {
 void TempRootTest::writeFile(const std::string& logical, const std::string& text, mode_t mode) {
     size_t slash = logical.find_last_of('/');
     if (slash != std::string::npos && slash > 0) {
-        ASSERT_EQ(0, ZARNFSMkdirP(logical.substr(0, slash), 0, 0, static_cast<uid_t>(-1),
-                                  static_cast<gid_t>(-1), 0755))
-            << logical;
+        makeDir(logical.substr(0, slash));
     }
     ASSERT_TRUE(ZARNFileWrite(logical, text, mode)) << logical;
 }
@@ -122,6 +120,16 @@ void TempRootTest::markRunning(const std::string& name) {
     ASSERT_TRUE(ZARNJobStateWrite("pkgctl-" + name, 1, 1, ZARN_JOB_PHASE_RUNNING));
 }
 
+void TempRootTest::makeDir(const std::string& logical, mode_t mode) {
+    ASSERT_EQ(ZARNFSMkdirP(logical, 0, 0, static_cast<uid_t>(-1), static_cast<gid_t>(-1), mode), 0)
+        << logical;
+}
+
+mode_t TempRootTest::modeOf(const std::string& logical) const {
+    struct stat st = {};
+    return ZARNLstat(logical, st) ? (st.st_mode & 07777) : 0;
+}
+
 std::string TempRootTest::readFile(const std::string& logical) const {
     std::string text;
     if (!ZARNFileRead(logical, text)) {
@@ -136,6 +144,14 @@ std::string TempRootTest::logText() const {
         text.clear();
     }
     return text;
+}
+
+int FailedWith(bool ok) {
+    return ok ? -1 : VLIBCErrGet();
+}
+
+std::string OutIf(bool ok, const std::string& out) {
+    return ok ? out : "failed";
 }
 
 size_t CountOf(const std::string& text, const std::string& what) {

@@ -8,6 +8,14 @@
 // How often `what` occurs in `text` (overlapping occurrences count).
 size_t CountOf(const std::string& text, const std::string& what);
 
+// The error slot after a call that failed, or -1 when the call succeeded, so that one
+// comparison checks both: EXPECT_EQ(FailedWith(Call()), ZARN_ERR_...).
+int FailedWith(bool ok);
+
+// What a call left in `out` when it succeeded, or "failed", so that one comparison checks
+// both: EXPECT_EQ(OutIf(Call(out), out), "...").
+std::string OutIf(bool ok, const std::string& out);
+
 // Runs each test under a fresh standalone root in a temporary folder, with the library's log
 // mirrored to a file there. The process state that the fixture changes (ZARNPKG_ROOT,
 // ZARNPKG_LOG_FILE, the umask, the system root) is put back afterwards.
@@ -24,6 +32,11 @@ protected:
     void writeFile(const std::string& logical, const std::string& text, mode_t mode = 0644);
     // The content of a file by logical path; empty when it can't be read.
     std::string readFile(const std::string& logical) const;
+    // Makes a folder and its parents by logical path.
+    void makeDir(const std::string& logical, mode_t mode = 0755);
+    // The permission bits (set-ID and sticky included) of a path, not following a last link;
+    // 0 when it doesn't exist.
+    mode_t modeOf(const std::string& logical) const;
     // Takes the line of `key` out of a key file (by logical path), keeping the others.
     void removeKey(const std::string& logical, const std::string& key);
     // Lays down a registry entry: INFO with the package name, version "1.0", maintainer and
@@ -41,6 +54,8 @@ protected:
     void markRunning(const std::string& name);
     // Everything the library logged during the test so far.
     std::string logText() const;
+    // Whether the library logged `what` during the test so far.
+    bool logged(const std::string& what) const { return logText().find(what) != std::string::npos; }
     // The physical path of the log mirror.
     const std::string& logPath() const { return logPath_; }
 
