@@ -24,11 +24,7 @@ bool PMSNotifyAdministrators(const std::vector<std::string>& words) {
     argv.insert(argv.end(), words.begin(), words.end());
     ZARNUtils::ProcessRunner runner(argv);
     runner.captureOutput();
-    // The tool is the root's own and records the notice inside it.
-    const std::string& root = ZARNPackageCore::GetSystemRoot();
-    if (root != "/") {
-        runner.setEnv("ZARNPKG_ROOT", root);
-    }
+    // The tool is the root's own: it finds the root in the environment that SetSystemRoot keeps.
     const int ret = runner.run();
     if (ret != 0) {
         ZLOGERR("Failed to run %s %s, ret=%d", kNotifyTool, joinStringArray(words, " ").c_str(),
