@@ -1,18 +1,12 @@
 #include <algorithm>
 #include <cstdio>
+#include <numeric>
 #include <utility>
 
 #include "cli/zarnpkg_cli.h"
 #include "core/registry.h"
 
 using namespace ZARNPackageTool;
-
-namespace {
-
-// A listing needs no icons.
-constexpr unsigned long long kListMask = PKG_MASK_ALL & ~PKG_MASK_ICONS;
-
-}  // namespace
 
 int CmdList(CliContext& ctx) {
     if (!ctx.args.empty()) {
@@ -24,24 +18,19 @@ int CmdList(CliContext& ctx) {
     }
     std::vector<PackageInfo> records;
     std::vector<std::string> unreadable;
-    PackageManager scan;
-    scan.enumPackageInfoByPath(PKG_REGISTRY_DIR, records, unreadable, ctx.language(), kListMask);
+    PackageManager query;
+    const std::vector<int> statuses =
+        query.getAllPkgStatuses(records, unreadable, ctx.language(), PKG_MASK_STATUS);
     // The records are large: sort their places, not them.
-    std::vector<const PackageInfo*> sorted;
-    sorted.reserve(records.size());
-    for (const PackageInfo& info : records) {
-        sorted.push_back(&info);
-    }
+    std::vector<size_t> sorted(records.size());
+    std::iota(sorted.begin(), sorted.end(), 0);
     std::sort(sorted.begin(), sorted.end(),
-              [](const PackageInfo* a, const PackageInfo* b) { return a->name < b->name; });
+              [&records](size_t a, size_t b) { return records[a].name < records[b].name; });
     Json::Value packages(Json::arrayValue);
     std::string text;
-    PackageManager query;
-    query.useBreakerSnapshot(PackageManager::makeBreakerSnapshot(records, unreadable));
-    const std::vector<int> statuses = query.getPkgStatuses(sorted);
     // Only the form that is printed is built: a listing of thousands would hold both.
-    for (size_t i = 0; i < sorted.size(); ++i) {
-        const PackageInfo& info = *sorted[i];
+    for (size_t i : sorted) {
+        const PackageInfo& info = records[i];
         const int status = statuses[i];
         int rough = 0;
         bool known = PackageManager::roughStatusOf(status, info.name, rough);

@@ -284,6 +284,12 @@ constexpr unsigned long long PKG_MASK_PARSE_REPLACE_FORCE = 0x8000000000ULL;
 constexpr unsigned long long PKG_MASK_ALL = ~0ULL;
 // What a scan for the packages that break others reads: their break lists and display names.
 constexpr unsigned long long PKG_MASK_BREAKERS = PKG_MASK_PARSE_BREAK | PKG_MASK_DISPLAYNAME;
+// What a status query reads of a record, with the keys whose absence or fault refuses a record
+// in a full load: a listing loaded this way lists what a full load lists and answers each
+// package's status from the record it has.
+constexpr unsigned long long PKG_MASK_STATUS = PKG_MASK_CTL_STOP | PKG_MASK_BREAKERS |
+                                               PKG_MASK_MAINTAINER | PKG_MASK_DESCRIPTION |
+                                               PKG_MASK_ADMIN;
 
 enum PKG_INSTALLATION_TYPE : int {
     PKG_INSTALLATION_NONE = 0,

@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -151,15 +152,22 @@ public:
     // The same for an installed package whose record a registry scan has just loaded (with the
     // listing's mask or a wider one), which is then not read again.
     int getPkgStatus(const PackageInfo& info);
-    // getPkgStatus(record) of each of many records, in their order, with their status scripts
-    // run in parallel (bounded by the cores) on queries that share this one's breaker snapshot.
-    std::vector<int> getPkgStatuses(const std::vector<const PackageInfo*>& records);
+    // Every installed package's record and status, as a listing shows them: `records` and
+    // `unreadable` as enumPackageInfoByPath gives them for the registry with `mask` (which
+    // holds PKG_MASK_STATUS), and the status of each record in their order. Each folder is
+    // looked at for its status right after its INFO is read, while the system still has it at
+    // hand; the status scripts then run in parallel (bounded by the cores), sharing one
+    // breaker snapshot taken from the records.
+    std::vector<int> getAllPkgStatuses(std::vector<PackageInfo>& records,
+                                       std::vector<std::string>& unreadable, const char* lang,
+                                       unsigned long long mask);
     bool getPkgRoughStatus(const std::string& name, int& rough);
     // The rough status of a status that getPkgStatus gave, without asking again.
     static bool roughStatusOf(int status, const std::string& name, int& rough);
     bool isStarted(const std::string& name, bool strict);
     bool isStarted(const std::string& name);
-    // isStarted(name, strict) of each of many packages, as getPkgStatuses runs them; `results`
+    // isStarted(name, strict) of each of many packages, their status scripts run as
+    // getAllPkgStatuses runs them; `results`
     // gets the result that each query left.
     std::vector<char> areStarted(const std::vector<std::string>& names, bool strict,
                                  std::vector<PKG_ERRCODE>& results);
@@ -295,14 +303,27 @@ private:
     // The installed packages with a break list, as a registry scan with PKG_MASK_BREAKERS
     // loads them; the INFO of the others is not parsed.
     static void scanBreakers(std::map<std::string, PackageInfo>& out, const char* lang);
+    // enumPackageInfoByPath, telling the number of folders to `start` before any is read and
+    // each record to `loaded`, with its folder's place, on the thread that has just loaded it.
+    bool scanRegistry(const char* path, std::vector<PackageInfo>& out,
+                      std::vector<std::string>& bad, const char* lang, unsigned long long mask,
+                      const std::function<void(size_t)>& start,
+                      const std::function<void(size_t, const PackageInfo&)>& loaded);
     // Whether `pkg` is broken by an installed package, through the snapshot when one is set.
     bool isBrokenByInstalled(const PackageBasicInfo& pkg);
     // The status path on the record `loaded`, or on the INFO read afresh when it is null.
-    // serviceScript reads the INFO into `read` unless a record is `loaded`, and keeps the
-    // volumes' states in `volumes` when that isn't null.
+    // The first status step, which only looks at the registry folder: the package's control
+    // script, or the result that ends the query without one. It reads the INFO into `read`
+    // unless a record is `loaded`, and keeps the volumes' states in `volumes` when that isn't
+    // null.
     struct VolumeStates;
-    std::string serviceScript(const std::string& name, PackageInfo* read, const PackageInfo* loaded,
-                              VolumeStates* volumes);
+    struct ScriptLookup {
+        bool done = false;
+        std::string script;
+        PKG_ERRCODE result = PKG_ERR_SYSTEM;
+    };
+    static ScriptLookup lookupServiceScript(const std::string& name, PackageInfo* read,
+                                            const PackageInfo* loaded, VolumeStates* volumes);
     bool serviceStatus(const std::string& name, const PackageInfo* loaded, bool& running,
                        bool useScript, bool strict);
     int pkgStatus(const std::string& name, const PackageInfo* loaded);

@@ -149,7 +149,11 @@ void PMSArchSetInsert(std::vector<std::string> names, std::set<unsigned long>& o
         unsigned long id = PMSMapSystemArch(name.c_str());
         if (id > 999) {
             const auto& members = PMSGetArchGroup(id);
-            out.insert(members.begin(), members.end());
+            if (out.empty()) {
+                out = members;  // a copy of the tree, cheaper than inserting its members one by one
+            } else {
+                out.insert(members.begin(), members.end());
+            }
         } else {
             out.insert(id);
         }

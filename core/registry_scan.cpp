@@ -44,10 +44,10 @@ enum class FolderLoad : char { Loaded, NoInfo, Bad };
 // Loads the INFO of each folder under `root` into the records[first + i], which must be fresh.
 // Large registries are spread over the cores: the scan waits on the file system and parses, and
 // a listing of thousands of packages halves its wait.
-std::vector<FolderLoad> LoadFolders(const std::string& root,
-                                    const std::vector<std::string>& folders,
-                                    const ScanLanguage& lang, unsigned long long mask,
-                                    std::vector<PackageInfo>& records, size_t first) {
+std::vector<FolderLoad> LoadFolders(
+    const std::string& root, const std::vector<std::string>& folders, const ScanLanguage& lang,
+    unsigned long long mask, std::vector<PackageInfo>& records, size_t first,
+    const std::function<void(size_t, const PackageInfo&)>& loaded = nullptr) {
     constexpr size_t kParallelFrom = 512;
     std::vector<FolderLoad> states(folders.size(), FolderLoad::NoInfo);
     auto load = [&](size_t i) {
@@ -58,6 +58,9 @@ std::vector<FolderLoad> LoadFolders(const std::string& root,
             // Loaded in place rather than copied in, yet listings hold what a copy holds.
             record.extra.dropUncopiedFields();
             states[i] = FolderLoad::Loaded;
+            if (loaded) {
+                loaded(i, record);
+            }
         } else {
             states[i] = missing ? FolderLoad::NoInfo : FolderLoad::Bad;
         }
@@ -152,6 +155,13 @@ void PackageManager::scanBreakers(std::map<std::string, PackageInfo>& out, const
 bool PackageManager::enumPackageInfoByPath(const char* path, std::vector<PackageInfo>& out,
                                            std::vector<std::string>& bad, const char* lang,
                                            unsigned long long mask) {
+    return scanRegistry(path, out, bad, lang, mask, nullptr, nullptr);
+}
+
+bool PackageManager::scanRegistry(const char* path, std::vector<PackageInfo>& out,
+                                  std::vector<std::string>& bad, const char* lang,
+                                  unsigned long long mask, const std::function<void(size_t)>& start,
+                                  const std::function<void(size_t, const PackageInfo&)>& loaded) {
     bool listed = false;
     std::vector<std::string> folders;
     if (path != nullptr) {
@@ -165,8 +175,11 @@ bool PackageManager::enumPackageInfoByPath(const char* path, std::vector<Package
     // Records are loaded in place; the rare folders without one are taken out afterwards.
     const size_t first = out.size();
     out.resize(first + folders.size());
+    if (start) {
+        start(folders.size());
+    }
     const std::vector<FolderLoad> states =
-        LoadFolders(path, folders, ScanLanguage(lang), mask, out, first);
+        LoadFolders(path, folders, ScanLanguage(lang), mask, out, first, loaded);
     size_t kept = first;
     for (size_t i = 0; i < folders.size(); ++i) {
         if (states[i] == FolderLoad::Bad) {

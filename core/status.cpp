@@ -56,45 +56,54 @@ struct PackageManager::VolumeStates {
 };
 
 std::string PackageManager::getServiceScript(const std::string& name, PackageInfo& info) {
-    return serviceScript(name, &info, nullptr, nullptr);
+    const ScriptLookup found = lookupServiceScript(name, &info, nullptr, nullptr);
+    if (found.script.empty()) {
+        setResult(found.result);
+    }
+    return found.script;
 }
 
-std::string PackageManager::serviceScript(const std::string& name, PackageInfo* read,
-                                          const PackageInfo* loaded, VolumeStates* volumes) {
+PackageManager::ScriptLookup PackageManager::lookupServiceScript(const std::string& name,
+                                                                 PackageInfo* read,
+                                                                 const PackageInfo* loaded,
+                                                                 VolumeStates* volumes) {
+    ScriptLookup found;
+    found.done = true;
     const std::string dir = PMSRegistryDir(name);
     const std::string script = dir + "/scripts/" + kControlScript;
     // A record that a scan has just loaded from the folder's INFO shows both there.
     if (loaded == nullptr && !PMSCheckPackage(name)) {
-        setResult(PKG_ERR_NOT_INSTALLED);
-        return "";
+        found.result = PKG_ERR_NOT_INSTALLED;
+        return found;
     }
     if (loaded == nullptr && !PMSLoadPKGInfoFile(dir, *read, nullptr, PKG_MASK_ALL)) {
-        setResult(PKG_ERR_BROKEN);
-        return "";
+        found.result = PKG_ERR_BROKEN;
+        return found;
     }
     if (!ZARNIsDir(dir + "/target")) {
-        setResult(PKG_ERR_BROKEN);
-        return "";
+        found.result = PKG_ERR_BROKEN;
+        return found;
     }
     // The loader has read the target's volume of the folder its record names.
     const PackageInfo& record = loaded != nullptr ? *loaded : *read;
-    const std::string volume = record.name == name ? record.extra.get()->target_volume
-                                                   : PMSGetPackageTargetVolByPath(dir.c_str());
+    const std::string& volume = record.name == name ? record.extra.get()->target_volume
+                                                    : PMSGetPackageTargetVolByPath(dir.c_str());
     if (volume != "not_volume_path" &&
         !(volumes != nullptr ? volumes->works(volume) : VolumeWorks(volume))) {
-        setResult(PKG_ERR_BROKEN);
-        return "";
+        found.result = PKG_ERR_BROKEN;
+        return found;
     }
     if (!IsFileExists(script)) {
-        setResult(PKG_ERR_NO_SCRIPT);
-        return "";
+        found.result = PKG_ERR_NO_SCRIPT;
+        return found;
     }
     if (!PMSCheckIsExec(script)) {
         ZLOGERR("%s can't run", script.c_str());
-        setResult(PKG_ERR_BROKEN);
-        return "";
+        found.result = PKG_ERR_BROKEN;
+        return found;
     }
-    return script;
+    found.script = script;
+    return found;
 }
 
 bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool useScript,
@@ -106,7 +115,8 @@ bool PackageManager::getServiceStatus(const std::string& name, bool& running, bo
 struct PackageManager::StatusRun {
     PackageManager* query = nullptr;  // the query whose result the steps set
     std::string name;
-    const PackageInfo* loaded = nullptr;  // the record a scan has loaded, or null: read afresh
+    const PackageInfo* loaded = nullptr;   // the record a scan has loaded, or null: read afresh
+    const ScriptLookup* lookup = nullptr;  // the first step as the scan took it, or null
     bool useScript = true;
     bool strict = false;
     std::unique_ptr<PackageInfo> read;
@@ -142,10 +152,18 @@ bool PackageManager::serviceStatus(const std::string& name, const PackageInfo* l
 void PackageManager::statusFindScript(StatusRun& run) {
     setResult(PKG_ERR_SYSTEM);
     run.running = false;
-    if (run.loaded == nullptr) {
-        run.read = std::make_unique<PackageInfo>();
+    ScriptLookup found;
+    if (run.lookup == nullptr) {
+        if (run.loaded == nullptr) {
+            run.read = std::make_unique<PackageInfo>();
+        }
+        found = lookupServiceScript(run.name, run.read.get(), run.loaded, run.volumes);
     }
-    run.scriptPath = serviceScript(run.name, run.read.get(), run.loaded, run.volumes);
+    const ScriptLookup& taken = run.lookup != nullptr ? *run.lookup : found;
+    if (taken.script.empty()) {
+        setResult(taken.result);
+    }
+    run.scriptPath = taken.script;
 }
 
 // The steps after it up to the script, which is prepared and left to run; an early end answers
@@ -307,9 +325,11 @@ void PackageManager::statusQueries(size_t count, bool strict, const Source& sour
             run.volumes = &volumes;
             source(first + k, run);
         }
-        ZARNParallelFor(slice.runs.size(), [&slice](size_t k) {
-            slice.runs[k].query->statusFindScript(slice.runs[k]);
-        });
+        // The first steps that a scan has taken already need no threads.
+        ZARNParallelFor(
+            slice.runs.size(),
+            [&slice](size_t k) { slice.runs[k].query->statusFindScript(slice.runs[k]); },
+            slice.runs.front().lookup != nullptr ? 1 : 0);
         for (StatusRun& run : slice.runs) {
             run.query->statusBegin(run);
             if (!run.answered && run.script) {
@@ -339,13 +359,29 @@ int PackageManager::getPkgStatus(const PackageInfo& info) {
     return pkgStatus(info.name, &info);
 }
 
-std::vector<int> PackageManager::getPkgStatuses(const std::vector<const PackageInfo*>& records) {
+std::vector<int> PackageManager::getAllPkgStatuses(std::vector<PackageInfo>& records,
+                                                   std::vector<std::string>& unreadable,
+                                                   const char* lang, unsigned long long mask) {
+    VolumeStates volumes;
+    std::vector<ScriptLookup> lookups;
+    scanRegistry(
+        PKG_REGISTRY_DIR, records, unreadable, lang, mask | PKG_MASK_STATUS,
+        [&lookups](size_t folders) { lookups.resize(folders); },
+        [&](size_t folder, const PackageInfo& record) {
+            lookups[folder] = lookupServiceScript(record.name, nullptr, &record, &volumes);
+        });
+    // The folders that loaded keep their order among the records, and so among the lookups.
+    lookups.erase(std::remove_if(lookups.begin(), lookups.end(),
+                                 [](const ScriptLookup& l) { return !l.done; }),
+                  lookups.end());
+    useBreakerSnapshot(makeBreakerSnapshot(records, unreadable));
     std::vector<int> statuses(records.size(), 0);
     statusQueries(
         records.size(), false,
-        [&records](size_t i, StatusRun& run) {
-            run.name = records[i]->name;
-            run.loaded = records[i];
+        [&](size_t i, StatusRun& run) {
+            run.name = records[i].name;
+            run.loaded = &records[i];
+            run.lookup = &lookups[i];
         },
         [&statuses](size_t i, const StatusRun& run) {
             statuses[i] = run.query->statusCode(run.answer, run.running);

@@ -216,18 +216,15 @@ bool RemoveAt(int parentFd, const char* name) {
 }  // namespace
 
 bool IsFileExists(const std::string& path) {
-    struct stat st;
-    return StatPath(path, true, st);
+    return !path.empty() && ZARNReachableInRoot(path, 0);
 }
 
 bool ZARNPathExists(const std::string& path) {
-    struct stat st;
-    return StatPath(path, false, st);
+    return !path.empty() && ZARNReachableInRoot(path, O_NOFOLLOW);
 }
 
 bool ZARNIsDir(const std::string& path) {
-    struct stat st;
-    return StatPath(path, true, st) && S_ISDIR(st.st_mode);
+    return !path.empty() && ZARNReachableInRoot(path, O_DIRECTORY);
 }
 
 bool ZARNIsRegularFile(const std::string& path) {

@@ -179,6 +179,17 @@ bool ZARNStatInRoot(const std::string& logical, bool follow, struct stat& st) {
     return fd.valid() && fstat(fd.get(), &st) == 0;
 }
 
+bool ZARNReachableInRoot(const std::string& logical, int flags) {
+    if (!InRootMode(logical)) {
+        struct stat st;
+        const bool found = ((flags & O_NOFOLLOW) != 0 ? lstat(logical.c_str(), &st)
+                                                      : stat(logical.c_str(), &st)) == 0;
+        return found && ((flags & O_DIRECTORY) == 0 || S_ISDIR(st.st_mode));
+    }
+    // The open itself answers: O_DIRECTORY fails on anything but a folder, so no stat follows.
+    return OpenQuietly(logical, O_PATH | flags, 0).valid();
+}
+
 bool ZARNResolveAt(const std::string& logical, bool followLast, ZARNAtPath& at) {
     at.held.reset();
     if (!InRootMode(logical)) {

@@ -32,6 +32,10 @@ ZARNHOST_API Fd ZARNOpenInRoot(const std::string& logical, int flags, mode_t mod
 // stat (follow) or lstat inside the root; errno on failure, the last error untouched, so that
 // a mere test for a file never hides the failure a caller is reporting.
 ZARNHOST_API bool ZARNStatInRoot(const std::string& logical, bool follow, struct stat& st);
+// Whether a logical path leads to something inside the root, opened with `flags`: O_NOFOLLOW
+// takes a last link itself, O_DIRECTORY asks for a folder. errno on failure, the last error
+// untouched; cheaper than a stat for a caller that needs no more than the answer.
+ZARNHOST_API bool ZARNReachableInRoot(const std::string& logical, int flags);
 // Makes the resolution walk the components itself, as it does where the kernel lacks
 // openat2: for tests of that walk.
 ZARNHOST_API void ZARNRootWalkForce(bool force);

@@ -199,22 +199,29 @@ TEST_F(Status, BrokenStates) {
         shared.useBreakerSnapshot(breakers);
         EXPECT_EQ(shared.getPkgStatus(info.name), status(info.name)) << info.name;
     }
-    // So does a batch, whose scripts run in parallel: answers in the records' order, and each
-    // query's result as a query of its own leaves it.
-    std::vector<const PackageInfo*> batch;
-    std::vector<std::string> names;
-    for (const auto& info : records) {
-        batch.push_back(&info);
+    // So does a listing, whose scripts run in parallel, and a batch: answers in the records'
+    // order, and each query's result as a query of its own leaves it. Among them a package that
+    // its user can't stop, which runs without an enabled flag, and folders without an INFO,
+    // which take no place among the records.
+    addPackage("unstoppable", 0, "ctl_stop=\"no\"\n");
+    jobRuns("unstoppable");
+    EXPECT_EQ(status("unstoppable"), 0);
+    for (const char* empty : {"a-empty", "m-empty", "z-empty"}) {
+        makeDir(std::string("/var/packages/") + empty);
+    }
+    std::vector<PackageInfo> listed;
+    std::vector<std::string> unreadable, names;
+    PackageManager many;
+    const std::vector<int> statuses = many.getAllPkgStatuses(listed, unreadable, nullptr, 0);
+    for (const auto& info : listed) {
         names.push_back(info.name);
     }
-    PackageManager many;
-    many.useBreakerSnapshot(breakers);
-    const std::vector<int> statuses = many.getPkgStatuses(batch);
+    EXPECT_EQ(names.size(), records.size() + 1);
     std::vector<PKG_ERRCODE> results;
     const std::vector<char> started = many.areStarted(names, true, results);
-    ASSERT_EQ(statuses.size(), records.size());
-    ASSERT_EQ(started.size(), records.size());
-    for (size_t i = 0; i < records.size(); ++i) {
+    ASSERT_EQ(statuses.size(), names.size());
+    ASSERT_EQ(started.size(), names.size());
+    for (size_t i = 0; i < names.size(); ++i) {
         EXPECT_EQ(statuses[i], status(names[i])) << names[i];
         PackageManager one;
         EXPECT_EQ(started[i] != 0, one.isStarted(names[i], true)) << names[i];
