@@ -1,6 +1,23 @@
 #include "core/packageinfo.h"
 
+#include <algorithm>
+
 namespace ZARNPackageTool {
+
+ArchIdSet::ArchIdSet(std::initializer_list<unsigned long> ids) {
+    insert(ids.begin(), ids.end());
+}
+
+void ArchIdSet::insert(unsigned long id) {
+    auto at = std::lower_bound(ids_.begin(), ids_.end(), id);
+    if (at == ids_.end() || *at != id) {
+        ids_.insert(at, id);
+    }
+}
+
+size_t ArchIdSet::count(unsigned long id) const {
+    return std::binary_search(ids_.begin(), ids_.end(), id) ? 1 : 0;
+}
 
 PackageBasicInfoExtra::PackageBasicInfoExtra() : d_(new PackageBasicInfoExtraPrivate) {}
 PackageBasicInfoExtra::PackageBasicInfoExtra(const PackageBasicInfoExtra&)

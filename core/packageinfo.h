@@ -2,6 +2,8 @@
 
 #include <json/json.h>
 
+#include <algorithm>
+#include <initializer_list>
 #include <map>
 #include <set>
 #include <string>
@@ -19,6 +21,31 @@ enum PKG_VERSION_COMPOP : int {
     PKG_VER_LT = 3,
     PKG_VER_GE = 4,
     PKG_VER_LE = 5,
+};
+
+// A set of architecture identifiers, kept sorted in one block: every loaded record holds one
+// or two, and a tree would cost a node per member to build, hold and free.
+class ZARNPKG_API ArchIdSet {
+public:
+    ArchIdSet() = default;
+    ArchIdSet(std::initializer_list<unsigned long> ids);
+    void insert(unsigned long id);
+    template <typename It>
+    void insert(It first, It last) {
+        ids_.insert(ids_.end(), first, last);
+        std::sort(ids_.begin(), ids_.end());
+        ids_.erase(std::unique(ids_.begin(), ids_.end()), ids_.end());
+    }
+    size_t count(unsigned long id) const;
+    bool empty() const { return ids_.empty(); }
+    size_t size() const { return ids_.size(); }
+    std::vector<unsigned long>::const_iterator begin() const { return ids_.begin(); }
+    std::vector<unsigned long>::const_iterator end() const { return ids_.end(); }
+    bool operator==(const ArchIdSet& other) const { return ids_ == other.ids_; }
+    bool operator!=(const ArchIdSet& other) const { return ids_ != other.ids_; }
+
+private:
+    std::vector<unsigned long> ids_;
 };
 
 struct PackageBasicInfoExtraPrivate {};
@@ -157,8 +184,8 @@ struct PackageInfoExtraPrivate {
     std::string target_volume;
     std::set<std::string> install_dep_service_set;
     std::set<std::string> start_dep_service_set;
-    std::set<unsigned long> arch_ids;
-    std::set<unsigned long> exclude_arch_ids;
+    ArchIdSet arch_ids;
+    ArchIdSet exclude_arch_ids;
     std::vector<std::string> exclude_model;
     int os_min_nano = 0;
     int os_max_nano = 99999;

@@ -36,7 +36,7 @@ const ArchName kArchTable[] = {
     {1005, "armv8"},    {1006, "ppc"},
 };
 
-const std::map<unsigned long, std::set<unsigned long>> kArchGroups = {
+const std::map<unsigned long, ArchIdSet> kArchGroups = {
     {1000, {1000}},
     {1001, {8, 9, 10, 17, 19, 20, 21, 22, 23, 26, 27, 29, 30, 31, 33, 34, 35, 36, 38, 39}},
     {1002, {15}},
@@ -116,8 +116,8 @@ unsigned long PMSMapSystemArch(const char* name) {
     return 0;
 }
 
-const std::set<unsigned long>& PMSGetArchGroup(unsigned long group) {
-    static const std::set<unsigned long> empty;
+const ArchIdSet& PMSGetArchGroup(unsigned long group) {
+    static const ArchIdSet empty;
     auto it = kArchGroups.find(group);
     return it == kArchGroups.end() ? empty : it->second;
 }
@@ -144,16 +144,12 @@ unsigned long PMSGetSystemArch() {
     return id == 0 ? PKG_ARCH_UNKNOWN : id;
 }
 
-void PMSArchSetInsert(std::vector<std::string> names, std::set<unsigned long>& out) {
+void PMSArchSetInsert(const std::vector<std::string>& names, ArchIdSet& out) {
     for (const auto& name : names) {
         unsigned long id = PMSMapSystemArch(name.c_str());
         if (id > 999) {
             const auto& members = PMSGetArchGroup(id);
-            if (out.empty()) {
-                out = members;  // a copy of the tree, cheaper than inserting its members one by one
-            } else {
-                out.insert(members.begin(), members.end());
-            }
+            out.insert(members.begin(), members.end());
         } else {
             out.insert(id);
         }
@@ -161,7 +157,7 @@ void PMSArchSetInsert(std::vector<std::string> names, std::set<unsigned long>& o
 }
 
 bool PMSCheckArchMatched(unsigned long arch, const std::vector<std::string>& names,
-                         const std::set<unsigned long>& ids) {
+                         const ArchIdSet& ids) {
     if (ids == PMSGetArchGroup(PKG_ARCH_GROUP_NOARCH)) {
         return true;
     }
@@ -191,7 +187,7 @@ bool PMSCheckPackageArchMatched(const std::vector<std::string>& names) {
         ZLOGERR("Failed to get system arch");
         return false;
     }
-    std::set<unsigned long> ids;
+    ArchIdSet ids;
     PMSArchSetInsert(names, ids);
     return PMSCheckArchMatched(arch, names, ids);
 }

@@ -38,10 +38,10 @@ constexpr unsigned long PKG_ARCH_GROUP_NOARCH = 1000;
 ZARNPKG_API unsigned long PMSMapSystemArch(const char* name);
 ZARNPKG_API std::string PMSGetSystemArchString();
 ZARNPKG_API unsigned long PMSGetSystemArch();
-ZARNPKG_API const std::set<unsigned long>& PMSGetArchGroup(unsigned long group);
-ZARNPKG_API void PMSArchSetInsert(std::vector<std::string> names, std::set<unsigned long>& out);
+ZARNPKG_API const ArchIdSet& PMSGetArchGroup(unsigned long group);
+ZARNPKG_API void PMSArchSetInsert(const std::vector<std::string>& names, ArchIdSet& out);
 ZARNPKG_API bool PMSCheckArchMatched(unsigned long arch, const std::vector<std::string>& names,
-                                     const std::set<unsigned long>& ids);
+                                     const ArchIdSet& ids);
 ZARNPKG_API bool PMSCheckPackageArchMatched(const PackageInfo& info);
 ZARNPKG_API bool PMSCheckPackageArchMatched(const std::vector<std::string>& names);
 ZARNPKG_API bool PMSCheckPackageModelMatched(const PackageInfo& info);
