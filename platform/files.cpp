@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
+#include <string_view>
 
 #include "platform/errors.h"
 #include "platform/rootat.h"
@@ -601,17 +603,21 @@ namespace {
 
 // Folds "." and ".." out of an absolute logical path, never above "/".
 std::string Normalize(const std::string& path) {
-    std::vector<std::string> parts;
-    for (std::string& part : ZARNPathNames(path)) {
-        if (part != "..") {
-            parts.push_back(std::move(part));
-        } else if (!parts.empty()) {
-            parts.pop_back();
-        }
-    }
+    // Built in place: a scan normalizes a target link for every package.
     std::string out;
-    for (const std::string& part : parts) {
-        out += "/" + part;
+    for (size_t at = 0; at < path.size();) {
+        size_t end = path.find('/', at);
+        if (end == std::string::npos) {
+            end = path.size();
+        }
+        const std::string_view part(path.data() + at, end - at);
+        if (part == "..") {
+            out.resize(out.empty() ? 0 : out.rfind('/'));
+        } else if (!part.empty() && part != ".") {
+            out += '/';
+            out += part;
+        }
+        at = end + 1;
     }
     return out.empty() ? "/" : out;
 }
