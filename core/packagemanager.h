@@ -149,9 +149,6 @@ public:
     bool getServiceStatus(const std::string& name, bool& running, bool useScript, bool strict);
     bool getServiceStatus(const std::string& name, bool& running, bool useScript);
     int getPkgStatus(const std::string& name);
-    // The same for an installed package whose record a registry scan has just loaded (with the
-    // listing's mask or a wider one), which is then not read again.
-    int getPkgStatus(const PackageInfo& info);
     // Every installed package's record and status, as a listing shows them: `records` and
     // `unreadable` as enumPackageInfoByPath gives them for the registry with `mask` (which
     // holds PKG_MASK_STATUS), and the status of each record in their order. Each folder is
@@ -311,7 +308,6 @@ private:
                       const std::function<void(size_t, const PackageInfo&)>& loaded);
     // Whether `pkg` is broken by an installed package, through the snapshot when one is set.
     bool isBrokenByInstalled(const PackageBasicInfo& pkg);
-    // The status path on the record `loaded`, or on the INFO read afresh when it is null.
     // The first status step, which only looks at the registry folder: the package's control
     // script, or the result that ends the query without one. It reads the INFO into `read`
     // unless a record is `loaded`, and keeps the volumes' states in `volumes` when that isn't
@@ -324,9 +320,6 @@ private:
     };
     static ScriptLookup lookupServiceScript(const std::string& name, PackageInfo* read,
                                             const PackageInfo* loaded, VolumeStates* volumes);
-    bool serviceStatus(const std::string& name, const PackageInfo* loaded, bool& running,
-                       bool useScript, bool strict);
-    int pkgStatus(const std::string& name, const PackageInfo* loaded);
     // A status query in two halves around its script, so that a batch runs the scripts of
     // many queries at once (core/status.cpp).
     struct StatusRun;

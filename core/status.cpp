@@ -106,11 +106,6 @@ PackageManager::ScriptLookup PackageManager::lookupServiceScript(const std::stri
     return found;
 }
 
-bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool useScript,
-                                      bool strict) {
-    return serviceStatus(name, nullptr, running, useScript, strict);
-}
-
 // One status query, split around its script so that many queries can run their scripts at once.
 struct PackageManager::StatusRun {
     PackageManager* query = nullptr;  // the query whose result the steps set
@@ -130,12 +125,11 @@ struct PackageManager::StatusRun {
     bool answer = false;
 };
 
-bool PackageManager::serviceStatus(const std::string& name, const PackageInfo* loaded,
-                                   bool& running, bool useScript, bool strict) {
+bool PackageManager::getServiceStatus(const std::string& name, bool& running, bool useScript,
+                                      bool strict) {
     StatusRun run;
     run.query = this;
     run.name = name;
-    run.loaded = loaded;
     run.useScript = useScript;
     run.strict = strict;
     statusFindScript(run);
@@ -352,11 +346,9 @@ bool PackageManager::getServiceStatus(const std::string& name, bool& running, bo
 }
 
 int PackageManager::getPkgStatus(const std::string& name) {
-    return pkgStatus(name, nullptr);
-}
-
-int PackageManager::getPkgStatus(const PackageInfo& info) {
-    return pkgStatus(info.name, &info);
+    bool running = false;
+    const bool answered = getServiceStatus(name, running, true, false);
+    return statusCode(answered, running);
 }
 
 std::vector<int> PackageManager::getAllPkgStatuses(std::vector<PackageInfo>& records,
@@ -400,12 +392,6 @@ std::vector<char> PackageManager::areStarted(const std::vector<std::string>& nam
             started[i] = run.query->startedBy(run.answer, run.running);
         });
     return started;
-}
-
-int PackageManager::pkgStatus(const std::string& name, const PackageInfo* loaded) {
-    bool running = false;
-    const bool answered = serviceStatus(name, loaded, running, true, false);
-    return statusCode(answered, running);
 }
 
 int PackageManager::statusCode(bool answered, bool running) const {
