@@ -13,7 +13,6 @@ class TasksTest : public TempRootTest {};
 
 TEST_F(TasksTest, VisibleAsJsonUntilRemoved) {
     KOS::Task task("@administrators", "@ZARNPKG_STARTSTOP_demo");
-    EXPECT_EQ(task.getTaskId(), "@ZARNPKG_STARTSTOP_demo");
     Json::Value data(Json::objectValue);
     data["id"] = "demo";
     ASSERT_TRUE(task.setProperty("data", data));
