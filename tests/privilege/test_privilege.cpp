@@ -35,20 +35,6 @@ std::string Fields(const Config& c) {
            c.joinGroupname + " " + std::to_string(c.defaultIdentity);
 }
 
-// Counts the walker calls and answers with a fixed result.
-class CountingWalker : public IWalker {
-public:
-    explicit CountingWalker(int answer) : answer_(answer) {}
-    int walk(Json::Value const& element) override {
-        seen.push_back(element);
-        return answer_;
-    }
-    std::vector<Json::Value> seen;
-
-private:
-    int answer_;
-};
-
 }  // namespace
 
 class PrivilegeTest : public TempRootTest {
@@ -146,45 +132,45 @@ TEST_F(PrivilegeTest, ConfPathUserNameAndConfig) {
 }
 
 TEST_F(PrivilegeTest, TraverseAndCtrlScriptWalker) {
-    CountingWalker walker(WALK_CONTINUE);
+    CtrlScriptWalker walker("a");
     VLIBCErrSet(ZARN_ERR_NONE);
     EXPECT_EQ(FailedWith(TraversePrivilege(Parse("{}"), "", walker)), 0x0d00);
-    // Missing lists and lists of the wrong type are no failure; elements that are not objects
-    // are skipped without a word.
-    for (const char* conf : {"[]", "{}", R"({"tool": {"a": 1}})"}) {
-        EXPECT_TRUE(TraversePrivilege(Parse(conf), "tool", walker)) << conf;
-    }
-    EXPECT_TRUE(
-        TraversePrivilege(Parse(R"({"tool": [1, {"a": 1}, "x", {"b": 2}]})"), "tool", walker));
-    ASSERT_EQ(walker.seen.size(), 2u);
-    EXPECT_TRUE(walker.seen[1].isMember("b"));
-    CountingWalker found(WALK_FOUND);
-    EXPECT_TRUE(TraversePrivilege(Parse(R"({"t": [{"a": 1}, {"b": 2}]})"), "t", found));
-    EXPECT_EQ(found.seen.size(), 1u);
-    CountingWalker failed(WALK_FAILED);
-    EXPECT_FALSE(TraversePrivilege(Parse(R"({"t": [{"a": 1}, {"b": 2}]})"), "t", failed));
-    EXPECT_EQ(failed.seen.size(), 1u);
-
-    const Json::Value config = Parse(R"({"ctrl-script": [
+    const std::string scripts = R"({"ctrl-script": [
         {"action": "preinst", "run-as": "root"},
         {"action": "status", "run-as": "system"},
         {"action": "status", "run-as": "package"},
         {"action": "log", "run-as": "nobody"},
         {"action": "broken"},
-        {"action": "postinst", "run-as": "package"}]})");
-    CtrlScriptWalker status("status");
-    EXPECT_TRUE(TraversePrivilege(config, "ctrl-script", status));
-    EXPECT_EQ(status.GetIdentity(), IDENTITY_SYSTEM);  // the first entry wins
-    CtrlScriptWalker preinst("preinst");
-    EXPECT_TRUE(TraversePrivilege(config, "ctrl-script", preinst));
-    EXPECT_EQ(preinst.GetIdentity(), IDENTITY_ROOT);
-    CtrlScriptWalker log("log");
-    EXPECT_EQ(FailedWith(TraversePrivilege(config, "ctrl-script", log)), 0x0d00);
-    // A damaged element ahead of the match fails the search.
-    CtrlScriptWalker postinst("postinst");
-    EXPECT_EQ(FailedWith(TraversePrivilege(config, "ctrl-script", postinst)), 0x4000);
-    CtrlScriptWalker caseDiffers("PreInst");
-    EXPECT_FALSE(TraversePrivilege(config, "ctrl-script", caseDiffers));
+        {"action": "postinst", "run-as": "package"}]})";
+    const std::string failed = "failed ";
+    // Missing lists and lists of the wrong type are no failure; elements that are not objects
+    // are skipped without a word; the first match wins; a failing or damaged element ahead of
+    // the match ends the search.
+    const struct {
+        std::string conf;
+        const char* action;
+        std::string result;  // the identity found, or "failed" with the error
+    } cases[] = {{"[]", "a", "0"},
+                 {"{}", "a", "0"},
+                 {R"({"ctrl-script": {"action": "a", "run-as": "root"}})", "a", "0"},
+                 {R"({"ctrl-script": [1, "x", {"action": "a", "run-as": "root"}]})", "a", "3"},
+                 {R"({"ctrl-script": [{"action": "a", "run-as": "nobody"},
+                             {"action": "a", "run-as": "root"}]})",
+                  "a", failed + std::to_string(0x0d00)},
+                 {scripts, "status", std::to_string(IDENTITY_SYSTEM)},
+                 {scripts, "preinst", std::to_string(IDENTITY_ROOT)},
+                 {scripts, "log", failed + std::to_string(0x0d00)},
+                 {scripts, "postinst", failed + std::to_string(0x4000)},
+                 {scripts, "PreInst", failed + std::to_string(0x4000)}};
+    for (const auto& c : cases) {
+        CtrlScriptWalker script(c.action);
+        VLIBCErrSet(ZARN_ERR_NONE);
+        EXPECT_EQ(TraversePrivilege(Parse(c.conf), "ctrl-script", script)
+                      ? std::to_string(script.GetIdentity())
+                      : failed + std::to_string(VLIBCErrGet()),
+                  c.result)
+            << c.action << " in " << c.conf;
+    }
 }
 
 TEST_F(PrivilegeTest, SetIdentityLeavesRunnerWhenNothingApplies) {
