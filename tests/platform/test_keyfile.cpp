@@ -69,10 +69,7 @@ TEST_F(KeyFileTest, HostileText) {
                                       {std::string("k\0ey", 4), std::string("v\0", 2)},
                                       {"k2", "after"}}));
 
-    // A megabyte line, then more keys.
-    const std::string big(1 << 20, 'x');
-    EXPECT_EQ(ParseAll("before=1\nbig=\"" + big + "\"\nafter=2\n"),
-              (Map{{"before", "1"}, {"big", big}, {"after", "2"}}));
+    // Megabyte lines, then more keys.
     EXPECT_EQ(ParseAll(std::string(1 << 20, '"') + "\nz=1\n" + std::string(1 << 20, '=')),
               (Map{{"z", "1"}}));
 
