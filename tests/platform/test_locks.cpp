@@ -35,7 +35,7 @@ int RunInChild(F body) {
 class LocksTest : public TempRootTest {};
 
 TEST_F(LocksTest, PathsAndReentry) {
-    EXPECT_EQ(ZARNLockPath(0x1234), "/tmp/lock/lock_00001234");
+    EXPECT_EQ(ZARNLockPath(0xbeef), "/tmp/lock/lock_0000beef");
 
     // The folder is made again when something removed it.
     ASSERT_TRUE(ZARNRemoveTree("/tmp/lock"));

@@ -109,6 +109,7 @@ TEST_F(ServiceJobsTest, WritesTheServiceCfgAndItsRunKey) {
     ASSERT_TRUE(Json::fromFile(cfg, ZARNServicecfgPath("pkgctl-p")));
     EXPECT_EQ(Json::toCompactString(cfg),
               R"({"auto_start":"no","init_job_map":{"upstart":["pkgctl-p"]},"is_package":"yes"})");
+    EXPECT_EQ(modeOf(ZARNServicecfgPath("pkgctl-p")), 0644u);
     EXPECT_EQ(VLIBServicecfgRunKeyGet("pkgctl-p"), 2);
 
     // Without overwrite an existing file stays; the run key follows `enabled` anew.
