@@ -280,12 +280,18 @@ TEST_F(ArchiveTest, ReadUIFileContentRules) {
     writeFile("/var/packages/reg/INFO", qartest::BasicInfo("reg", "1.0"));
     writeFile("/var/packages/reg/WIZARD_UIFILES/uninstall_uifile.sh", writes, 0755);
     writeFile("/var/packages/reg/WIZARD_UIFILES/upgrade_uifile.sh", writes, 0644);
-    writeFile("/var/packages/reg/WIZARD_UIFILES/install_uifile", "[{\"items\": []}]");
+    writeFile("/var/packages/plain/INFO", qartest::BasicInfo("plain", "1.0"));
+    writeFile("/var/packages/plain/WIZARD_UIFILES/uninstall_uifile",
+              R"([{"items": [{"key": "u", "defaultValue": "static"}]}])");
     PackageManager pm;
     PackageInfo info;
     info.name = "reg";
     EXPECT_TRUE(pm.readUIFile(PKG_INSTALLATION_UNINSTALL, "reg", info, "enu")) << logText();
     EXPECT_EQ(Json::Value("reg"), info.wizard[0]["items"][0]["defaultValue"]);
+    PackageInfo plain;
+    plain.name = "plain";
+    EXPECT_TRUE(pm.readUIFile(PKG_INSTALLATION_UNINSTALL, "plain", plain, "enu"));
+    EXPECT_EQ(Json::Value("static"), plain.wizard[0]["items"][0]["defaultValue"]);
     PackageInfo none;
     none.name = "reg";
     EXPECT_FALSE(pm.readUIFile(PKG_INSTALLATION_UPGRADE, "reg", none, "enu"));
