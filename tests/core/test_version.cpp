@@ -127,10 +127,14 @@ TEST_F(VersionRoot, OSBoundsWithSubBuild) {
 }
 
 TEST_F(VersionRoot, ArchitectureMatching) {
+    // The ids are the published table's.
+    EXPECT_EQ(PMSMapSystemArch("88f6282"), 7u);
+    EXPECT_EQ(PMSMapSystemArch("x86_64"), 1001u);
     EXPECT_EQ(PMSMapSystemArch("nosuch"), 0u);
 
     writeFile("/etc.defaults/zarninfo.conf", "unique=\"zarn_apollolake_ds\"\nproduct=\"Z\"\n");
     EXPECT_EQ(PMSGetSystemArchString(), "apollolake");
+    EXPECT_EQ(PMSGetSystemArch(), 26u);
     EXPECT_TRUE(PMSCheckPackageArchMatched(load("arch=\"x86_64\"\n")));
     EXPECT_FALSE(PMSCheckPackageArchMatched(load("arch=\"braswell\"\n")));
     EXPECT_TRUE(PMSCheckPackageArchMatched(load("arch=\"noarch\"\n")));
