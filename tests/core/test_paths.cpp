@@ -50,27 +50,27 @@ TEST_F(PathsTest, TmpDirOnAGivenOrChosenVolume) {
 
 TEST_F(PathsTest, TmpDirFailuresLeaveTheReason) {
     std::string out = "stale";
-    writeConf(R"({"volumes": [{"path": "/volume1", "space_cap": 1000}]})");
-    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_NO_SPACE);
-    EXPECT_TRUE(out.empty());
-
-    writeConf(R"({"volumes": [{"path": "/volume1", "created": false}]})");
-    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_VOL_CREATING);
-
-    writeConf(R"({"volumes": [{"path": "/volume1", "generic": false}]})");
-    EXPECT_EQ(FailedWith(PMSGetTmpDir(0, nullptr, out, false)), ZARN_ERR_NO_VOLUME);
+    const struct {
+        const char* volume;
+        int error;
+    } cases[] = {{R"("space_cap": 1000)", ZARN_ERR_NO_SPACE},
+                 {R"("created": false)", ZARN_ERR_VOL_CREATING},
+                 {R"("generic": false)", ZARN_ERR_NO_VOLUME}};
+    for (const auto& c : cases) {
+        writeConf(std::string(R"({"volumes": [{"path": "/volume1", )") + c.volume + "}]}");
+        EXPECT_EQ(FailedWith(PMSGetTmpDir(0, nullptr, out, false)), c.error) << c.volume;
+        EXPECT_TRUE(out.empty());
+    }
     // The fallback looks at volumes that aren't generic too.
     EXPECT_EQ(OutIf(PMSGetTmpDir(0, nullptr, out, true), out), "/volume1/@tmp");
 
     writeConf(R"({"volumes": [{"path": "/volume1", "writable": false}]})");
     EXPECT_FALSE(PMSGetTmpDir(0, out));
     EXPECT_TRUE(logged("VolumeAvailGet() failed!! zarnerr=[0x8400]"));
-
     ASSERT_TRUE(ZARNRemoveTree("/volume1"));
     EXPECT_EQ(FailedWith(PMSGetTmpDir(0, out)), ZARN_ERR_NO_VOLUME);
 
     // A temp folder that can't be made.
-    makeDir("/volume1");
     writeConf("{}");
     writeFile("/volume1/@tmp", "a file in the way");
     EXPECT_FALSE(PMSGetTmpDir(0, out));
@@ -91,16 +91,11 @@ TEST_F(PathsTest, HugeSizesNeverWrapAroundTheMargin) {
 
     // A package on a volume, a system package, and a package on a docking host.
     PackageManager pm;
-    PackageInfo info;
-    PackageInfo sys;
+    PackageInfo info, sys;
     sys.install_type = "system";
-    for (int i = 0; i < 3; ++i) {
-        if (i == 2) {
-            writeConf(R"({"dock_host": true})");
-        }
-        EXPECT_EQ(FailedWith(pm.GetAppStoreVolume(i == 1 ? sys : info, "/volume1", huge, out)),
-                  ZARN_ERR_NO_SPACE)
-            << i;
+    for (const PackageInfo* p : {&info, &sys, &info}) {
+        EXPECT_EQ(FailedWith(pm.GetAppStoreVolume(*p, "/volume1", huge, out)), ZARN_ERR_NO_SPACE);
+        writeConf(p == &sys ? R"({"dock_host": true})" : "{}");
     }
 }
 
@@ -130,6 +125,13 @@ TEST_F(PathsTest, SystemTmpAndRootFallback) {
     ASSERT_TRUE(ZARNRemoveTree("/var/tmp"));
     writeFile("/var/tmp", "in the way");
     EXPECT_EQ(FailedWith(CanUploadtoRoot(0, out)), ZARN_ERR_MKDIR);
+
+    // Installing needs 10 MiB on the root.
+    PackageManager pm;
+    EXPECT_TRUE(pm.IsRootPartitionHasEnoughSpace());
+    writeConf(R"({"space_caps": {"/": 10485759}})");
+    EXPECT_EQ(FailedWith(pm.IsRootPartitionHasEnoughSpace()), ZARN_ERR_NO_SPACE);
+    EXPECT_TRUE(logged("root partition space is not enough"));
 }
 
 TEST_F(PathsTest, UniqueTempNames) {
@@ -360,22 +362,9 @@ TEST_F(PathsTest, AppStoreVolume) {
     EXPECT_EQ(OutIf(pm.GetAppStoreVolume(info, "/volume2", 0, out), out), "/volume1");
 }
 
-TEST_F(PathsTest, RootPartitionSpace) {
-    PackageManager pm;
-    EXPECT_TRUE(pm.IsRootPartitionHasEnoughSpace());
-    writeConf(R"({"space_caps": {"/": 10485759}})");
-    EXPECT_EQ(FailedWith(pm.IsRootPartitionHasEnoughSpace()), ZARN_ERR_NO_SPACE);
-    EXPECT_TRUE(logged("root partition space is not enough"));
-}
-
 TEST_F(PathsTest, FileHelpers) {
     writeFile("/var/packages/demo/INFO", "package=\"demo\"\n");
     writeFile("/var/packages/demo/conf/privilege", "{}");
-    writeFile("/var/packages/demo/scripts/x", "");
-
-    EXPECT_TRUE(ZARNPackageCore::FsyncFiles({}) && ZARNPackageCore::FsyncDirectories({}));
-    EXPECT_TRUE(ZARNPackageCore::FsyncFiles({"/var/packages/demo/INFO"}));
-    EXPECT_TRUE(ZARNPackageCore::FsyncDirectories({"/var/packages/demo", "/var/packages"}));
     // Every path is tried: two missing ones give two lines.
     EXPECT_FALSE(ZARNPackageCore::FsyncFiles(
         {"/var/packages/demo/nope1", "/var/packages/demo/INFO", "/var/packages/demo/nope2"}));
@@ -383,16 +372,11 @@ TEST_F(PathsTest, FileHelpers) {
     // Folders are opened read-only, which a file allows too; a pipe neither blocks the open nor
     // passes, since it can't be synced.
     EXPECT_TRUE(ZARNPackageCore::FsyncDirectories({"/var/packages/demo/INFO"}));
-    ZARNUtils::ProcessRunner fifo({"/usr/bin/mkfifo", phys("/var/packages/demo/pipe")});
-    ASSERT_EQ(fifo.run(), 0);
+    ASSERT_EQ(mkfifo(phys("/var/packages/demo/pipe").c_str(), 0600), 0);
     EXPECT_FALSE(
         ZARNPackageCore::FsyncDirectories({"/var/packages/demo/pipe", "/var/packages/demo"}));
     EXPECT_TRUE(logged("Failed to fsync file, path=[/var/packages/demo/pipe]"));
-
-    EXPECT_TRUE(ZARNPackageCore::IsFileExists("/var/packages/demo/INFO") &&
-                ZARNPackageCore::IsFileExists("/var/packages/demo"));
-    EXPECT_FALSE(ZARNPackageCore::IsFileExists("/var/packages/none"));
-
+    // Regular files are added to what the list holds.
     std::vector<std::string> files = {"/already/there"};
     EXPECT_TRUE(ZARNPackageCore::GetRegularFilePathsInDirectory("/var/packages/demo", files));
     EXPECT_EQ(files, (std::vector<std::string>{"/already/there", "/var/packages/demo/INFO"}));

@@ -91,10 +91,10 @@ TEST_F(Registry, Lookup) {
 
     PackageManager pm;
     PackageInfo info;
-    EXPECT_TRUE(pm.getPackageInfo("a", info, nullptr, PKG_MASK_ALL));
-    EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
     EXPECT_FALSE(pm.getPackageInfo("zz", info, nullptr, PKG_MASK_ALL));
     EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
+    EXPECT_TRUE(pm.getPackageInfo("a", info, nullptr, PKG_MASK_ALL));
+    EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
 
     std::vector<std::string> names{"a", "zz", "a"};
     std::vector<PackageInfo> out;
@@ -122,15 +122,16 @@ TEST_F(Registry, Lookup) {
     ASSERT_TRUE(pm.getPackageInfoByPathAndInfoType("/var/packages/w", wizard, "ger", 0));
     EXPECT_FALSE(wizard.has_uninstall_wizard);
 
-    EXPECT_FALSE(pm.isServiceEnabled(nullptr));
-    EXPECT_EQ(pm.getResult(), PKG_ERR_SYSTEM);
-    EXPECT_FALSE(pm.isServiceEnabled("zz"));
-    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
-    EXPECT_FALSE(pm.isServiceEnabled("a"));
-    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_ENABLED);
+    // Whether a package is enabled, and the result that leaves.
+    auto enabled = [&pm](const char* name) {
+        const bool on = pm.isServiceEnabled(name);
+        return std::to_string(on) + " " + std::to_string(pm.getResult());
+    };
+    EXPECT_EQ(enabled(nullptr), "0 " + std::to_string(PKG_ERR_SYSTEM));
+    EXPECT_EQ(enabled("zz"), "0 " + std::to_string(PKG_ERR_NOT_INSTALLED));
+    EXPECT_EQ(enabled("a"), "0 " + std::to_string(PKG_ERR_NOT_ENABLED));
     enable("a");
-    EXPECT_TRUE(pm.isServiceEnabled("a"));
-    EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
+    EXPECT_EQ(enabled("a"), "1 0");
     EXPECT_TRUE(PMSCheckEnabledFile("/var/packages/a"));
 }
 
@@ -166,12 +167,10 @@ TEST_F(Registry, ExLockAcrossProcesses) {
     PackageManager::setSkipUpgradeCheck(false);
     PackageManager::UnLock();
     EXPECT_TRUE(logged("Failed to lock, /var/.NormalShutdown exists"));
-}
 
-TEST_F(Registry, PlainFileLocks) {
     writeFile("/tmp/l", "");
-    int fd = PMSLockFile("/tmp/l", true);
-    ASSERT_GE(fd, 0);
+    const int fd = PMSLockFile("/tmp/l", true);
+    EXPECT_GE(fd, 0);
     PMSUnlockFile(fd);
     PMSUnlockFile(-1);
     EXPECT_LT(PMSLockFile(nullptr, true), 0);
