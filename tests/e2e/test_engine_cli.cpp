@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "platform/jobs.h"
 #include "support/cli_runner.h"
+#include "support/qar_builder.h"
 #include "support/service_packages.h"
 
 namespace {
@@ -58,6 +60,24 @@ TEST_F(EngineCliTest, StartStopRestartAChainAndExplainRefusals) {
     const Json::Value needy = ParseJson(RunZarnpkg(root(), WithJson({"start", "needy"})).out);
     EXPECT_EQ(needy["code"], 0x104) << needy;
     EXPECT_EQ(needy["message"][1], "FTP Service") << needy;
+}
+
+// zarnpkgctl gives back the script's exit status, so a failing start fails the job.
+TEST_F(EngineCliTest, AFailingStartFailsTheJob) {
+    addPackage("broken");
+    writeFile("/var/packages/broken/scripts/start-stop-status",
+              "#!/bin/sh\n[ \"$1\" = start ] && exit 7\nexit 0\n", 0755);
+    generateJob("broken");
+    EXPECT_LT(VLIBServiceStart("pkgctl-broken"), 0);
+    int process = 1;
+    int phase = 0;
+    ASSERT_EQ(VLIBServicectlStatus("pkgctl-broken", process, phase), 0);
+    EXPECT_EQ(phase, ZARN_JOB_PHASE_FAILED);
+    const std::string tool = ZARN_BINARY_DIR "/zarnpkgctl";
+    EXPECT_EQ(qartest::Run({tool, "start", "broken"}), 7);
+    EXPECT_EQ(qartest::Run({tool, "stop", "broken"}), 0);
+    EXPECT_EQ(qartest::Run({tool, "swap-on", "broken"}), 0);
+    EXPECT_EQ(qartest::Run({tool, "restart", "broken"}), 2);
 }
 
 }  // namespace
