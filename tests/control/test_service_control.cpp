@@ -62,13 +62,7 @@ TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
         ASSERT_TRUE(control(p, true));
     }
     expectRunning({"a", "b", "c"}, {});
-    // The order of a stop follows what really runs.
-    std::vector<std::string> order;
-    ASSERT_TRUE(PackageManager().getDependencyOrder("a", order, false));
-    EXPECT_EQ(order, (Names{"c", "b", "a"}));
     ASSERT_TRUE(control("a", false));
-    ASSERT_TRUE(PackageManager().getDependencyOrder("a", order, false));
-    EXPECT_EQ(order, Names{"a"});
     EXPECT_EQ(trace({"stop"}), Calls("stop", {"c", "c", "b", "a"}));
     EXPECT_EQ(trace({"prestop"}), Calls("prestop", {"c", "c", "b", "a"}));
     expectRunning({}, {"a", "b", "c"});
@@ -103,35 +97,9 @@ TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
     }
 }
 
-// Refusals: by the package's own hook, and by host services that aren't enabled. Neither leaves
-// anything running or marked to run.
-TEST_F(ServiceControlTest, RefusedStartsLeaveNothingRunning) {
-    writeFile("/etc/zarnhost/services.json",
-              R"({"services": [{"name": "ftpd", "display_name": "FTP Service", "enabled": false},
-                               {"name": "nfsd", "enabled": false},
-                               {"name": "crond", "display_name": "Scheduler", "enabled": true}]})");
-    addServicePackage("veto");
-    failAction("veto", "prestart");
-    addServicePackage("needy", "", "start_dep_services=\"ftpd nfsd crond\"\n");
-    struct Case {
-        const char* name;
-        PKG_ERRCODE code;
-    };
-    for (const Case& c :
-         {Case{"veto", PKG_ERR_PRESTART}, Case{"needy", PKG_ERR_SERVICE_NOT_STARTED}}) {
-        PackageManager pm;
-        EXPECT_FALSE(pm.serviceControl(c.name, true, nullptr)) << c.name;
-        Json::Value data;
-        EXPECT_EQ(pm.getResult(data), c.code) << c.name << "\n" << logText();
-        if (c.code == PKG_ERR_SERVICE_NOT_STARTED) {
-            EXPECT_EQ(data, Parsed(R"(["FTP Service", "nfsd"])")) << data;
-        }
-        expectRunning({}, {c.name});
-        EXPECT_FALSE(ZARNPathExists(std::string("/var/packages/") + c.name + "/enabled"));
-        EXPECT_EQ(trace({"start"}), Names{});
-    }
-    EXPECT_EQ(trace({"prestart"}), Calls("prestart", {"veto"}));
-    // A version this system no longer runs: the boot's start tells the administrators.
+// A version this system no longer runs: the boot's start tells the administrators. A refused
+// stop keeps the package running. (The CLI tests refuse starts.)
+TEST_F(ServiceControlTest, RefusedBootStartAndRefusedStop) {
     writeFile("/etc.defaults/zarnpackageslimit.conf", "old=\"2.0\"\n");
     addServicePackage("old");
     PackageManager boot;
@@ -140,7 +108,6 @@ TEST_F(ServiceControlTest, RefusedStartsLeaveNothingRunning) {
     EXPECT_EQ(boot.getResult(), PKG_ERR_VERSION_LIMIT);
     EXPECT_FALSE(processAlive("old"));
     EXPECT_EQ(CountOf(events(), "pkgmgr:fail_start_kos_version Pkg old"), 1u) << events();
-    // A refused stop keeps the package running.
     addServicePackage("keeper");
     ASSERT_TRUE(control("keeper", true));
     failAction("keeper", "prestop");

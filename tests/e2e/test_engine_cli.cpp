@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "platform/files.h"
 #include "platform/jobs.h"
 #include "support/cli_runner.h"
 #include "support/qar_builder.h"
@@ -13,14 +14,15 @@ class EngineCliTest : public ServicePackagesTest {};
 
 // start, stop and restart of a dependency chain through the binary, and the words of refusals.
 TEST_F(EngineCliTest, StartStopRestartAChainAndExplainRefusals) {
-    writeFile(
-        "/etc/zarnhost/services.json",
-        R"({"services": [{"name": "ftpd", "display_name": "FTP Service", "enabled": false}]})");
+    writeFile("/etc/zarnhost/services.json",
+              R"({"services": [{"name": "ftpd", "display_name": "FTP Service", "enabled": false},
+                               {"name": "nfsd", "enabled": false},
+                               {"name": "crond", "display_name": "Scheduler", "enabled": true}]})");
     addServicePackage("a");
     addServicePackage("b", "a");
     addServicePackage("veto", "", "",
                       "prestart) echo 'the disk is full' >\"$ZARNPKG_TEMP_LOGFILE\"; exit 1 ;;");
-    addServicePackage("needy", "", "start_dep_services=\"ftpd\"\n");
+    addServicePackage("needy", "", "start_dep_services=\"ftpd nfsd crond\"\n");
 
     for (const Args& args : {Args{"start", "a"}, Args{"start", "b"}, Args{"restart", "a"}}) {
         const CliRun run = RunZarnpkg(root(), args);
@@ -36,6 +38,7 @@ TEST_F(EngineCliTest, StartStopRestartAChainAndExplainRefusals) {
     EXPECT_FALSE(processAlive("a"));
     EXPECT_FALSE(processAlive("b"));
 
+    ASSERT_TRUE(ZARNUnlink("/trace"));
     struct Refusal {
         Args args;
         const char* code;
@@ -47,7 +50,7 @@ TEST_F(EngineCliTest, StartStopRestartAChainAndExplainRefusals) {
          "the package's own script refused to start veto: the disk is full"},
         {{"start", "needy"},
          "0x104",
-         "needy can't start: these host services are not enabled: FTP Service"},
+         "needy can't start: these host services are not enabled: FTP Service, nfsd\n"},
         {{"stop", "ghost"}, "0xff", "package ghost is not installed"},
     };
     for (const Refusal& r : refusals) {
@@ -56,10 +59,17 @@ TEST_F(EngineCliTest, StartStopRestartAChainAndExplainRefusals) {
         EXPECT_EQ(run.err.rfind(std::string("error: ") + r.code + " ", 0), 0u) << run.err;
         EXPECT_NE(run.err.find(r.said), std::string::npos) << run.err;
     }
-    EXPECT_FALSE(processAlive("veto"));
+    // A refused start leaves nothing running or marked to run; the veto came before any start.
+    for (const char* name : {"veto", "needy"}) {
+        EXPECT_FALSE(processAlive(name)) << name;
+        EXPECT_FALSE(ZARNPathExists(std::string("/var/packages/") + name + "/enabled")) << name;
+    }
+    EXPECT_EQ(trace({"prestart", "start"}), (std::vector<std::string>{"prestart veto"}));
     const Json::Value needy = ParseJson(RunZarnpkg(root(), WithJson({"start", "needy"})).out);
     EXPECT_EQ(needy["code"], 0x104) << needy;
-    EXPECT_EQ(needy["message"][1], "FTP Service") << needy;
+    EXPECT_EQ(Json::toCompactString(needy["message"]),
+              R"(["pkgmgr:require_service","FTP Service","nfsd"])")
+        << needy;
 }
 
 // zarnpkgctl gives back the script's exit status, so a failing start fails the job.

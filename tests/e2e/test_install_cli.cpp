@@ -147,6 +147,14 @@ TEST_F(InstallCliTest, ExamplesTravelTheWholeRoad) {
     CliRun r = zarn({"install", wizard, "--wizard", R"({"wizard_owner": "Ada"})"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(readFile("/volume1/@appstore/wizard-demo/owner"), "Ada\n");
+    // Its control files moved into the registry, with the links to its payload and settings.
+    EXPECT_TRUE(ZARNIsRegularFile("/var/packages/wizard-demo/WIZARD_UIFILES/install_uifile"));
+    std::string link;
+    EXPECT_TRUE(ZARNReadLink("/var/packages/wizard-demo/target", link));
+    EXPECT_EQ(link, "/volume1/@appstore/wizard-demo");
+    EXPECT_TRUE(ZARNReadLink("/var/packages/wizard-demo/etc", link));
+    EXPECT_EQ(link, "/usr/zarn/etc/packages/wizard-demo");
+    EXPECT_TRUE(ZARNIsDir("/var/packages/wizard-demo/etc"));
 
     r = zarn({"--json", "uninstall", "heartbeat"});
     EXPECT_EQ(r.status, 1);
