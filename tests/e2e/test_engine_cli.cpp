@@ -19,24 +19,56 @@ TEST_F(EngineCliTest, StartStopRestartAChainAndExplainRefusals) {
                                {"name": "nfsd", "enabled": false},
                                {"name": "crond", "display_name": "Scheduler", "enabled": true}]})");
     addServicePackage("a");
-    addServicePackage("b", "a");
+    // b leaves a message for the user whenever it starts.
+    addServicePackage("b", "a", "", "prestart) echo 'b is back' >\"$ZARNPKG_TEMP_LOGFILE\" ;;");
     addServicePackage("veto", "", "",
                       "prestart) echo 'the disk is full' >\"$ZARNPKG_TEMP_LOGFILE\"; exit 1 ;;");
     addServicePackage("needy", "", "start_dep_services=\"ftpd nfsd crond\"\n");
+    // Services of other accounts must get through to their payloads.
+    ASSERT_TRUE(ZARNChmod("/volume1/@appstore", 0700));
 
-    for (const Args& args : {Args{"start", "a"}, Args{"start", "b"}, Args{"restart", "a"}}) {
+    // With nothing running, a start of the dependant starts only it.
+    for (const Args& args : {Args{"start", "b"}, Args{"stop", "b"}, Args{"start", "a"},
+                             Args{"start", "b"}, Args{"restart", "a"}}) {
         const CliRun run = RunZarnpkg(root(), args);
         EXPECT_EQ(run.status, 0) << Shown(args) << run.err;
     }
+    EXPECT_EQ(modeOf("/volume1/@appstore"), 0755u);
     EXPECT_TRUE(processAlive("a"));
     EXPECT_TRUE(processAlive("b"));
-    EXPECT_EQ(trace({"start", "stop"}), (std::vector<std::string>{"start a", "start b", "stop b",
-                                                                  "stop a", "start a", "start b"}));
+    EXPECT_EQ(trace({"start", "stop"}),
+              (std::vector<std::string>{"start b", "stop b", "start a", "start b", "stop b",
+                                        "stop a", "start a", "start b"}));
+    // A package started on behalf of another passes its message on to the administrators.
+    const std::string events = readFile("/var/log/zarnhost/events.log");
+    EXPECT_EQ(CountOf(events, "-e Pkg b: b is back"), 1u) << events;
+    // Each action is logged from its beginning to its result, and the package log has each
+    // script the action ran, the job's own included.
+    const std::string history = readFile("/var/log/zarnpkg.log");
+    for (const char* line :
+         {"restart a: begin to stop packages b,a", "restart a: begin to start packages a,b",
+          "restart a: start version 1.0 successfully, result 0"}) {
+        EXPECT_NE(history.find(line), std::string::npos) << line << "\n" << history;
+    }
+    const std::string log = readFile("/var/log/packages/b.log");
+    for (const char* call : {"prestop", "stop", "prestart", "start"}) {
+        EXPECT_NE(log.find(std::string("start-stop-status ") + call + " ret=[0]"),
+                  std::string::npos)
+            << call << "\n"
+            << log;
+    }
+
+    // A stop runs the hooks of the dependants first and takes their flags.
+    ASSERT_TRUE(ZARNUnlink("/trace"));
     const CliRun stop = RunZarnpkg(root(), WithJson({"stop", "a"}));
     EXPECT_EQ(stop.status, 0) << stop.err;
     EXPECT_EQ(ParseJson(stop.out)["action"], "stop") << stop.out;
-    EXPECT_FALSE(processAlive("a"));
-    EXPECT_FALSE(processAlive("b"));
+    EXPECT_EQ(trace({"prestop"}), Calls("prestop", {"b", "a"}));
+    EXPECT_EQ(trace({"stop"}), Calls("stop", {"b", "a"}));
+    for (const char* name : {"a", "b"}) {
+        EXPECT_FALSE(processAlive(name)) << name;
+        EXPECT_FALSE(ZARNPathExists(std::string("/var/packages/") + name + "/enabled")) << name;
+    }
 
     ASSERT_TRUE(ZARNUnlink("/trace"));
     struct Refusal {
