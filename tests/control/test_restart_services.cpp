@@ -1,13 +1,12 @@
 #include "control/restart_services.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 
 #include "core/packagemanager.h"
 #include "platform/locks.h"
+#include "support/lock_holder.h"
 #include "support/temproot.h"
 
 using namespace ZARNPackageTool;
@@ -65,15 +64,11 @@ TEST_F(RestartServicesTest, NamedServicesReloadOnceAfterTheLockIsGiven) {
     EXPECT_EQ(CountOf(log, "nfsd"), 0u);
     EXPECT_EQ(readFile("/tmp/reloaded"), "nginx\nsamba\nwinbindd\nnmbd\n");
     // The lock is free for another process.
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    ChildLockHolder other([] {
         Fd lock = ZARNLockFileOpen(ZARNLockPath(PackageLockId));
-        _exit(lock.valid() && ZARNFlock(lock.get(), true, 0) ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return lock.valid() && ZARNFlock(lock.get(), true, 0);
+    });
+    EXPECT_TRUE(other.took());
 
     // Other types take the install mask.
     ASSERT_TRUE(pm.RestartServices(PKG_INSTALLATION_INSTALL, 0));

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "control/service_control.h"
 #include "platform/files.h"
 #include "platform/json.h"
+#include "support/cli_runner.h"
 #include "support/service_packages.h"
 
 using namespace ZARNPackageTool;
@@ -14,14 +14,6 @@ using Names = std::vector<std::string>;
 
 class ServiceControlTest : public ServicePackagesTest {
 protected:
-    // A <- B <- C: B needs A, C needs B.
-    // B leaves a message for the user whenever it starts.
-    void addChain() {
-        ASSERT_NO_FATAL_FAILURE(addServicePackage("a"));
-        ASSERT_NO_FATAL_FAILURE(addServicePackage(
-            "b", "a", "", "prestart) echo 'b is back' >\"$ZARNPKG_TEMP_LOGFILE\" ;;"));
-        ASSERT_NO_FATAL_FAILURE(addServicePackage("c", "b"));
-    }
     bool control(const std::string& name, bool start, PKG_ERRCODE expected = PKG_ERR_SUCCESS) {
         PackageManager pm;
         const bool ok = pm.serviceControl(name, start, nullptr);
@@ -38,100 +30,12 @@ protected:
         }
     }
     std::string events() const { return readFile("/var/log/zarnhost/events.log"); }
-    static Json::Value Parsed(const std::string& text) {
-        Json::Value value;
-        EXPECT_TRUE(Json::fromString(value, text)) << text;
-        return value;
-    }
 };
 
-TEST_F(ServiceControlTest, ChainStopsDependantsFirstAndRestartsInReverse) {
-    addChain();
-    // Services of other accounts must get through to their payloads.
-    ASSERT_TRUE(ZARNChmod("/volume1/@appstore", 0700));
-    // With nothing running, a start of the last package starts only it.
-    ASSERT_TRUE(control("c", true));
-    struct stat st;
-    ASSERT_TRUE(ZARNStat("/volume1/@appstore", st));
-    EXPECT_EQ(st.st_mode & 0777, 0755u);
-    EXPECT_EQ(trace({"start"}), Calls("start", {"c"}));
-    expectRunning({"c"}, {"a", "b"});
-    ASSERT_TRUE(control("c", false));
-
-    for (const char* p : {"a", "b", "c"}) {
-        ASSERT_TRUE(control(p, true));
-    }
-    expectRunning({"a", "b", "c"}, {});
-    // The order of a stop follows what really runs.
-    std::vector<std::string> order;
-    ASSERT_TRUE(PackageManager().getDependencyOrder("a", order, false));
-    EXPECT_EQ(order, (Names{"c", "b", "a"}));
-    ASSERT_TRUE(control("a", false));
-    ASSERT_TRUE(PackageManager().getDependencyOrder("a", order, false));
-    EXPECT_EQ(order, Names{"a"});
-    EXPECT_EQ(trace({"stop"}), Calls("stop", {"c", "c", "b", "a"}));
-    EXPECT_EQ(trace({"prestop"}), Calls("prestop", {"c", "c", "b", "a"}));
-    expectRunning({}, {"a", "b", "c"});
-    for (const char* p : {"a", "b", "c"}) {
-        EXPECT_FALSE(ZARNPathExists(std::string("/var/packages/") + p + "/enabled")) << p;
-    }
-
-    for (const char* p : {"a", "b", "c"}) {
-        ASSERT_TRUE(control(p, true));
-    }
-    ASSERT_TRUE(ZARNUnlink("/trace"));
-    PackageManager pm;
-    ASSERT_TRUE(pm.serviceControlRestart("a")) << logText();
-    EXPECT_EQ(trace({"start", "stop"}),
-              (Names{"stop c", "stop b", "stop a", "start a", "start b", "start c"}));
-    expectRunning({"a", "b", "c"}, {});
-    // A package started on behalf of another passes its message on to the administrators.
-    EXPECT_EQ(CountOf(events(), "-e Pkg b: b is back"), 1u) << events();
-    // Each action is logged from its beginning to its result.
-    const std::string history = readFile("/var/log/zarnpkg.log");
-    EXPECT_NE(history.find("restart a: begin to stop packages c,b,a"), std::string::npos);
-    EXPECT_NE(history.find("restart a: begin to start packages a,b,c"), std::string::npos);
-    EXPECT_NE(history.find("restart a: start version 1.0 successfully, result 0"),
-              std::string::npos);
-    // The package log has each script the action ran, the job's own included.
-    const std::string log = readFile("/var/log/packages/b.log");
-    for (const char* call : {"prestop", "stop", "prestart", "start"}) {
-        EXPECT_NE(log.find(std::string("start-stop-status ") + call + " ret=[0]"),
-                  std::string::npos)
-            << call << "\n"
-            << log;
-    }
-}
-
-// Refusals: by the package's own hook, and by host services that aren't enabled. Neither leaves
-// anything running or marked to run.
-TEST_F(ServiceControlTest, RefusedStartsLeaveNothingRunning) {
-    writeFile("/etc/zarnhost/services.json",
-              R"({"services": [{"name": "ftpd", "display_name": "FTP Service", "enabled": false},
-                               {"name": "nfsd", "enabled": false},
-                               {"name": "crond", "display_name": "Scheduler", "enabled": true}]})");
-    addServicePackage("veto");
-    failAction("veto", "prestart");
-    addServicePackage("needy", "", "start_dep_services=\"ftpd nfsd crond\"\n");
-    struct Case {
-        const char* name;
-        PKG_ERRCODE code;
-    };
-    for (const Case& c :
-         {Case{"veto", PKG_ERR_PRESTART}, Case{"needy", PKG_ERR_SERVICE_NOT_STARTED}}) {
-        PackageManager pm;
-        EXPECT_FALSE(pm.serviceControl(c.name, true, nullptr)) << c.name;
-        Json::Value data;
-        EXPECT_EQ(pm.getResult(data), c.code) << c.name << "\n" << logText();
-        if (c.code == PKG_ERR_SERVICE_NOT_STARTED) {
-            EXPECT_EQ(data, Parsed(R"(["FTP Service", "nfsd"])")) << data;
-        }
-        expectRunning({}, {c.name});
-        EXPECT_FALSE(ZARNPathExists(std::string("/var/packages/") + c.name + "/enabled"));
-        EXPECT_EQ(trace({"start"}), Names{});
-    }
-    EXPECT_EQ(trace({"prestart"}), Calls("prestart", {"veto"}));
-    // A version this system no longer runs: the boot's start tells the administrators.
+// The CLI tests start, stop and restart a chain and see starts refused. Here: a version this
+// system no longer runs, whose boot start tells the administrators, and a refused stop, which
+// keeps the package running.
+TEST_F(ServiceControlTest, RefusedBootStartAndRefusedStop) {
     writeFile("/etc.defaults/zarnpackageslimit.conf", "old=\"2.0\"\n");
     addServicePackage("old");
     PackageManager boot;
@@ -140,7 +44,6 @@ TEST_F(ServiceControlTest, RefusedStartsLeaveNothingRunning) {
     EXPECT_EQ(boot.getResult(), PKG_ERR_VERSION_LIMIT);
     EXPECT_FALSE(processAlive("old"));
     EXPECT_EQ(CountOf(events(), "pkgmgr:fail_start_kos_version Pkg old"), 1u) << events();
-    // A refused stop keeps the package running.
     addServicePackage("keeper");
     ASSERT_TRUE(control("keeper", true));
     failAction("keeper", "prestop");
@@ -221,7 +124,7 @@ TEST_F(ServiceControlTest, TaskIsVisibleWhileTheActionRuns) {
         const std::string seen =
             readFile(status == std::string("starting") ? "/seen-prestart" : "/seen-prestop");
         ASSERT_FALSE(seen.empty()) << status;
-        const Json::Value data = Parsed(seen)["properties"]["data"];
+        const Json::Value data = ParseJson(seen)["properties"]["data"];
         EXPECT_EQ(data["id"], "watched") << seen;
         EXPECT_EQ(data["status"], status) << seen;
     }

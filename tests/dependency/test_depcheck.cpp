@@ -157,14 +157,6 @@ TEST_F(DepCheck, BrokenByOtherPackage) {
     pm.enumPackageInfoMap(installed, nullptr, PKG_MASK_ALL);
     EXPECT_TRUE(pm.IsBrokenByOtherPkg(PackageBasicInfo("z", "1"), &names, installed));
     EXPECT_EQ(names, std::vector<std::string>{"Disp e"});
-
-    // The package status sees the same.
-    PackageInfo candidate;
-    candidate.name = "x";
-    candidate.version = "1.0";
-    EXPECT_TRUE(pm.IsPkgUnavailable(candidate));
-    candidate.version = "1.1";
-    EXPECT_FALSE(pm.IsPkgUnavailable(candidate));
 }
 
 TEST_F(DepCheck, DependedMeansNoOneDepends) {

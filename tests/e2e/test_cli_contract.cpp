@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/files.h"
@@ -68,15 +70,31 @@ protected:
     }
 };
 
-// Every failure, however early it is found, answers in the one form the caller asked for.
+// Every failure, however early it is found, answers in the one form the caller asked for. Where
+// a row names them, the failure carries the key of its code, and the sentence a person reads on
+// standard error is the "error" of the JSON form, with the facts of the parameters in it.
 TEST_F(CliContract, EveryFailureHasOneAnswer) {
+    addPackage("a", "install_dep_packages=\"b\"\n");
+    addPackage("b", "install_dep_packages=\"a\"\n");
     writeFile("/tmp/junk.qar", "not an archive");
-    const std::vector<std::pair<Args, int>> cases = {
+    const std::string junk = phys("/tmp/junk.qar");
+    const std::string notPackage = "pkgmgr:pkgmgr_file_not_package";
+    const std::string notInstalled = "pkgmgr:pkgmgr_pkg_not_available";
+    const std::string system = "error:error_error_system";
+    struct Failure {
+        Failure(Args a, int s, unsigned int c = 0, std::string k = "", const char* w = nullptr)
+            : args(std::move(a)), status(s), code(c), key(std::move(k)), words(w) {}
+        Args args;
+        int status;
+        unsigned int code;
+        std::string key;
+        const char* words;
+    };
+    const std::vector<Failure> cases = {
         {{}, 2},
         {{"--bogus", "list"}, 2},
         {{"--lang"}, 2},
         {{"--lang", "", "list"}, 2},
-        {{"frobnicate"}, 2},
         {{"list", "extra"}, 2},
         {{"info"}, 2},
         {{"info", "a", "b"}, 2},
@@ -91,17 +109,47 @@ TEST_F(CliContract, EveryFailureHasOneAnswer) {
         {{"pack", "-x", phys("/tmp"), "-o", phys("/tmp/o.qar")}, 2},
         {{"host-init", "--volumes", "0"}, 2},
         {{"host-init", "extra"}, 2},
-        {{"info", "ghost"}, 1},
-        {{"log", "ghost"}, 1},
-        {{"order", "ghost"}, 1},
-        {{"check", phys("/tmp/junk.qar")}, 1},
         {{"check", phys("/tmp/absent.qar")}, 1},
-        {{"info", phys("/tmp/junk.qar")}, 1},
         {{"pack", phys("/tmp/absent"), "-o", phys("/tmp/o.qar")}, 1},
+        {{"info", "nosuch"}, 1, 0xff, notInstalled, "package nosuch"},
+        {{"log", "nosuch"}, 1, 0xff, notInstalled, "package nosuch"},
+        {{"order", "nosuch"}, 1, 0xff, notInstalled, "package nosuch"},
+        {{"status", "nosuch"}, 1, 0xff, notInstalled, "package nosuch"},
+        {{"order"}, 1, 0x112, "pkgmgr:depend_cycle", "in a cycle"},
+        {{"info", "missing.qar"}, 1, 0x107, system, "no such file: missing"},
+        {{"info", "--file", "nosuch"}, 1, 0x107, system, "no such file"},
+        {{"check", "missing.qar"}, 1, 0x96, notPackage, "no such file: missing.qar"},
+        {{"check", junk},
+         1,
+         0x96,
+         notPackage,
+         "can't be installed on this machine: it is no package file"},
+        {{"info", junk}, 1, 0x96, notPackage, "is no readable package file"},
+        {{"frobnicate"}, 2, 0x107, system, "unknown command frobnicate"},
     };
-    for (const auto& [args, status] : cases) {
-        ExpectTextFailure(RunZarnpkg(root(), args), status, Shown(args));
-        ExpectJsonFailure(RunZarnpkg(root(), WithJson(args)), status, Shown(args));
+    for (const Failure& c : cases) {
+        const CliRun t = RunZarnpkg(root(), c.args);
+        ExpectTextFailure(t, c.status, Shown(c.args));
+        const CliRun j = RunZarnpkg(root(), WithJson(c.args));
+        const Json::Value v = ExpectJsonFailure(j, c.status, Shown(c.args));
+        if (c.words == nullptr) {
+            continue;
+        }
+        EXPECT_EQ(v["code"].asUInt(), c.code) << Shown(c.args) << j.out;
+        EXPECT_EQ(v["message"][0].asString(), c.key) << Shown(c.args) << j.out;
+        const std::string sentence = v["error"].asString();
+        EXPECT_NE(sentence.find(c.words), std::string::npos) << Shown(c.args) << j.out;
+        char head[32];
+        std::snprintf(head, sizeof(head), "0x%x ", c.code);
+        const std::string line =
+            c.status == 1 ? "error: " + std::string(head) + c.key + ": " : std::string("zarnpkg: ");
+        EXPECT_EQ(t.err.substr(0, t.err.find('\n') + 1), line + sentence + "\n") << Shown(c.args);
+        // Every parameter of the manager reaches the person, in words where the CLI has them.
+        for (const auto& key : v["params"].getMemberNames()) {
+            const std::string fact = (key == "cycles" ? "packages on a cycle" : key) + ": " +
+                                     v["params"][key].asString();
+            EXPECT_NE(sentence.find(fact), std::string::npos) << Shown(c.args) << j.out;
+        }
     }
 
     // --json is honoured even behind the mistake that stops the parsing, and a global option

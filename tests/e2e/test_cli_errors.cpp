@@ -16,70 +16,7 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-class CliErrors : public TempRootTest {
-protected:
-};
-
-// Each failure carries the key of its code, and the sentence a person reads on standard error
-// is the "error" of the JSON form, with the facts of the parameters in it.
-TEST_F(CliErrors, KeysAndSentences) {
-    addPackage("a", "install_dep_packages=\"b\"\n");
-    addPackage("b", "install_dep_packages=\"a\"\n");
-    writeFile("/tmp/junk.qar", "not an archive");
-    const std::string junk = phys("/tmp/junk.qar");
-    const struct {
-        Args args;
-        int status;
-        unsigned int code;
-        const char* key;
-        const char* words;
-    } cases[] = {
-        {{"info", "nosuch"}, 1, 0xff, "pkgmgr:pkgmgr_pkg_not_available", "package nosuch"},
-        {{"log", "nosuch"}, 1, 0xff, "pkgmgr:pkgmgr_pkg_not_available", "package nosuch"},
-        {{"order", "nosuch"}, 1, 0xff, "pkgmgr:pkgmgr_pkg_not_available", "package nosuch"},
-        {{"status", "nosuch"}, 1, 0xff, "pkgmgr:pkgmgr_pkg_not_available", "package nosuch"},
-        {{"order"}, 1, 0x112, "pkgmgr:depend_cycle", "in a cycle"},
-        {{"info", "missing.qar"}, 1, 0x107, "error:error_error_system", "no such file: missing"},
-        {{"info", "--file", "nosuch"}, 1, 0x107, "error:error_error_system", "no such file"},
-        {{"check", "missing.qar"},
-         1,
-         0x96,
-         "pkgmgr:pkgmgr_file_not_package",
-         "no such file: missing.qar"},
-        {{"check", junk},
-         1,
-         0x96,
-         "pkgmgr:pkgmgr_file_not_package",
-         "can't be installed on this machine: it is no package file"},
-        {{"info", junk}, 1, 0x96, "pkgmgr:pkgmgr_file_not_package", "is no readable package file"},
-        {{"frobnicate"}, 2, 0x107, "error:error_error_system", "unknown command frobnicate"},
-    };
-    for (const auto& c : cases) {
-        const Args json = WithJson(c.args);
-        const CliRun j = RunZarnpkg(root(), json);
-        EXPECT_EQ(j.status, c.status) << Shown(json) << j.err;
-        const Json::Value v = ParseJson(j.out);
-        EXPECT_EQ(v["code"].asUInt(), c.code) << Shown(json) << j.out;
-        EXPECT_EQ(v["message"][0].asString(), c.key) << Shown(json) << j.out;
-        const std::string sentence = v["error"].asString();
-        EXPECT_NE(sentence.find(c.words), std::string::npos) << Shown(json) << j.out;
-
-        const CliRun t = RunZarnpkg(root(), c.args);
-        EXPECT_EQ(t.status, c.status) << Shown(c.args);
-        EXPECT_EQ(t.out, "") << Shown(c.args);
-        char head[32];
-        std::snprintf(head, sizeof(head), "0x%x ", c.code);
-        const std::string line =
-            c.status == 1 ? "error: " + std::string(head) + c.key + ": " : std::string("zarnpkg: ");
-        EXPECT_EQ(t.err.substr(0, t.err.find('\n') + 1), line + sentence + "\n") << Shown(c.args);
-        // Every parameter of the manager reaches the person, in words where the CLI has them.
-        for (const auto& key : v["params"].getMemberNames()) {
-            const std::string fact = (key == "cycles" ? "packages on a cycle" : key) + ": " +
-                                     v["params"][key].asString();
-            EXPECT_NE(sentence.find(fact), std::string::npos) << Shown(json) << j.out;
-        }
-    }
-}
+class CliErrors : public TempRootTest {};
 
 // Help, version and the --root=DIR form; host-init makes a root folder that isn't there yet.
 TEST_F(CliErrors, HelpVersionAndRoot) {

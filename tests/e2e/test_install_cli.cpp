@@ -10,6 +10,7 @@
 
 #include "platform/accounts.h"
 #include "platform/files.h"
+#include "service/extra_env.h"
 #include "support/cli_runner.h"
 #include "support/job_root.h"
 #include "support/qar_builder.h"
@@ -132,11 +133,28 @@ TEST_F(InstallCliTest, ExamplesTravelTheWholeRoad) {
               std::string::npos);
     const std::string pid = readFile("/volume1/@appstore/heartbeat/heartbeat.pid");
     EXPECT_EQ(kill(std::stoi(pid), 0), 0);
+    // The loop runs as the package's account, started by the job runner, which took the extra
+    // environment the start left for it.
+    ASSERT_TRUE(waitForFile("/volume1/@appstore/heartbeat/heartbeat"));
+    ASSERT_TRUE(ZARNStat("/volume1/@appstore/heartbeat/heartbeat", st));
+    EXPECT_EQ(st.st_uid, uid);
+    EXPECT_FALSE(ZARNPathExists(ZARNPackageTool::Service::ExtraEnvPath("heartbeat")));
+    EXPECT_NE(readFile("/var/log/zarnhost/events.log")
+                  .find("initctl emit zarn.pkgctl.started NAME=heartbeat"),
+              std::string::npos);
     ASSERT_EQ(zarn({"install", greeter, "--start"}).status, 0) << logText();
     EXPECT_EQ(status("greeter"), 0);
     CliRun r = zarn({"install", wizard, "--wizard", R"({"wizard_owner": "Ada"})"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(readFile("/volume1/@appstore/wizard-demo/owner"), "Ada\n");
+    // Its control files moved into the registry, with the links to its payload and settings.
+    EXPECT_TRUE(ZARNIsRegularFile("/var/packages/wizard-demo/WIZARD_UIFILES/install_uifile"));
+    std::string link;
+    EXPECT_TRUE(ZARNReadLink("/var/packages/wizard-demo/target", link));
+    EXPECT_EQ(link, "/volume1/@appstore/wizard-demo");
+    EXPECT_TRUE(ZARNReadLink("/var/packages/wizard-demo/etc", link));
+    EXPECT_EQ(link, "/usr/zarn/etc/packages/wizard-demo");
+    EXPECT_TRUE(ZARNIsDir("/var/packages/wizard-demo/etc"));
 
     r = zarn({"--json", "uninstall", "heartbeat"});
     EXPECT_EQ(r.status, 1);
@@ -174,6 +192,9 @@ TEST_F(InstallCliTest, ExamplesTravelTheWholeRoad) {
     }
     EXPECT_TRUE(gone(beat));
     EXPECT_FALSE(ZARNPathExists("/etc/init/pkgctl-heartbeat.conf"));
+    EXPECT_NE(readFile("/var/log/zarnhost/events.log")
+                  .find("initctl emit zarn.pkgctl.stopping NAME=heartbeat"),
+              std::string::npos);
 }
 
 // A failing script at each step leaves what the failure tables say, and wizard values reach
@@ -209,9 +230,9 @@ TEST_F(InstallCliTest, FailingScriptsAndWizardValues) {
     EXPECT_NE(readFile("/var/log/packages/pkg.log").find("preuninst"), std::string::npos);
 }
 
-// A payload with a FIFO is refused before anything of it runs, naming the member.
+// A payload with a FIFO is damage to the check and refused by the install before anything of it
+// runs, naming the member.
 TEST_F(InstallCliTest, HostilePayloadIsRefused) {
-    const std::string gz = root() + "/tmp/payload.tgz";
     writeFile("/tmp/payload.tar", qartest::RawTar({{"bin/pipe", "", '6'}, {"ok.txt", "x"}}));
     ASSERT_EQ(qartest::Run({"/bin/gzip", "-kf", phys("/tmp/payload.tar")}), 0);
     std::string err;
@@ -221,6 +242,9 @@ TEST_F(InstallCliTest, HostilePayloadIsRefused) {
                                      {"scripts/preinst", kScript}},
                                     false, err))
         << err;
+    const Json::Value check = ParseJson(zarn({"--json", "check", phys("/tmp/hostile.qar")}).out);
+    EXPECT_EQ(check["code"].asInt(), 0x105) << check;
+    EXPECT_NE(check["params"]["refused"].asString().find("FIFO bin/pipe"), std::string::npos);
     writeFile("/tmp/runs", "");
     const CliRun r = zarn({"--json", "install", phys("/tmp/hostile.qar")});
     EXPECT_EQ(ParseJson(r.out)["code"].asInt(), 0x105) << r.out;

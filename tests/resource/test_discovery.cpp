@@ -114,26 +114,4 @@ TEST_F(DiscoveryTest, LibraryStaysOpenUntilItsLastWorkerIsGone) {
     EXPECT_FALSE(mapped(phys(kPlugin)));
 }
 
-TEST_F(DiscoveryTest, ReportSaysWhyADeclarationWasSkipped) {
-    declare("p1",
-            {decl("x", "0x00ff"), decl("usr-local-linker", "0x00ff"), decl("y", "0x00ff", 1, 3)});
-    declare("p2", {decl("x", "0x00ff")});
-    WorkerList list;
-    Json::Value report(Json::arrayValue);
-    ASSERT_TRUE(FindRunnableWorkers(TIMING_STARTUP, list, &report));
-    std::string text;
-    for (const Json::Value& entry : report) {
-        text += entry["id"].asString() + "@" + entry["provider"].asString() + ":" +
-                (entry["taken"].asBool() ? "taken" : entry["reason"].asString()) + "\n";
-    }
-    EXPECT_EQ(
-        "usr-local-linker@KOS:taken\n"
-        "csp-rule@KOS:taken\n"
-        "x@p1:replaced by the declaration of p2\n"
-        "usr-local-linker@p1:a built-in worker has this type\n"
-        "y@p1:interface version 1.3 is not 1.0\n"
-        "x@p2:taken\n",
-        text);
-}
-
 }  // namespace

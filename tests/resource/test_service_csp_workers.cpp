@@ -59,7 +59,12 @@ TEST_F(ServiceCspWorkersTest, ServiceCfgInstallsJobsRestoresAndReleases) {
     EXPECT_TRUE(exist(files_, false));
     EXPECT_FALSE(own()["service-cfg"].isMember("jobs"));
 
-    // Restore works without conf/resource and leaves files that stand.
+    // Restore works without a service-cfg request, even without conf/resource, and leaves files
+    // that stand; a resource file it can't read fails it.
+    writeFile(confPath("resource"), "{broken");
+    EXPECT_FALSE(RestoreServiceCfg(kPkg));
+    request(Json::Value(Json::objectValue));
+    ASSERT_TRUE(RestoreServiceCfg(kPkg)) << logText();
     ASSERT_TRUE(ZARNUnlink(confPath("resource")));
     writeFile(ZARNServicecfgPath("pkgctl-pkga"), "{}");
     ASSERT_TRUE(RestoreServiceCfg(kPkg)) << logText();

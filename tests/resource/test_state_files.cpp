@@ -57,21 +57,4 @@ TEST_F(StateFilesTest, BackupCarriesTheOwnFileToTheNewVersionWithinOneProcess) {
     EXPECT_TRUE(ZARNPathExists(backup));
 }
 
-bool RecordStep(const std::string& name, const Json::Value& request, Json::Value& own, bool flag) {
-    own["name"] = name;
-    own["request"] = request;
-    own["flag"] = flag;
-    return true;
-}
-
-TEST_F(StateFilesTest, RestoreServiceCfgRunsOnAnEmptyRequestWhenThereIsNone) {
-    ASSERT_TRUE(RestoreServiceCfgWith(kPkg, RecordStep));
-    EXPECT_EQ(R"({"flag":false,"name":"pkga","request":{}})",
-              Json::toCompactString(own()["service-cfg"]));
-    request(Json::Value(Json::objectValue));  // no member: the same
-    EXPECT_TRUE(RestoreServiceCfgWith(kPkg, RecordStep));
-    writeFile(confPath("resource"), "{broken");
-    EXPECT_FALSE(RestoreServiceCfgWith(kPkg, RecordStep));
-}
-
 }  // namespace
