@@ -84,6 +84,7 @@ protected:
     }
 };
 
+// A file that is no package is the CLI contract's to check.
 TEST_F(FileCheckTest, GoodPackageLanguageAndRecord) {
     const std::string file = build("good", "1.0.0-0001");
     CheckResult r = check(file);
@@ -91,11 +92,6 @@ TEST_F(FileCheckTest, GoodPackageLanguageAndRecord) {
     EXPECT_EQ("good display", r.displayName);
     EXPECT_EQ(Outcome(false, PKG_ERR_SYSTEM, R"(["error:error_error_system"])"),
               check(file, nullptr).outcome());
-
-    ASSERT_TRUE(ZARNFileWrite("/tmp/junk.qar", "junk"));
-    r = check("/tmp/junk.qar");
-    EXPECT_EQ(Outcome(false, PKG_ERR_BROKEN, R"(["pkgmgr:pkgmgr_file_not_package"])"), r.outcome());
-    EXPECT_TRUE(r.displayName.empty());
 }
 
 TEST_F(FileCheckTest, StepThreeVolumes) {
