@@ -43,6 +43,7 @@ protected:
     }
 };
 
+// The End line with its result, and a log that keeps earlier runs, the CLI tests read.
 TEST_F(ScriptLog, OutputLandsInThePackageLog) {
     EXPECT_EQ(runScript(record("logme"), 0), 0);
     const std::string log = readFile("/var/log/packages/logme.log");
@@ -51,18 +52,13 @@ TEST_F(ScriptLog, OutputLandsInThePackageLog) {
               std::string::npos);
     EXPECT_NE(log.find("out of logme\n"), std::string::npos);
     EXPECT_NE(log.find("err of logme\n"), std::string::npos) << "standard error too";
-    EXPECT_NE(log.find("\tinstall logme 3.0 End " + phys("/var/packages/logme/scripts/postinst") +
-                       " ret=[0]\n"),
-              std::string::npos);
     const std::string common = readFile("/var/log/zarnpkg.log");
     EXPECT_NE(common.find("install logme 3.0 Begin "), std::string::npos);
     EXPECT_NE(common.find("install logme 3.0 End "), std::string::npos);
     EXPECT_EQ(common.find("out of logme"), std::string::npos);
 
     EXPECT_EQ(runScript(record("logme"), 3), 3);
-    const std::string both = readFile("/var/log/packages/logme.log");
-    EXPECT_NE(both.find(" ret=[3]\n"), std::string::npos);
-    EXPECT_NE(both.find(" ret=[0]\n"), std::string::npos) << "a run keeps the log of earlier ones";
+    EXPECT_NE(readFile("/var/log/packages/logme.log").find(" ret=[3]\n"), std::string::npos);
 
     // Plain commands are logged the same way.
     ZARNUtils::ProcessRunner mkdir({"/bin/mkdir", "-p", phys("/volume1/made")});
