@@ -152,13 +152,9 @@ TEST_F(FileCheckTest, RefusalsCarryCodeAndMessage) {
          R"(["pkgmgr:pkg_install_version_less_than_limit","lim display","1.0","3.0"])",
          R"("insVersion":"3.0")"},
         {"sys", "", "", PKG_ERR_LIMIT_UNKNOWN, R"(["error:error_error_system"])", ""},
-        // The bound is printed in full, with its update when it names one.
-        {"os", "os_min_ver", "99.0-00001", PKG_ERR_OS_TOO_OLD,
-         R"(["pkgmgr:pkgmgr_pkg_required_newer_version","99.0-0001"])", host},
+        // The bound is printed in full, with its update; the CLI tests read bounds without one.
         {"os", "os_min_ver", "99.0-00001-3", PKG_ERR_OS_TOO_OLD,
          R"j(["pkgmgr:pkgmgr_pkg_required_newer_version","99.0-0001 (update 3)"])j", host},
-        {"os", "os_max_ver", "1.0-00001", PKG_ERR_OS_TOO_NEW,
-         R"(["pkgmgr:pkgmgr_pkg_required_older_version","1.0-0001"])", host},
         {"os", "os_max_ver", "1.0-00001-5", PKG_ERR_OS_TOO_NEW,
          R"j(["pkgmgr:pkgmgr_pkg_required_older_version","1.0-0001 (update 5)"])j", host},
         {"arch", "arch", "nosucharch", PKG_ERR_PLATFORM,
