@@ -172,11 +172,6 @@ TEST_F(DepParse, InfoLoaderReadsAllForms) {
     EXPECT_EQ(Entries(info.install_dep_packages), "d1 >= 1");
     EXPECT_EQ(Entries(info.install_conflict_packages), "c1 * 0, c2 > 3");
     EXPECT_EQ(Entries(PMSGetBreakPkgs(info)), "b < 2");
-
-    PackageBasicInfo installed("a", "1.2");
-    EXPECT_TRUE(installed.compare(PackageBasicInfo("a", "1.2.0"), PKG_VER_EQ));
-    EXPECT_FALSE(installed.compare(PackageBasicInfo("b", "1.2"), PKG_VER_ANY));
-    EXPECT_TRUE(installed.compare(PackageBasicInfo("a", "1.10"), PKG_VER_LT));
 }
 
 TEST_F(DepParse, HostileSizes) {
