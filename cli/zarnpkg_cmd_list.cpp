@@ -33,7 +33,7 @@ int CmdList(CliContext& ctx) {
         const PackageInfo& info = records[i];
         const int status = statuses[i];
         int rough = 0;
-        bool known = PackageManager::roughStatusOf(status, info.name, rough);
+        const bool known = PackageManager::roughStatusOf(status, rough);
         if (ctx.json) {
             Json::Value entry(Json::objectValue);
             entry["package"] = info.name;

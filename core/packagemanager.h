@@ -159,8 +159,12 @@ public:
                                        std::vector<std::string>& unreadable, const char* lang,
                                        unsigned long long mask);
     bool getPkgRoughStatus(const std::string& name, int& rough);
-    // The rough status of a status that getPkgStatus gave, without asking again.
+    // The rough status of a status that getPkgStatus gave, without asking again; a status
+    // without one is logged with the package's name, as getPkgRoughStatus logs it.
     static bool roughStatusOf(int status, const std::string& name, int& rough);
+    // The same without the log, for a listing, where a package without a control script is
+    // common and no fault.
+    static bool roughStatusOf(int status, int& rough);
     bool isStarted(const std::string& name, bool strict);
     bool isStarted(const std::string& name);
     // isStarted(name, strict) of each of many packages, their status scripts run as

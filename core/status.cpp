@@ -432,6 +432,18 @@ bool PackageManager::getPkgRoughStatus(const std::string& name, int& rough) {
 }
 
 bool PackageManager::roughStatusOf(int status, const std::string& name, int& rough) {
+    if (roughStatusOf(status, rough)) {
+        return true;
+    }
+    if (status == 0x103) {
+        ZLOGERR("system error, can't get status of pkg: [%s]", name.c_str());
+    } else {
+        ZLOGERR("unknown status: [%s]", name.c_str());
+    }
+    return false;
+}
+
+bool PackageManager::roughStatusOf(int status, int& rough) {
     switch (status) {
         case 0:
             rough = 3;
@@ -450,11 +462,7 @@ bool PackageManager::roughStatusOf(int status, const std::string& name, int& rou
         case 0x102:
             rough = 5;
             return true;
-        case 0x103:
-            ZLOGERR("system error, can't get status of pkg: [%s]", name.c_str());
-            return false;
         default:
-            ZLOGERR("unknown status: [%s]", name.c_str());
             return false;
     }
 }
