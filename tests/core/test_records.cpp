@@ -192,11 +192,4 @@ TEST_F(Records, JsonMapping) {
     EXPECT_EQ(info.install_conflict_packages[0].op, PKG_VER_GE);
     EXPECT_EQ(PMSGetBreakPkgs(info).size(), 1u);
     EXPECT_EQ(info.license, "kept");
-
-    Json::Value record;
-    PMSPackageInfoToJson(info, record);
-    EXPECT_EQ(record["package"].asString(), "srv");
-    EXPECT_TRUE(record["beta"].isBool());
-    EXPECT_EQ(record["install_dep_packages"]["a"][">"].asString(), "1");
-    EXPECT_EQ(record["install_dep_packages"]["b"].asString(), "");
 }
