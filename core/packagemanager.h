@@ -328,6 +328,7 @@ private:
     // many queries at once (core/status.cpp).
     struct StatusRun;
     void statusFindScript(StatusRun& run);
+    bool statusGates(const StatusRun& run, const PackageInfo& info);
     void statusBegin(StatusRun& run);
     void statusEnd(StatusRun& run, int scriptExit);
     bool statusTail(const StatusRun& run, bool jobStateRead, int jobState);

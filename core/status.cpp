@@ -160,57 +160,60 @@ void PackageManager::statusFindScript(StatusRun& run) {
     run.scriptPath = taken.script;
 }
 
-// The steps after it up to the script, which is prepared and left to run; an early end answers
-// the run.
-void PackageManager::statusBegin(StatusRun& run) {
-    const std::string& name = run.name;
-    const std::string& script = run.scriptPath;
-    const std::string dir = PMSRegistryDir(name);
-    const PackageInfo& info = run.loaded != nullptr ? *run.loaded : *run.read;
+// The checks between the first step and the script; false, with the result set, when one ends
+// the query.
+bool PackageManager::statusGates(const StatusRun& run, const PackageInfo& info) {
+    const std::string dir = PMSRegistryDir(run.name);
     int process = 0;
     int phase = 0;
-
-    if (script.empty()) {
-        goto tail;
+    if (run.scriptPath.empty()) {
+        return false;
     }
     if (!PMSCheckPackageArchModelMatched(info)) {
         setResult(PKG_ERR_ARCH_MODEL);
-        goto tail;
+        return false;
     }
     if (!CanPackageStartInThisFirmware(info)) {
-        goto tail;
+        return false;
     }
     if (isBrokenByInstalled(PackageBasicInfo(info.name, info.version))) {
         setResult(PKG_ERR_BROKEN_BY_OTHER);
-        goto tail;
+        return false;
     }
     if (IsFileExists(dir + "/installing")) {
         setResult(PKG_ERR_BROKEN);
-        goto tail;
+        return false;
     }
     if (IsFileExists(dir + "/stoppedByDepLimit")) {
         setResult(PKG_ERR_STOPPED_BY_DEP_LIMIT);
-        goto tail;
+        return false;
     }
-    if (VLIBServicectlStatus(JobName(name), process, phase) == 0 && process == 0 &&
+    if (VLIBServicectlStatus(JobName(run.name), process, phase) == 0 && process == 0 &&
         phase == ZARN_JOB_PHASE_FAILED) {
         setResult(PKG_ERR_JOB_ERROR);
-        goto tail;
+        return false;
     }
-    if (run.useScript) {
-        run.script = PMSControlScriptRunner(name, script, info, "status");
+    return true;
+}
+
+// The steps after it up to the script, which is prepared and left to run; an early end answers
+// the run.
+void PackageManager::statusBegin(StatusRun& run) {
+    const PackageInfo& info = run.loaded != nullptr ? *run.loaded : *run.read;
+    bool goesOn = statusGates(run, info);
+    if (goesOn && run.useScript) {
+        run.script = PMSControlScriptRunner(run.name, run.scriptPath, info, "status");
         if (!run.script) {
-            ZLOGERR("Failed to set identity for %s %s", name.c_str(),
+            ZLOGERR("Failed to set identity for %s %s", run.name.c_str(),
                     ZARNLastErrorSuffix().c_str());
             setResult(PKG_ERR_BAD_PACKAGE);
-            goto tail;
+            goesOn = false;
         }
     }
-    return;
-
-tail:
-    run.answered = true;
-    run.answer = statusTail(run, false, 0);
+    if (!goesOn) {
+        run.answered = true;
+        run.answer = statusTail(run, false, 0);
+    }
 }
 
 // The steps from the script's exit status `ret` (ignored without a script) on.

@@ -1,32 +1,29 @@
 #include "platform/parallel_runner.h"
 
-#include <algorithm>
-#include <atomic>
 #include <system_error>
 #include <thread>
 
 #include "platform/log.h"
+#include "platform/parallel_for.h"
 
 namespace ZARNUtils {
 
 struct BackgroundRuns::Impl {
     std::vector<ProcessRunner*> runners;
     std::vector<int> results;
-    // Each worker takes the next runner not yet taken; every result has a place of its own, so
-    // no two workers write the same memory.
-    std::atomic<size_t> next{0};
-    std::vector<std::thread> workers;
+    unsigned width = 0;
+    // Runs the batch over `width` threads, this one among them; every result has a place of its
+    // own, so no two threads write the same memory.
+    std::thread worker;
 
     void work() {
-        for (size_t i = next++; i < runners.size(); i = next++) {
-            results[i] = runners[i]->run();
-        }
+        ZARNParallelFor(
+            runners.size(), [this](size_t i) { results[i] = runners[i]->run(); }, width);
     }
     void join() {
-        for (std::thread& worker : workers) {
+        if (worker.joinable()) {
             worker.join();
         }
-        workers.clear();
     }
 };
 
@@ -35,19 +32,15 @@ BackgroundRuns::BackgroundRuns(std::vector<ProcessRunner*> runners, unsigned wid
     Impl& d = *impl_;
     d.runners = std::move(runners);
     d.results.assign(d.runners.size(), -1);
-    if (width == 0) {
-        width = std::max(1U, std::thread::hardware_concurrency());
+    d.width = width;
+    if (d.runners.empty()) {
+        return;
     }
-    const size_t count = std::min<size_t>(width, d.runners.size());
-    for (size_t i = 0; i < count; ++i) {
-        try {
-            d.workers.emplace_back([&d] { d.work(); });
-        } catch (const std::system_error& e) {
-            // Fewer workers only make the batch slower; without any, wait() runs it.
-            ZLOGERR("Failed to start a worker thread for %zu programs: %s", d.runners.size(),
-                    e.what());
-            break;
-        }
+    try {
+        d.worker = std::thread([&d] { d.work(); });
+    } catch (const std::system_error& e) {
+        // Without a thread of its own the batch runs in wait(), only later.
+        ZLOGERR("Failed to start a worker thread for %zu programs: %s", d.runners.size(), e.what());
     }
 }
 
@@ -56,11 +49,11 @@ BackgroundRuns::~BackgroundRuns() {
 }
 
 std::vector<int> BackgroundRuns::wait() {
-    // Without a worker the caller runs them all itself; any worker takes all that is left.
-    if (impl_->workers.empty()) {
+    if (impl_->worker.joinable()) {
+        impl_->join();
+    } else {
         impl_->work();
     }
-    impl_->join();
     return impl_->results;
 }
 
